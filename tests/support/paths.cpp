@@ -1,0 +1,4 @@
+#include "tests/support/paths.h"
+
+const char* halyard_binary() { return HALYARD_BINARY; }
+const char* halyard_source_dir() { return HALYARD_SOURCE_DIR; }

@@ -1,0 +1,5 @@
+#pragma once
+
+// Where the build put the daemon, and the source tree (for test data).
+const char* halyard_binary();
+const char* halyard_source_dir();
