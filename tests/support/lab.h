@@ -1,0 +1,176 @@
+#pragma once
+
+// End-to-end lab: the real daemon inside private namespaces, with one or two
+// other stations on veth links.
+//
+// The whole test process first moves into a private mount namespace and a
+// private network namespace of its own, so nothing a test does reaches the
+// host's network or its /etc/opt, /var/opt and /opt (fresh tmpfs over each).
+// It also becomes a child subreaper: the daemon's detached process is
+// re-parented to the test, so its own exit status can be observed.
+//
+//   daemon netns:  hd0 10.88.0.1/24   hd1 10.89.0.1/24 (second station only)
+//   station 1:     hs0 10.88.0.2/24
+//   station 2:     hs1 10.89.0.2/24
+//
+// Typical use:
+//   class Startup : public ::testing::Test {
+//   protected:
+//       void SetUp() override { LAB_SETUP_OR_SKIP(lab, 1); }
+//       Lab lab;
+//   };
+//   TEST_F(Startup, Runs) {
+//       pid_t pid = lab.start_daemon({"-z", "proc=3"});
+//       ASSERT_GT(pid, 0) << lab.log();
+//       int fd = lab.udp_socket(lab_station1, 0);
+//       lab.send_to(fd, "10.88.0.1", 137, bytes);
+//       auto answer = lab.recv(fd, 10.0);
+//   }
+// Every wait is bounded by a deadline in seconds; nothing asserts on speed.
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+// Where the daemon keeps its files (inside the lab's tmpfs).
+inline constexpr const char* lab_config_path = "/etc/opt/KORRbase/config.vz";
+inline constexpr const char* lab_log_path = "/var/opt/KORRbase/log.nb";
+inline constexpr const char* lab_home = "/opt/KORRlibs";
+inline constexpr const char* lab_plist_path =
+    "/var/opt/KORRbase/rtdb/realm=NB/program=Halyard/=plist";
+
+// The network namespaces of a lab.
+enum LabSide { lab_daemon = 0, lab_station1 = 1, lab_station2 = 2 };
+
+struct LabDatagram {
+    std::vector<uint8_t> bytes;
+    std::string from;     // dotted sender address
+    uint16_t port = 0;    // sender port
+};
+
+// One time-stamped group of the log: its ctime line and its messages, each
+// without the leading tab and the CR LF.
+struct LabLogGroup {
+    std::string stamp;
+    std::vector<std::string> messages;
+};
+
+// Moves the test process into its private namespaces (once per process).
+// Returns "" or the reason the test must be skipped (not root, no namespaces).
+std::string lab_enter_private_namespaces();
+
+// Splits a log file's text into its groups; text outside any group (a
+// message line before the first stamp) goes into a group with an empty stamp.
+std::vector<LabLogGroup> lab_parse_log(const std::string& text);
+
+// The whole file, or "" when it cannot be read.
+std::string lab_read_file(const std::string& path);
+
+// The "pid" property of a property-list text, or -1 when there is none.
+pid_t lab_plist_pid(const std::string& plist_text);
+
+// Wait status helpers for readable failures: "exited 1", "killed by 15".
+std::string lab_describe_status(int wstatus);
+
+class Lab {
+public:
+    Lab() = default;
+    ~Lab();  // stops every daemon process, closes sockets, unmounts the tmpfs
+    Lab(const Lab&) = delete;
+    Lab& operator=(const Lab&) = delete;
+
+    // Private namespaces, fresh places, the daemon's namespace and 1 or 2
+    // stations. Returns "" or the reason to skip.
+    std::string setup(int stations = 1);
+
+    // The configuration naming the daemon's lab interfaces.
+    std::string default_config() const;
+    bool write_config(const std::string& text);
+    bool write_file(const std::string& path, const std::string& text, mode_t mode = 0644);
+
+    // Runs the daemon binary in the daemon namespace and waits (up to
+    // `seconds`) for the launching process to end. Returns its wait status,
+    // or -1 when it could not be started or did not end. uid/gid >= 0: the
+    // launching process drops to them before exec. The daemon binary is
+    // halyard_binary() unless `binary` is given.
+    int launch(const std::vector<std::string>& args, double seconds = 30.0,
+               int uid = -1, int gid = -1, const char* binary = nullptr);
+
+    // The pid registered in the database, -1 when there is none.
+    pid_t registered_pid() const;
+    // Waits until a live process is registered; its pid, or -1.
+    pid_t wait_registered(double seconds = 20.0) const;
+
+    // Writes the default configuration unless one was written, launches
+    // (expecting status 0) and waits for the registration: the daemon's pid,
+    // or -1 (with the reason in last_error()).
+    pid_t start_daemon(const std::vector<std::string>& args = {}, double seconds = 20.0);
+
+    // SIGTERM, then waits for the process to end; SIGKILL as a last resort.
+    // Returns true when it ended by itself; *wstatus gets its wait status when
+    // it was our child (re-parented), else -1.
+    bool stop_daemon(pid_t pid, double seconds = 20.0, int* wstatus = nullptr);
+
+    // Waits until `pid` has ended; pid -1 means the next re-parented process
+    // that ends (the detached child of a launch). Reaps it and gives its wait
+    // status (-1 when it was not our child) and pid. False on time-out.
+    bool wait_exit(pid_t pid, double seconds, int* wstatus = nullptr,
+                   pid_t* which = nullptr);
+
+    std::string log() const { return lab_read_file(lab_log_path); }
+    std::vector<LabLogGroup> log_groups() const { return lab_parse_log(log()); }
+    // Waits until the log holds `text`.
+    bool wait_log(const std::string& text, double seconds = 20.0) const;
+    // A file of the home directory, "halyard.trc" by default.
+    std::string trace(const std::string& name = "halyard.trc") const;
+    bool wait_trace(const std::string& text, const std::string& name = "halyard.trc",
+                    double seconds = 20.0) const;
+
+    // Whether `pid`'s network namespace has a UDP socket bound to `port`.
+    static bool udp_port_bound(pid_t pid, uint16_t port);
+
+    // A UDP socket created inside a lab namespace, bound to addr:port (addr
+    // "" = any), with broadcasts allowed. Owned by the lab; -1 on failure.
+    int udp_socket(LabSide side, uint16_t port, const std::string& addr = "");
+    bool send_to(int fd, const std::string& addr, uint16_t port,
+                 const std::vector<uint8_t>& bytes);
+    // The next datagram, or nothing when none came within `seconds`.
+    std::optional<LabDatagram> recv(int fd, double seconds);
+
+    // Runs a command (absolute path) in a lab namespace, stdout and stderr
+    // in *out; its wait status, or -1 (killed at the deadline).
+    int run(LabSide side, const std::vector<std::string>& argv,
+            std::string* out = nullptr, double seconds = 30.0);
+
+    static const char* daemon_addr(int station) { return station == 2 ? "10.89.0.1" : "10.88.0.1"; }
+    static const char* station_addr(int station) { return station == 2 ? "10.89.0.2" : "10.88.0.2"; }
+    static const char* daemon_ifname(int station) { return station == 2 ? "hd1" : "hd0"; }
+
+    const std::string& last_error() const { return error_; }
+    int stations() const { return stations_; }
+
+private:
+    int ns_fd(LabSide side) const;
+    void reap();
+    void kill_leftovers();
+
+    bool mounted_ = false;
+    bool config_written_ = false;
+    int stations_ = 0;
+    int daemon_ns_ = -1;
+    int station_ns_[2] = {-1, -1};
+    std::vector<int> sockets_;
+    std::vector<std::pair<pid_t, int>> exits_;   // reaped, not yet reported
+    std::string error_;
+};
+
+// In a fixture's SetUp(): set up the lab or skip the test with the reason.
+#define LAB_SETUP_OR_SKIP(lab, stations)                     \
+    do {                                                     \
+        std::string lab_why_ = (lab).setup(stations);        \
+        if (!lab_why_.empty())                               \
+            GTEST_SKIP() << lab_why_;                        \
+    } while (0)
