@@ -86,7 +86,8 @@ public:
     // stations. Returns "" or the reason to skip.
     std::string setup(int stations = 1);
 
-    // The configuration naming the daemon's lab interfaces.
+    // The configuration naming the daemon's lab interfaces; it ends inside
+    // [transport tcpip], so directives of that section can be appended.
     std::string default_config() const;
     bool write_config(const std::string& text);
     bool write_file(const std::string& path, const std::string& text, mode_t mode = 0644);
