@@ -41,7 +41,9 @@ constexpr size_t UNI_TEXTSIZE = 124;  // the longest text form and its zero byte
 // X(00000abc:000000000def:0000), A(1.2.3), O(0a0b). A length field above 60
 // is read as 60. Static buffer of UNI_TEXTSIZE bytes, valid until the next call.
 const char* uni_ntoa(const UniAddr* ua);
-// Parses any text form, with or without the family letter and parentheses.
+// Parses any text form. Without "F(" in front: a text with a "." is
+// internet, else one with a ":" XNS, else a NetBIOS name if it reads as one,
+// else raw hexadecimal bytes (family O).
 // Static result, valid until the next call; null on failure.
 const UniAddr* uni_aton(const char* text);
 int uni_type(const UniAddr* ua);                   // the family field

@@ -23,7 +23,8 @@ UniAddr make(uint16_t family, const std::vector<uint8_t>& bytes, int len = -1)
     UniAddr ua;
     memset(&ua, 0, sizeof ua);
     ua.family = family;
-    memcpy(ua.addr, bytes.data(), bytes.size());
+    if (!bytes.empty())
+        memcpy(ua.addr, bytes.data(), bytes.size());
     ua.len = uint16_t(len < 0 ? int(bytes.size()) : len);
     return ua;
 }
