@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdarg>
 #include <cstdio>
 
 // The operator log: groups of a time-stamp line and tab-led messages, every
@@ -9,6 +10,8 @@ constexpr int LOG_SET = 10;  // the daemon's message set
 int open_log(const char* path);  // 0, or -1 (logging off); "" turns it off
 void log_new();                  // the next message starts a new group
 [[gnu::format(printf, 1, 2)]] int log_msg(const char* format, ...);
+// log_msg with the arguments as a list; the format sees at most six of them.
+[[gnu::format(printf, 1, 0)]] int log_vmsg(const char* format, va_list ap);
 // Message `number` of `set` from the message file, else `dflt`, logged.
 [[gnu::format(printf, 3, 4)]] int log_catmsg(int set, int number, const char* dflt, ...);
 [[gnu::format(printf, 4, 5)]] int print_catmsg(FILE* stream, int set, int number, const char* dflt, ...);
