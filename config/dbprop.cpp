@@ -157,7 +157,8 @@ int get_prop(char* buf, int size, FILE* f)
 }
 
 // The whole file from its beginning as a new list; lines without a space
-// or starting with one are skipped. 0, or 1.
+// or starting with one are skipped, and so are lines whose name holds a
+// byte that a name may not have. 0, or 1.
 int file_2_props(FILE* f, vz_kvc** list)
 {
     vz_kvcstate st = 0;
@@ -173,6 +174,8 @@ int file_2_props(FILE* f, vz_kvc** list)
         if (sp == nullptr || sp == line)
             continue;
         *sp = '\0';
+        if (!name_ok(line) || strlen(line) != size_t(sp - line))
+            continue;  // a name we could not write back (escaped newline or backslash, NUL)
         if (vz_kvcv_add(list, &st, line, sp + 1, nullptr) != 0)
             return VZDB_NOMEM;  // the list is gone already
     }

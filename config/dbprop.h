@@ -15,7 +15,8 @@
 // The first value of name as a new string, or NULL when there is none.
 int vzdb_prop_get(const vz_kvc* object, const char* name, char** value);
 // The whole list (key = name, value = value) in file order; a missing file
-// is an empty list.
+// is an empty list. Lines without a space, starting with one, or with a
+// NUL, newline or backslash in the name are skipped; a value ends at a NUL.
 int vzdb_prop_list(const vz_kvc* object, vz_kvc** list);
 // Removes every given name, then appends the given pairs whose value is not
 // NULL, in the given order. The file is created when missing, with the
