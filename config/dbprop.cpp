@@ -51,6 +51,13 @@ bool name_ok(const char* name)
     return name != nullptr && name[0] != '\0' && strpbrk(name, " \n\\") == nullptr;
 }
 
+// A reader cuts a logical line at VZDB_LINE - 1 bytes, so a longer property
+// would come back as two: it is refused instead.
+bool fits(const char* name, const char* value)
+{
+    return value == nullptr || strlen(name) + 1 + strlen(value) < size_t(VZDB_LINE);
+}
+
 // Creates "=plist" with the object directory's owner, group and permission
 // bits masked with 0666; the umask is 0777 meanwhile so that nobody else can
 // open it before it has them. A descriptor, or -1.
@@ -265,6 +272,8 @@ int vzdb_prop_lput(const vz_kvc* object, const vz_kvc* list)
     for (const vz_kvc* p = list; p->key != nullptr; p++) {
         if (!name_ok(p->key))
             return VZDB_BADNAME;
+        if (!fits(p->key, p->value))
+            return VZDB_WRITEPROP;
     }
     Plist pl;
     int rc = ob_2_file(object, &pl, kWrite);

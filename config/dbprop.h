@@ -10,7 +10,8 @@
 // Results are the codes of dballoc.h: 4 no such object, 6 the file cannot
 // be opened or created, 9 no lock, 7 a rewrite failed, 1 out of memory, and
 // 3 for a property name that is empty or holds a space, newline or
-// backslash (it could not be read back).
+// backslash, and 7 for a name and value longer than VZDB_LINE - 2 bytes
+// together (neither could be read back; the file is not touched).
 
 // The first value of name as a new string, or NULL when there is none.
 int vzdb_prop_get(const vz_kvc* object, const char* name, char** value);

@@ -326,10 +326,21 @@ TEST(DbProp, FailuresReturnTheirCodes) {
         EXPECT_EQ(vzdb_prop_put(own().get(), "pid", "1"), 6);
         ASSERT_EQ(rmdir(kFile), 0);
 
+        // A property too long to be read back as one line is refused.
+        std::string v509(509, 'v');
+        ASSERT_EQ(vzdb_prop_put(own().get(), "k", v509.c_str()), 0);
+        EXPECT_EQ(vzdb_prop_put(own().get(), "k", (v509 + "v").c_str()), 7);
+        EXPECT_EQ(contents(), "k " + v509 + "\n");
+
         // A full file system: the rewrite fails and says so.
         ASSERT_EQ(mount("t", kDir, "tmpfs", 0, "size=8k,mode=0775"), 0);
         ASSERT_EQ(vzdb_prop_put(own().get(), "small", "1"), 0);
-        EXPECT_EQ(vzdb_prop_put(own().get(), "big", std::string(64 * 1024, 'b').c_str()), 7);
+        Kvc many({{"a", v509.c_str()}, {"b", v509.c_str()}, {"c", v509.c_str()}, {"d", v509.c_str()},
+                  {"e", v509.c_str()}, {"f", v509.c_str()}, {"g", v509.c_str()}, {"h", v509.c_str()},
+                  {"i", v509.c_str()}, {"j", v509.c_str()}, {"k", v509.c_str()}, {"l", v509.c_str()},
+                  {"m", v509.c_str()}, {"n", v509.c_str()}, {"o", v509.c_str()}, {"p", v509.c_str()},
+                  {"q", v509.c_str()}});
+        EXPECT_EQ(vzdb_prop_lput(own().get(), many.get()), 7);
     });
 }
 
