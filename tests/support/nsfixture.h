@@ -20,7 +20,9 @@ bool enter_private_dirs(std::string* why);
 // kept current object starts over too). Failures of GoogleTest assertions in
 // the body are printed by the child and fail the calling test; when the
 // places cannot be made private the calling test is skipped with the reason.
-// Call it as the last statement of a test.
+// Call it as the last statement of a test. A body that starts the daemon
+// also leaves the machine's network (unshare(CLONE_NEWNET)) before the exec;
+// children it forks share its private directories.
 void run_in_private_dirs(const std::function<void()>& body);
 // The same in a forked child that stays in the test's namespace, for bodies
 // that only need a fresh process.

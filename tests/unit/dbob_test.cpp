@@ -86,16 +86,6 @@ TEST(DbObject, CreateRefusesWithoutItsPlaces) {
     });
 }
 
-TEST(DbObject, CreateFailsWhereAComponentIsAFile) {
-    run_in_private_dirs([] {
-        make_root();
-        touch(kRealm);
-        EXPECT_EQ(vzdb_ob_create(own().get()), 5);
-        Kvc realm({{"system", "*"}, {"realm", "NB"}});
-        EXPECT_EQ(vzdb_ob_create(realm.get()), 5);
-    });
-}
-
 TEST(DbTree, PathsOutsideTheDatabaseAreRefused) {
     run_in_private_dirs([] {
         make_root();
