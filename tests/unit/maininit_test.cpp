@@ -60,18 +60,10 @@ TEST_F(Timers, DueTimersLeaveTheTableAndRunInTheOrderAdded)
     check_calls(1002);
     // Both left before either ran: each sees only the 5-second one.
     EXPECT_EQ(events, (std::vector<std::string>{"timer 1 sees 1", "timer 2 sees 1"}));
-    EXPECT_EQ(dg_timer_count(), 1);
-    check_calls(1005);
-    EXPECT_EQ(events.back(), "timer 3 sees 0");
-}
 
-TEST_F(Timers, AddingATimerFirstRunsTheOnesAlreadyDue)
-{
-    dg_timer(1, timer_cb, 7);
-    fake_now = 1003;
-    dg_timer(4, timer_cb, 8);
-    // 7 ran inside the second dg_timer, before 8 was in the table.
-    EXPECT_EQ(events, (std::vector<std::string>{"timer 7 sees 0"}));
+    fake_now = 1006;  // 3 is due: adding a timer runs it first
+    dg_timer(4, timer_cb, 4);
+    EXPECT_EQ(events.back(), "timer 3 sees 0");
     EXPECT_EQ(dg_timer_count(), 1);
 }
 
@@ -98,23 +90,15 @@ TEST_F(Timers, TheAlarmIsArmedForTheEarliestAndOnlyWhenSomethingIsPending)
 {
     dg_timer(7, timer_cb, 1);
     dg_timer(3, timer_cb, 2);
-    dg_timer(5, timer_cb, 3);
-    ASSERT_FALSE(arms.empty());
-    EXPECT_EQ(arms.back(), 3u);
-
-    fake_now = 1003;  // 2 is due; the next wake-up is 2 seconds away
+    fake_now = 1002;
     arms.clear();
-    dg_timer(9, timer_cb, 4);
-    EXPECT_EQ(arms, (std::vector<unsigned>{0, 2}));
+    dg_timer(9, timer_cb, 3);
+    EXPECT_EQ(arms, (std::vector<unsigned>{0, 1})) << "cancelled, then the 3-second one, 1 s away";
 
     arms.clear();
     check_calls(LLONG_MAX);
     set_alarm(fake_now);
     EXPECT_TRUE(arms.empty()) << "no timer pending, no alarm";
-
-    struct sigaction sa;
-    sigaction(SIGALRM, nullptr, &sa);
-    EXPECT_EQ(sa.sa_handler, do_nothing);
 }
 
 TEST_F(Timers, AnEleventhTimerIsRefusedAndThePendingOnesStillWakeTheLoop)
@@ -157,7 +141,9 @@ TEST(DeferredSignals, ASignalRaisedTwiceBeforeTheLoopRunsItsWorkOnce)
     });
 }
 
-TEST(DeferredSignals, RoutesRunInOrderAndASixthIsRefused)
+int cust_noop(int, const uint8_t*, int, const UniAddr*) { return 0; }
+
+TEST(DeferredSignals, RoutesRunInOrderAndASixthSignalOrDescriptorIsRefused)
 {
     IN_CHILD(false, {
         ASSERT_EQ(dg_signal(SIGUSR2, signal_cb), 0);
@@ -174,21 +160,11 @@ TEST(DeferredSignals, RoutesRunInOrderAndASixthIsRefused)
         raise(SIGUSR2);
         check_signals();
         EXPECT_EQ(signal_runs, (std::vector<int>{SIGUSR2, SIGUSR1, SIGUSR2}));
-    });
-}
 
-int cust_noop(int, const uint8_t*, int, const UniAddr*) { return 0; }
-
-TEST(ClientDescriptors, ASixthIsRefused)
-{
-    IN_CHILD(false, {
         for (int i = 0; i < DG_MAX_CUSTFDS; i++)
             ASSERT_EQ(dg_custfd(10 + i, cust_noop), 0);
         EXPECT_EQ(dg_custfd(99, cust_noop), -1);
-        auto t = dg_custfds();
-        ASSERT_EQ(t.size(), size_t(DG_MAX_CUSTFDS));
-        EXPECT_EQ(t[0].fd, 10);
-        EXPECT_EQ(t[4].fd, 14);
+        EXPECT_EQ(dg_custfds().back().fd, 14);
     });
 }
 
@@ -328,20 +304,12 @@ TEST(GetDg, AFailedReceiveEndsTheLoopButAClientDescriptorsOnlyDrops)
         EXPECT_EQ(get_dg(name[0], &from, &data), -2) << "the client descriptor was served";
         EXPECT_EQ(cust_calls, 0) << "nothing was received, so the handler has nothing";
         tcfile = nullptr;
-        fflush(trace);
         rewind(trace);
         char text[256] = {};
-        fread(text, 1, sizeof text - 1, trace);
+        ASSERT_GT(fread(text, 1, sizeof text - 1, trace), 0u);
         EXPECT_EQ(std::string(text), "read_custfd: error in receive: errno " + std::to_string(ENOTSOCK) + "\n");
     });
-    IN_CHILD(false, {
-        int name[2];
-        ASSERT_EQ(pipe(name), 0);
-        ASSERT_EQ(write(name[1], "x", 1), 1);
-        UniAddr from{};
-        uint8_t* data = nullptr;
-        EXPECT_EQ(get_dg(name[0], &from, &data), -1);
-    });
+    // A failed receive on the name socket itself: see the loop test, which ends by it.
 }
 
 }  // namespace

@@ -64,7 +64,7 @@ int record_cust(int fd, const uint8_t* data, int len, const UniAddr* from)
     return 0;
 }
 
-TEST(Datagrams, AUnicastArrivesWholeWithItsSender)
+TEST(Datagrams, AUnicastArrivesWithItsSenderAndAtMost1500Bytes)
 {
     IN_CHILD(true, {
         uint16_t sport, rport;
@@ -73,35 +73,8 @@ TEST(Datagrams, AUnicastArrivesWholeWithItsSender)
         ASSERT_GE(s, 0);
         ASSERT_GE(r, 0);
         UniAddr dest = to("127.0.0.5", rport);
-        auto msg = bytes("hello\0world");
-        EXPECT_EQ(put_ddg(s, msg.data(), int(msg.size()), &dest), int(msg.size()));
-
-        UniAddr from{};
-        uint8_t* data = nullptr;
-        ASSERT_EQ(get_dg(r, &from, &data), int(msg.size()));
-        EXPECT_EQ(std::vector<uint8_t>(data, data + msg.size()), msg);
-        uint32_t addr = 0;
-        int32_t port = 0;
-        ASSERT_EQ(uatoian(&addr, &port, &from), 0);
-        EXPECT_EQ(addr, ip("127.0.0.1"));
-        EXPECT_EQ(port, sport) << "the sender's port, in host order";
-
-        UniAddr odd{};
-        odd.family = 'N';
-        odd.len = 16;
-        EXPECT_EQ(put_ddg(s, msg.data(), int(msg.size()), &odd), -1) << "only internet addresses";
-        EXPECT_EQ(put_ddg(-1, msg.data(), int(msg.size()), &dest), -1) << "a failed sendto";
-    });
-}
-
-TEST(Datagrams, ReceivesAtMost1500Bytes)
-{
-    IN_CHILD(true, {
-        uint16_t sport, rport;
-        int s = bound("127.0.0.1", &sport);
-        int r = bound("127.0.0.5", &rport);
-        UniAddr dest = to("127.0.0.5", rport);
-        const struct { int sent, got; } cases[] = {{1500, 1500}, {1600, 1500}, {0, 0}};
+        UniAddr sender = to("127.0.0.1", sport);
+        const struct { int sent, got; } cases[] = {{11, 11}, {1500, 1500}, {1600, 1500}, {0, 0}};
         for (const auto& c : cases) {
             SCOPED_TRACE(c.sent);
             std::vector<uint8_t> msg(size_t(c.sent));
@@ -112,7 +85,14 @@ TEST(Datagrams, ReceivesAtMost1500Bytes)
             uint8_t* data = nullptr;
             ASSERT_EQ(get_dg(r, &from, &data), c.got);
             EXPECT_TRUE(std::equal(data, data + c.got, msg.begin()));
+            EXPECT_EQ(memcmp(&from, &sender, sizeof from), 0) << "address and port of the sender";
         }
+
+        UniAddr odd{};
+        odd.family = 'N';
+        odd.len = 16;
+        EXPECT_EQ(put_ddg(s, nullptr, 0, &odd), -1) << "only internet addresses";
+        EXPECT_EQ(put_ddg(-1, nullptr, 0, &dest), -1) << "a failed sendto";
     });
 }
 
@@ -150,10 +130,6 @@ TEST(Datagrams, EachBroadcastGoesToItsOwnInterfacesAddress)
         ASSERT_TRUE(readable(r1));
         EXPECT_EQ(take(r0), "to all");
         EXPECT_EQ(take(r1), "to all");
-        UniAddr dest = to("127.0.0.3", port);
-        EXPECT_EQ(dg_dsend(c.data(), 2, &dest), 2);
-        ASSERT_TRUE(readable(r1));
-        EXPECT_EQ(take(r1), "to");
     });
 }
 
@@ -185,7 +161,8 @@ TEST(Datagrams, ClientDescriptorsAreServedOnePerCallBeforeTheNameSocket)
         ASSERT_EQ(cust_seen.size(), 1u);
         EXPECT_EQ(cust_seen[0].fd, ens1) << "table order, not arrival order";
         EXPECT_EQ(cust_seen[0].data, "first");
-        EXPECT_EQ(cust_seen[0].from, uni_ntoa(&(from = to("127.0.0.1", sport))));
+        UniAddr sender = to("127.0.0.1", sport);
+        EXPECT_EQ(cust_seen[0].from, uni_ntoa(&sender));
         EXPECT_EQ(get_dg(name, &from, &data), -2);
         ASSERT_EQ(cust_seen.size(), 2u);
         EXPECT_EQ(cust_seen[1].data, "second");
