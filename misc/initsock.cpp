@@ -1,0 +1,94 @@
+#include "misc/initsock.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "nmtrace.h"
+
+int s_sendbuf = -1;
+int s_recvbuf = -1;
+
+namespace {
+
+constexpr int RECVBUF_MAX = 16384;  // larger receive buffers are cut to this
+
+struct sockaddr_in myaddr;  // the last socket's address, reused by every call
+
+// Each option from a 4-byte integer; a failure is only traced.
+void set_opt(int s, int option, int32_t value, const char* what)
+{
+    if (setsockopt(s, SOL_SOCKET, option, &value, sizeof value) < 0)
+        TRACE(proc, 1, "init_sock: %s: errno %d\n", what, errno);
+}
+
+void stream_options(int s)
+{
+    set_opt(s, SO_REUSEADDR, 1, "setsockopt 1");
+    set_opt(s, SO_KEEPALIVE, 1, "setsockopt 2");
+    if (s_sendbuf > 0)
+        set_opt(s, SO_SNDBUF, s_sendbuf, "setsockopt 3");
+    if (s_recvbuf <= 0) {
+        int32_t current = 0;
+        socklen_t len = sizeof current;
+        if (getsockopt(s, SOL_SOCKET, SO_RCVBUF, &current, &len) == 0 && current > RECVBUF_MAX) {
+            TRACE(proc, 5, "init_sock: resetting RCVBUF from %d to %d\n", int(current), RECVBUF_MAX);
+            s_recvbuf = RECVBUF_MAX;
+        }
+    }
+    if (s_recvbuf > 0)
+        set_opt(s, SO_RCVBUF, s_recvbuf, "setsockopt 4");
+}
+
+}  // namespace
+
+int init_sock(uint32_t addr, uint16_t* port, int stream)
+{
+    myaddr = {};
+    myaddr.sin_family = AF_INET;
+    myaddr.sin_port = htons(*port);
+    myaddr.sin_addr.s_addr = addr;
+
+    int s = socket(AF_INET, stream ? SOCK_STREAM : SOCK_DGRAM, 0);
+    if (s < 0) {
+        TRACE(proc, 1, "init_sock: socket call: errno %d\n", errno);
+        return -1;
+    }
+    if (stream)
+        stream_options(s);
+    else
+        set_opt(s, SO_BROADCAST, 1, "setsockopt call");
+
+    if (bind(s, reinterpret_cast<struct sockaddr*>(&myaddr), sizeof myaddr) < 0) {
+        TRACE(proc, 1, "init_sock: bind call: errno %d\n", errno);
+        close(s);
+        return -1;
+    }
+    if (*port == 0) {
+        socklen_t len = sizeof myaddr;
+        if (getsockname(s, reinterpret_cast<struct sockaddr*>(&myaddr), &len) == 0)
+            *port = ntohs(myaddr.sin_port);
+    }
+    if (stream && listen(s, 1) < 0) {
+        TRACE(proc, 1, "init_sock: listen: errno %d\n", errno);
+        close(s);
+        return -1;
+    }
+    TRACE(proc, 3, "init_sock: socket creation succeeds, sock = %d\n", s);
+    return s;
+}
+
+int temp_socket()
+{
+    int s = socket(AF_INET, SOCK_DGRAM, 0);
+    if (s < 0)
+        TRACE(proc, 1, "temp_socket: socket call: errno %d\n", errno);
+    return s;
+}
+
+int temp_s_close(int s)
+{
+    return close(s);
+}

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <span>
+
+#include "shr/uniconv.h"
+
+// The name-service socket, -1 when there is none.
+extern int dg_fd;
+
+// One-shot timers, run from the loop. Room for 10.
+using dg_timer_fn = void (*)(int32_t arg);
+constexpr int DG_MAX_CALLS = 10;
+int dg_timer(int interval, dg_timer_fn fn, int32_t arg);  // 0, or -1 when full
+void check_calls(time_t now);  // runs every timer due at or before now
+void set_alarm(time_t now);    // arms the alarm for the earliest pending timer
+void do_nothing(int sig);      // the alarm's handler: it only wakes the loop
+int dg_timer_count();          // timers pending
+
+// Signals whose work runs in the loop, not in the handler. Room for 5.
+using dg_signal_fn = void (*)(int sig);
+constexpr int DG_MAX_SIGNALS = 5;
+int dg_signal(int sig, dg_signal_fn fn);  // 0, or -1 when full
+void signal_hndlr(int sig);               // marks the signal's entries
+void check_signals();                     // runs the marked entries' work
+
+// Descriptors polled beside the name-service socket; the handler gets every
+// datagram that arrives on its descriptor. Its result is ignored. Room for 5.
+using dg_custfd_fn = int (*)(int fd, const uint8_t* data, int len, const UniAddr* from);
+struct CustFd {
+    int fd;
+    dg_custfd_fn handler;
+};
+constexpr int DG_MAX_CUSTFDS = 5;
+int dg_custfd(int fd, dg_custfd_fn handler);  // 0, or -1 when full
+std::span<const CustFd> dg_custfds();         // in the order registered
+
+int dg_reinit();  // asks the loop for a re-initialisation; 0
+int do_reinit();  // runs it: the re-initialisation's result
+
+// The loop: returns only when receiving on the name-service socket failed.
+int recv_datagrams();
+
+// Sends on the name-service socket: broadcast on interface entry index at the
+// name-service port, broadcast on every interface, unicast to `to`.
+int dg_bsend(const uint8_t* data, int len, int index);
+int dg_allbcast(const uint8_t* data, int len);
+int dg_dsend(const uint8_t* data, int len, const UniAddr* to);
+
+// Where the loop hands its work on; the start-up sets both before the loop
+// runs. A null receiver drops name-service datagrams; a null re-initialiser
+// makes every re-initialisation fail.
+using dg_recv_fn = void (*)(const UniAddr* from, const uint8_t* data, int len);
+using dg_redo_fn = int (*)();
+void dg_set_work(dg_recv_fn recv, dg_redo_fn redo);
+
+// The timers' clock and alarm; null restores time() and alarm(). Tests run
+// the timer table on a clock of their own.
+using dg_time_fn = time_t (*)();
+using dg_alarm_fn = unsigned (*)(unsigned seconds);
+void dg_set_clock(dg_time_fn now, dg_alarm_fn arm);

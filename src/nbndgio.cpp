@@ -1,0 +1,202 @@
+#include "src/nbndgio.h"
+
+#include <arpa/inet.h>
+#include <array>
+#include <cerrno>
+#include <ctime>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "nmtrace.h"
+#include "shr/fxdump.h"
+#include "shr/uniinet.h"
+#include "shr/vzpoll.h"
+#include "src/maininit.h"
+#include "src/namelogin.h"
+
+namespace {
+
+uint8_t recv_buf[DG_BUFSIZE];  // shared by the name-service socket and the client descriptors
+struct sockaddr_in broad;      // refilled for every broadcast
+
+const char* ctime_now()
+{
+    time_t now = time(nullptr);
+    const char* s = ctime(&now);
+    return s != nullptr ? s : "(time out of range)\n";
+}
+
+void dump_out(const uint8_t* data, int len)
+{
+    if (tcfile != nullptr && tc_out >= 6) {
+        dg_dump(tcfile, data, len);
+        fflush(tcfile);
+    }
+}
+
+// The received datagram's trace: sizes and sender at in level 1, the bytes at 6.
+void trace_received(const char* who, int len, const struct sockaddr_in& sin, const UniAddr* from,
+                    const uint8_t* data)
+{
+    if (tcfile == nullptr || tc_in < 1)
+        return;
+    TRACE(in, 1, "\n%s: receive size %d, family %d\n", who, len, int(sin.sin_family));
+    TRACE(in, 1, "          addr %s\n", uni_ntoa(from));
+    if (tc_in >= 6)
+        dg_dump(tcfile, data, len);
+    fflush(tcfile);
+}
+
+// recvfrom into buf; the sender as a universal address (port in host order).
+ssize_t receive(int fd, uint8_t* buf, struct sockaddr_in* sin, UniAddr* from)
+{
+    *sin = {};
+    socklen_t slen = sizeof *sin;
+    ssize_t n = recvfrom(fd, buf, DG_BUFSIZE, 0, reinterpret_cast<struct sockaddr*>(sin), &slen);
+    if (n >= 0)
+        iantoua(from, sin->sin_addr.s_addr, ntohs(sin->sin_port));
+    return n;
+}
+
+}  // namespace
+
+int put_ddg(int fd, const uint8_t* data, int len, const UniAddr* to)
+{
+    TRACE(out, 1, "put_ddg sending packet to address %s\n", uni_ntoa(to));
+    dump_out(data, len);
+
+    uint32_t addr = 0;
+    int32_t port = 0;
+    if (uatoian(&addr, &port, to) < 0) {
+        // Only internet addresses can be sent to; nothing goes out.
+        TRACE(out, 1, "put_ddg: not an internet address: %s\n", uni_ntoa(to));
+        return -1;
+    }
+    struct sockaddr_in sin = {};
+    sin.sin_family = AF_INET;
+    sin.sin_port = htons(uint16_t(port < 0 ? 0 : port));
+    sin.sin_addr.s_addr = addr;
+
+    ssize_t n = sendto(fd, data, size_t(len < 0 ? 0 : len), 0, reinterpret_cast<struct sockaddr*>(&sin),
+                       sizeof sin);
+    if (n < 0)
+        TRACE(out, 1, "\nput_ddg:  error in sendto: errno %d\n", errno);
+    else
+        TRACE(out, 2, "\nput_ddg: sent %d bytes\n", int(n));
+    return int(n);
+}
+
+int put_bdg(int fd, const uint8_t* data, int len, int index, uint16_t port)
+{
+    TRACE(out, 1, "put_bgd: fd %d size %d\n", fd, len);
+    if (index < 0 || index >= my_addr_ct || my_addr == nullptr) {
+        TRACE(out, 1, "put_bdg: no interface entry %d\n", index);
+        return -1;
+    }
+    broad = {};
+    broad.sin_family = AF_INET;
+    broad.sin_port = htons(port);
+    broad.sin_addr.s_addr = my_addr[index].bcast;
+
+    TRACE(out, 3, "put_bdg: using broadcast address --\n");
+    TRACE(out, 3, "          addr %s, port %d, family %d\n\n", nm_ntoa(broad.sin_addr.s_addr), int(port),
+          int(broad.sin_family));
+    TRACE(out, 1, "put_bdg sending broadcast packet %s", ctime_now());
+    dump_out(data, len);
+
+    ssize_t n = sendto(fd, data, size_t(len < 0 ? 0 : len), 0, reinterpret_cast<struct sockaddr*>(&broad),
+                       sizeof broad);
+    if (n < 0)
+        TRACE(out, 1, "\nput_bdg: error in send: errno %d\n", errno);
+    else
+        TRACE(out, 2, "\nput_bdg: sent %d bytes\n", int(n));
+    return int(n);
+}
+
+int get_dg(int fd, UniAddr* from, uint8_t** data)
+{
+    if (fd < 0) {
+        // No name-service socket: only a signal can bring work.
+        pause();
+        TRACE(proc, 1, "get_dg: pause returned\n");
+        return -2;
+    }
+    *data = recv_buf;
+
+    std::span<const CustFd> cust = dg_custfds();
+    std::array<struct pollfd, DG_MAX_CUSTFDS + 1> fds{};
+    size_t nfds = 0;
+    for (const CustFd& c : cust)
+        fds[nfds++] = {c.fd, POLLIN, 0};
+    fds[nfds++] = {fd, POLLIN, 0};  // last: client descriptors are served first
+
+    int r = vz_poll(fds.data(), int(nfds));
+    TRACE(in, 2, "vz_poll returns %d\n", r);
+    if (r < 0) {
+        TRACE(in, 1, "get_dg: vz_poll returned %d\n", r);
+        return r == -2 ? -2 : -1;
+    }
+
+    // One client descriptor per call, and then not the name-service socket:
+    // the loop runs its timers and signals between any two datagrams. Any
+    // event counts, so that an error on a descriptor is read and traced
+    // rather than left to wake every poll.
+    for (size_t i = 0; i < cust.size(); i++) {
+        if (fds[i].revents != 0) {
+            TRACE(in, 2, "get_dg: calling customer fd index %d\n", int(i));
+            read_custfd(int(i), recv_buf);
+            return -2;
+        }
+    }
+
+    struct sockaddr_in sin;
+    ssize_t n = receive(fd, recv_buf, &sin, from);
+    if (n < 0) {
+        if (errno == EINTR) {
+            TRACE(proc, 1, "get_dg: interrupted system call\n");
+            return -2;
+        }
+        TRACE(proc, 1, "get_dg: error in receive: errno %d\n", errno);
+        return -1;
+    }
+    TRACE(in, 2, "get_dg: get %d bytes from name descriptor\n", int(n));
+    trace_received("get_dg", int(n), sin, from, recv_buf);
+    return int(n);
+}
+
+int read_custfd(int index, uint8_t* buffer)
+{
+    std::span<const CustFd> cust = dg_custfds();
+    if (index < 0 || size_t(index) >= cust.size())
+        return -1;
+    const CustFd& c = cust[size_t(index)];
+
+    struct sockaddr_in sin;
+    UniAddr from{};
+    ssize_t n = receive(c.fd, buffer, &sin, &from);
+    if (n < 0) {
+        if (errno == EINTR)
+            TRACE(proc, 1, "read_custfd: interrupted system call\n");
+        else
+            TRACE(proc, 1, "read_custfd: error in receive: errno %d\n", errno);
+        return -1;
+    }
+    trace_received("read_custfd", int(n), sin, &from, buffer);
+    c.handler(c.fd, buffer, int(n), &from);
+    return int(n);
+}
+
+void dg_dump(FILE* stream, const uint8_t* data, int len)
+{
+    fprintf(stream, "Packet contents:\n");
+    dump_bytes(stream, data, len);
+    fprintf(stream, "\n");
+}
+
+const char* nm_ntoa(uint32_t addr)
+{
+    struct in_addr a;
+    a.s_addr = addr;
+    return inet_ntoa(a);
+}
