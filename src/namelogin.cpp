@@ -1,5 +1,20 @@
 #include "src/namelogin.h"
 
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "nmtrace.h"
+#include "shr/logging.h"
+#include "shr/uniconv.h"
+#include "shr/vzparse.h"
+#include "shr/vzstrdup.h"
+
+const char* prog = "Halyard";
+
 int transport_tcpip = 0;
 int transport_vznbu = 0;
 if_entry* my_addr = nullptr;
@@ -10,3 +25,580 @@ uint32_t nda_addr[MAX_NDA] = {};
 int nda_ct = 0;
 uint32_t broadcast_addr = 0;
 char nb_scope[256] = "";
+
+namespace {
+
+// Message numbers of set LOG_SET.
+constexpr int MSG_ERRLINE = 173;
+constexpr int MSG_NOFILE = 174;
+constexpr int MSG_ONOFF = 175;
+constexpr int MSG_ADDR_TWICE = 176;
+constexpr int MSG_BCAST_TWICE = 177;
+constexpr int MSG_ENSPORT_TWICE = 178;
+constexpr int MSG_NAMEPORT_TWICE = 179;
+constexpr int MSG_NDPORT_TWICE = 180;
+constexpr int MSG_MASK_TWICE = 181;
+constexpr int MSG_SESSPORT_TWICE = 182;
+constexpr int MSG_MANY_IF = 183;
+constexpr int MSG_IGNORING = 184;
+constexpr int MSG_MANY_NDA = 190;
+constexpr int MSG_WANT_IP = 193;
+constexpr int MSG_WANT_FORM = 194;
+constexpr int MSG_WANT_BCAST = 195;
+constexpr int MSG_WANT_MASK = 196;
+constexpr int MSG_WANT_PORT = 197;
+constexpr int MSG_PARSE = 199;
+constexpr int MSG_PARSE_TEXT = 200;
+constexpr int MSG_WANT_SCOPE = 202;
+constexpr int MSG_IF_NOMEM = 204;
+constexpr int MSG_IF_NOADDR = 205;
+constexpr int MSG_WANT_TRANSPORT = 206;
+constexpr int MSG_EMPTY = 532;
+
+// Flags of a working interface row.
+constexpr uint32_t IF_ADDR = 1;
+constexpr uint32_t IF_BCAST = 2;
+constexpr uint32_t IF_MASK = 4;
+
+struct IfRow {
+    uint32_t flags;
+    char* name;     // heap copy of the section head's third word
+    if_entry ent;
+};
+
+// The interface sections as they are read; only alive during namelogin.
+std::array<IfRow, MAX_INTERFACES> if_rows;
+int if_row_ct = 0;
+int8_t if_cur = -1;  // -1: the current section is not kept
+
+// The result table; my_addr points here once a file was read.
+std::array<if_entry, MAX_INTERFACES> addr_table;
+
+// "I(" + word + ")" must fit the 128-character limit of the internet parser.
+constexpr size_t SYN_IP_MAXWORD = 123;
+
+// The first of the pair that reports a bad directive; its caller logs the detail.
+void bad_line(int line)
+{
+    log_catmsg(LOG_SET, MSG_ERRLINE, "%s: error in config file at line %d", prog, line);
+}
+
+// strtol over a whole word: at least one character read, nothing left, no
+// overflow. A value above INT_MAX is refused like an overflow, since the
+// result is an int; -1 for that, a negative value or a malformed word.
+int whole_number(const char* word, int base)
+{
+    if (word == nullptr || word[0] == '\0')
+        return -1;
+    char* end = nullptr;
+    errno = 0;
+    long v = strtol(word, &end, base);
+    if (errno != 0 || end == word || *end != '\0' || v < 0 || v > INT_MAX)
+        return -1;
+    return int(v);
+}
+
+bool is_letter(unsigned char c)
+{
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
+bool is_digit(unsigned char c)
+{
+    return c >= '0' && c <= '9';
+}
+
+unsigned char fold_upper(unsigned char c)
+{
+    return c >= 'a' && c <= 'z' ? static_cast<unsigned char>(c - 'a' + 'A') : c;
+}
+
+// The value of a port directive: one positive number, or -1.
+int port_value(int argc, char** argv)
+{
+    return argc == 2 ? syn_pos(argv[1]) : -1;
+}
+
+void want_port(int line)
+{
+    bad_line(line);
+    log_catmsg(LOG_SET, MSG_WANT_PORT, "    expecting positive port number");
+}
+
+// The row that interface directives fill, null in a section beyond the table.
+IfRow* current_row()
+{
+    return if_cur >= 0 && if_cur < if_row_ct ? &if_rows[static_cast<size_t>(if_cur)] : nullptr;
+}
+
+// The address of an interface directive: one word, or false.
+bool if_value(int argc, char** argv, uint32_t* v)
+{
+    return argc == 2 && syn_ip(argv[1], v) == 0;
+}
+
+void clear_rows()
+{
+    for (int i = 0; i < if_row_ct; i++) {
+        free(if_rows[static_cast<size_t>(i)].name);
+        if_rows[static_cast<size_t>(i)] = IfRow{};
+    }
+    if_row_ct = 0;
+    if_cur = -1;
+}
+
+// The three passes: which sections each reads and how.
+const char* const realm_pattern[] = {"realm", "NB", nullptr};
+const char* const interface_pattern[] = {"interface", "tcpip", "", nullptr};
+const char* const transport_pattern[] = {"transport", "tcpip", nullptr};
+
+const vz_par_tabent realm_table[] = {
+    {"transport", do_transport},
+    {"", do_dontcare},
+    {nullptr, nullptr},
+};
+const vz_par_tabent interface_table[] = {
+    {"address", do_address},
+    {"broadcast", do_broadcast},
+    {"netmask", do_netmask},
+    {"", do_dontcare},
+    {nullptr, nullptr},
+};
+const vz_par_tabent transport_table[] = {
+    {"NB-scope", do_scope},
+    {"NB-name-port", do_nameport},
+    {"NB-session-port", do_sessport},
+    {"NB-ens-port", do_ensport},
+    {"NB-ensclient", do_ensclient},
+    {"NB-nd-addr", do_ndaddr},
+    {"NB-nd-port", do_ndport},
+    {"bcast-style", do_bcaststyle},
+    {"", do_dontcare},
+    {nullptr, nullptr},
+};
+
+}  // namespace
+
+int namelogin(const char* path)
+{
+    log_new();
+    FILE* f = fopen(path, "r");
+    if (f == nullptr) {
+        log_catmsg(LOG_SET, MSG_NOFILE, "%s: cannot open config file %s", prog, path);
+        return 0;
+    }
+
+    transport_tcpip = 0;
+    transport_vznbu = 0;
+    vz_parse(f, parse_err, nullptr, realm_pattern, realm_table);
+    if (transport_tcpip == 0) {
+        fclose(f);
+        return 0;
+    }
+
+    rewind(f);
+    clear_rows();
+    vz_parse(f, parse_err, inter_section, interface_pattern, interface_table);
+
+    my_addr = addr_table.data();
+    my_addr_ct = 0;
+    for (int i = 0; i < if_row_ct; i++) {
+        const IfRow& row = if_rows[static_cast<size_t>(i)];
+        if (row.flags & IF_ADDR) {
+            my_addr[my_addr_ct++] = row.ent;
+        } else {
+            log_catmsg(LOG_SET, MSG_IF_NOADDR, "%s: tcpip interface %s has no address", prog,
+                       row.name);
+            log_catmsg(LOG_SET, MSG_IGNORING, "    ignoring");
+        }
+    }
+    clear_rows();
+
+    rewind(f);
+    vz_parse(f, parse_err, nullptr, transport_pattern, transport_table);
+    fclose(f);
+    return 0;
+}
+
+int name_reinit(const char* path)
+{
+    TRACE(proc, 2, "name_reinit(%s) called.\n", path);
+    return 0;
+}
+
+void name_settings_clear()
+{
+    clear_rows();
+    transport_tcpip = 0;
+    transport_vznbu = 0;
+    addr_table = {};
+    my_addr = nullptr;
+    my_addr_ct = 0;
+    nmport = dgport = ssport = ndport = ensport = 0;
+    ens_client = 0;
+    memset(nda_addr, 0, sizeof nda_addr);
+    nda_ct = 0;
+    broadcast_addr = 0;
+    nb_scope[0] = '\0';
+}
+
+int parse_err(int, char**, int line, const char* message, const char*)
+{
+    log_catmsg(LOG_SET, MSG_PARSE, "%s: error occurred parsing config file on line %d", prog,
+               line);
+    log_catmsg(LOG_SET, MSG_PARSE_TEXT, "    %s", message != nullptr ? message : "out of memory");
+    return 0;
+}
+
+int inter_section(int argc, char** argv, int, const char*)
+{
+    if (argc < 3 || argv[2] == nullptr) {
+        if_cur = -1;
+        return 0;
+    }
+    const char* name = argv[2];
+    for (int i = 0; i < if_row_ct; i++) {
+        if (strcmp(if_rows[static_cast<size_t>(i)].name, name) == 0) {
+            if_cur = static_cast<int8_t>(i);
+            return 0;
+        }
+    }
+    if (if_row_ct >= MAX_INTERFACES) {
+        log_catmsg(LOG_SET, MSG_MANY_IF, "%s: too many interfaces in config file", prog);
+        if_cur = -1;
+        return 0;
+    }
+    IfRow& row = if_rows[static_cast<size_t>(if_row_ct)];
+    row = IfRow{};
+    row.name = vz_strdup(name);
+    if (row.name == nullptr) {
+        log_catmsg(LOG_SET, MSG_IF_NOMEM, "%s: error allocating memory for tcpip interface %s",
+                   prog, name);
+        // The row is not counted, so its directives have nowhere to go.
+        if_cur = -1;
+        return 0;
+    }
+    if_cur = static_cast<int8_t>(if_row_ct++);
+    return 0;
+}
+
+int do_dontcare(int, char**, int, char**, int, const char*)
+{
+    return 0;
+}
+
+int do_transport(int, char**, int argc, char** argv, int line, const char*)
+{
+    int t = argc == 2 ? syn_transport(argv[1]) : -1;
+    if (t == 0) {
+        transport_tcpip++;
+    } else if (t == 1) {
+        transport_vznbu++;
+    } else {
+        bad_line(line);
+        log_catmsg(LOG_SET, MSG_WANT_TRANSPORT, "    tcpip/vznbu expected");
+    }
+    return 0;
+}
+
+int do_address(int, char**, int argc, char** argv, int line, const char*)
+{
+    IfRow* row = current_row();
+    uint32_t v = 0;
+    if (row == nullptr)
+        return 0;
+    if (!if_value(argc, argv, &v)) {
+        bad_line(line);
+        log_catmsg(LOG_SET, MSG_WANT_IP, "    expecting IP address");
+    } else if (row->flags & IF_ADDR) {
+        bad_line(line);
+        log_catmsg(LOG_SET, MSG_ADDR_TWICE, "    address for interface already specified");
+    } else {
+        row->ent.addr = v;
+        row->flags |= IF_ADDR;
+    }
+    return 0;
+}
+
+int do_broadcast(int, char**, int argc, char** argv, int line, const char*)
+{
+    IfRow* row = current_row();
+    uint32_t v = 0;
+    if (row == nullptr)
+        return 0;
+    if (!if_value(argc, argv, &v)) {
+        bad_line(line);
+        log_catmsg(LOG_SET, MSG_WANT_BCAST, "    expecting IP broadcast address");
+    } else if (row->flags & IF_BCAST) {
+        bad_line(line);
+        log_catmsg(LOG_SET, MSG_BCAST_TWICE,
+                   "    broadcast address for interface already specified");
+    } else {
+        row->ent.bcast = v;
+        row->flags |= IF_BCAST;
+    }
+    return 0;
+}
+
+int do_netmask(int, char**, int argc, char** argv, int line, const char*)
+{
+    IfRow* row = current_row();
+    uint32_t v = 0;
+    if (row == nullptr)
+        return 0;
+    if (!if_value(argc, argv, &v)) {
+        bad_line(line);
+        log_catmsg(LOG_SET, MSG_WANT_MASK, "    expecting IP netmask");
+    } else if (row->flags & IF_MASK) {
+        bad_line(line);
+        log_catmsg(LOG_SET, MSG_MASK_TWICE, "    netmask for interface already specified");
+    } else {
+        row->ent.mask = v;
+        row->flags |= IF_MASK;
+    }
+    return 0;
+}
+
+int do_scope(int, char**, int argc, char** argv, int line, const char*)
+{
+    // nb_scope keeps 255 characters and its NUL; a longer scope would not
+    // fit a name-service packet either (RFC 1002 4.1: names up to 255 bytes).
+    if (argc != 2 || !valid_scope(argv[1]) || strlen(argv[1]) >= sizeof nb_scope) {
+        bad_line(line);
+        log_catmsg(LOG_SET, MSG_WANT_SCOPE, "    expecting valid scope name");
+        return 0;
+    }
+    memcpy(nb_scope, argv[1], strlen(argv[1]) + 1);
+    TRACE(proc, 3, "nbscope: %s\n", nb_scope);
+    return 0;
+}
+
+// A port keeps the low 16 bits of its value; no upper bound is checked.
+int do_nameport(int, char**, int argc, char** argv, int line, const char*)
+{
+    int v = port_value(argc, argv);
+    if (v < 0) {
+        want_port(line);
+    } else if (nmport != 0) {
+        bad_line(line);
+        log_catmsg(LOG_SET, MSG_NAMEPORT_TWICE, "    NB-name-port already set");
+    } else {
+        nmport = static_cast<uint16_t>(v);
+        TRACE(proc, 3, "do_nameport: %d\n", v);
+    }
+    return 0;
+}
+
+int do_sessport(int, char**, int argc, char** argv, int line, const char*)
+{
+    int v = port_value(argc, argv);
+    if (v < 0) {
+        want_port(line);
+    } else if (ssport != 0) {
+        bad_line(line);
+        log_catmsg(LOG_SET, MSG_SESSPORT_TWICE, "    NB-session-port already set");
+    } else {
+        ssport = static_cast<uint16_t>(v);
+        TRACE(proc, 3, "do_sessport: %d\n", v);
+    }
+    return 0;
+}
+
+int do_ensport(int, char**, int argc, char** argv, int line, const char*)
+{
+    int v = port_value(argc, argv);
+    if (v < 0) {
+        want_port(line);
+    } else if (ensport != 0) {
+        bad_line(line);
+        log_catmsg(LOG_SET, MSG_ENSPORT_TWICE, "    NB-ens-port already set");
+    } else {
+        ensport = static_cast<uint16_t>(v);
+        TRACE(proc, 3, "do_ensport: %d\n", v);
+    }
+    return 0;
+}
+
+int do_ndport(int, char**, int argc, char** argv, int line, const char*)
+{
+    int v = port_value(argc, argv);
+    if (v < 0) {
+        want_port(line);
+    } else if (ndport != 0) {
+        bad_line(line);
+        log_catmsg(LOG_SET, MSG_NDPORT_TWICE, "    NB-nd-port already set");
+    } else {
+        ndport = static_cast<uint16_t>(v);
+        TRACE(proc, 3, "do_ndport: %d\n", v);
+    }
+    return 0;
+}
+
+int do_ensclient(int, char**, int argc, char** argv, int line, const char*)
+{
+    int v = argc == 2 ? syn_onoff(argv[1]) : -1;
+    if (v < 0) {
+        bad_line(line);
+        log_catmsg(LOG_SET, MSG_ONOFF, "    expecting on/off");
+        return 0;
+    }
+    ens_client = v;
+    TRACE(proc, 3, "do_ensclient: %d\n", v);
+    return 0;
+}
+
+// All agents are listed in one directive; a second one is refused whole.
+int do_ndaddr(int, char**, int argc, char** argv, int line, const char*)
+{
+    if (nda_ct != 0) {
+        log_catmsg(LOG_SET, MSG_MANY_NDA, "%s: too many NB-nd-addr's in config file", prog);
+        log_catmsg(LOG_SET, MSG_IGNORING, "    ignoring");
+        return 0;
+    }
+    if (argc < 2) {
+        log_catmsg(LOG_SET, MSG_EMPTY, "%s: Ignoring empty %s directive, line %d", prog, argv[0],
+                   line);
+        TRACE(err, 1, "nol_dodef: empty %s directive\n", argv[0]);
+        return 0;
+    }
+    for (int i = 1; i < argc; i++) {
+        uint32_t a = 0;
+        if (syn_ip(argv[i], &a) < 0) {
+            bad_line(line);
+            log_catmsg(LOG_SET, MSG_WANT_IP, "    expecting IP address");
+            return 0;
+        }
+        if (nda_ct >= MAX_NDA) {
+            log_catmsg(LOG_SET, MSG_MANY_NDA, "%s: too many NB-nd-addr's in config file", prog);
+            log_catmsg(LOG_SET, MSG_IGNORING, "    ignoring");
+            return 0;
+        }
+        nda_addr[nda_ct++] = a;
+        TRACE(proc, 3, "do_ndaddr: %s\n", argv[i]);
+    }
+    return 0;
+}
+
+int do_bcaststyle(int, char**, int argc, char** argv, int line, const char*)
+{
+    uint32_t v = 0;
+    if (argc != 2 || syn_ip(argv[1], &v) < 0) {
+        bad_line(line);
+        log_catmsg(LOG_SET, MSG_WANT_FORM, "    expecting IP address (form)");
+        return 0;
+    }
+    broadcast_addr = v;
+    return 0;
+}
+
+int syn_nonneg(const char* word)
+{
+    return whole_number(word, 0);
+}
+
+int syn_pos(const char* word)
+{
+    int v = whole_number(word, 0);
+    return v >= 1 ? v : -1;
+}
+
+int syn_octal(const char* word)
+{
+    return whole_number(word, 8);
+}
+
+int syn_onoff(const char* word)
+{
+    if (strcmp(word, "on") == 0)
+        return 1;
+    if (strcmp(word, "off") == 0)
+        return 0;
+    return -1;
+}
+
+int syn_transport(const char* word)
+{
+    if (strcmp(word, "tcpip") == 0)
+        return 0;
+    if (strcmp(word, "vznbu") == 0)
+        return 1;
+    return -1;
+}
+
+int syn_ip(const char* word, uint32_t* addr)
+{
+    size_t n = strnlen(word, SYN_IP_MAXWORD + 1);
+    if (n > SYN_IP_MAXWORD)
+        return -1;
+    char text[SYN_IP_MAXWORD + 4];
+    snprintf(text, sizeof text, "I(%s)", word);
+    const UniAddr* ua = uni_aton(text);
+    if (ua == nullptr || ua->family != UNI_INET || ua->len < 4)
+        return -1;
+    memcpy(addr, ua->addr, 4);  // already in network order
+    return 0;
+}
+
+const char* valid_label(const char* p)
+{
+    auto c = [p](size_t i) { return static_cast<unsigned char>(p[i]); };
+    if (!is_letter(c(0)))
+        return nullptr;
+    size_t i = 1;
+    while (c(i) != '\0' && c(i) != '.') {
+        if (!is_letter(c(i)) && !is_digit(c(i)) && c(i) != '-')
+            return nullptr;
+        i++;
+    }
+    if (i > 1 && c(i - 1) == '-')
+        return nullptr;
+    return p + i;
+}
+
+int valid_scope(char* s)
+{
+    if (s[0] == '\0' || strcmp(s, "\"\"") == 0 || strcmp(s, "''") == 0) {
+        s[0] = '\0';
+        return 1;
+    }
+    const char* p = s;
+    for (;;) {
+        p = valid_label(p);
+        if (p == nullptr)
+            return 0;
+        if (*p == '\0')
+            return 1;
+        p++;  // the dot; the next label may not be empty
+    }
+}
+
+int crs_icstrcmp(const char* a, const char* b)
+{
+    for (;; a++, b++) {
+        unsigned char ca = fold_upper(static_cast<unsigned char>(*a));
+        unsigned char cb = fold_upper(static_cast<unsigned char>(*b));
+        if (ca != cb)
+            return 1;
+        if (ca == '\0')
+            return 0;
+    }
+}
+
+int crs_icmemcmp(const void* a, const void* b, size_t n)
+{
+    const auto* pa = static_cast<const unsigned char*>(a);
+    const auto* pb = static_cast<const unsigned char*>(b);
+    for (size_t i = 0; i < n; i++) {
+        if (fold_upper(pa[i]) != fold_upper(pb[i]))
+            return 1;
+    }
+    return 0;
+}
+
+void crs_lowcase(char* s)
+{
+    for (; *s != '\0'; s++) {
+        if (*s >= 'A' && *s <= 'Z')
+            *s = static_cast<char>(*s - 'A' + 'a');
+    }
+}

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 // The settings that the configuration file fills and every subsystem reads.
@@ -25,3 +26,54 @@ extern uint32_t nda_addr[MAX_NDA];
 extern int nda_ct;
 extern uint32_t broadcast_addr; // pattern for the host part of computed broadcasts
 extern char nb_scope[256];      // dotted scope, "" for none
+
+// Reads the configuration file at path into the settings above, logging
+// every bad directive with its line; returns 0 in every case. Meant to run
+// once, before the port defaults are applied.
+int namelogin(const char* path);
+// A re-initialisation leaves the settings as they are; 0.
+int name_reinit(const char* path);
+// Puts every setting back to its value before any file was read.
+void name_settings_clear();
+
+// Error callback of the parser: logs the line and the parser's message; 0.
+int parse_err(int argc, char** argv, int line, const char* message, const char* saved);
+// Tag callback of the interface sections: selects (or adds) the row of the
+// interface named by the head's third word.
+int inter_section(int argc, char** argv, int line, const char* comment);
+
+// Directive handlers: (pattern words, held tag, argc, argv, line, comment),
+// all returning 0.
+int do_dontcare(int npat, char** tag, int argc, char** argv, int line, const char* comment);
+int do_transport(int npat, char** tag, int argc, char** argv, int line, const char* comment);
+int do_address(int npat, char** tag, int argc, char** argv, int line, const char* comment);
+int do_broadcast(int npat, char** tag, int argc, char** argv, int line, const char* comment);
+int do_netmask(int npat, char** tag, int argc, char** argv, int line, const char* comment);
+int do_scope(int npat, char** tag, int argc, char** argv, int line, const char* comment);
+int do_nameport(int npat, char** tag, int argc, char** argv, int line, const char* comment);
+int do_sessport(int npat, char** tag, int argc, char** argv, int line, const char* comment);
+int do_ensport(int npat, char** tag, int argc, char** argv, int line, const char* comment);
+int do_ensclient(int npat, char** tag, int argc, char** argv, int line, const char* comment);
+int do_ndaddr(int npat, char** tag, int argc, char** argv, int line, const char* comment);
+int do_ndport(int npat, char** tag, int argc, char** argv, int line, const char* comment);
+int do_bcaststyle(int npat, char** tag, int argc, char** argv, int line, const char* comment);
+
+// Value checkers; each takes one word and gives -1 when it does not fit.
+int syn_nonneg(const char* word);     // strtol base 0, >= 0
+int syn_pos(const char* word);        // strtol base 0, >= 1
+int syn_octal(const char* word);      // strtol base 8, >= 0
+int syn_onoff(const char* word);      // "on" 1, "off" 0
+int syn_transport(const char* word);  // "tcpip" 0, "vznbu" 1
+int syn_ip(const char* word, uint32_t* addr);  // 0 and the address, network order
+
+// One label of a scope starting at p: the character after it ('.' or NUL),
+// or null when the label is not acceptable.
+const char* valid_label(const char* p);
+// 1 when s is an acceptable scope, else 0; "", "\"\"" and "''" are the
+// empty scope and leave s empty. No length limit: callers check their room.
+int valid_scope(char* s);
+
+// 0 when equal ignoring the case of ASCII letters, else 1 (no ordering).
+int crs_icstrcmp(const char* a, const char* b);
+int crs_icmemcmp(const void* a, const void* b, size_t n);
+void crs_lowcase(char* s);  // in place, ASCII upper-case letters only
