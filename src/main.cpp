@@ -1,10 +1,11 @@
-#include "nversion.h"
-#include "shr/logging.h"
+#include "src/maininit.h"
+#include "src/namecust.h"
 
-int main()
+int main(int argc, char* argv[])
 {
-    open_log("/var/opt/KORRbase/log.nb");
-    log_new();
-    log_catmsg(LOG_SET, 203, "NB NetBIOS services %s %s starting.\n", smbv_string, smbv_variant);
-    return 0;
+    main_init(argc, argv);
+    dg_set_work(name_recv, redo_init);
+    dg_fd = name_init();
+    recv_datagrams();
+    dg_exit(0);
 }

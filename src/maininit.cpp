@@ -5,9 +5,20 @@
 #include <csignal>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include "nmtrace.h"
+#include "nversion.h"
+#include "shr/dbpid.h"
+#include "shr/logging.h"
+#include "shr/vzhome.h"
+#include "shr/vzmkkvcv.h"
 #include "shr/vzsignal.h"
+#include "src/namecust.h"
 #include "src/namelogin.h"
+#include "src/netaddr.h"
 #include "src/nbndgio.h"
 
 int dg_fd = -1;
@@ -237,4 +248,215 @@ void dg_set_clock(dg_time_fn now, dg_alarm_fn arm)
 {
     clock_now = now != nullptr ? now : sys_time;
     clock_arm = arm != nullptr ? arm : sys_alarm;
+}
+
+// Start-up and shutdown.
+
+const char* prog = "Halyard";
+char vz_home[VZ_HOME_SIZE];
+uid_t admuid = 0;
+gid_t admgid = 0;
+int ntf_trace = 0;
+int strict = 1;
+
+namespace {
+
+constexpr const char* CONFIG_PATH = "/etc/opt/KORRbase/config.vz";
+constexpr const char* LOG_PATH = "/var/opt/KORRbase/log.nb";
+
+constexpr int MSG_NOTROOT = 198;
+constexpr int MSG_NOPID = 201;
+constexpr int MSG_STARTING = 203;
+
+// system "*", realm "NB", program "Halyard"
+char k_system[] = "system", v_any[] = "*";
+char k_realm[] = "realm", v_nb[] = "NB";
+char k_program[] = "program", v_halyard[] = "Halyard";
+const vz_kvc prog_ob_v[] = {
+    {k_system, v_any, nullptr},
+    {k_realm, v_nb, nullptr},
+    {k_program, v_halyard, nullptr},
+    {nullptr, nullptr, nullptr},
+};
+
+// The signals that end the daemon, by name: hang-up, interrupt, quit,
+// illegal instruction, trace trap, abort, floating point, bus error,
+// segmentation, bad system call, broken pipe, alarm, termination. Linux has
+// no emulator trap, and kill cannot be caught.
+constexpr int terminating[] = {SIGHUP, SIGINT, SIGQUIT, SIGILL, SIGTRAP, SIGABRT, SIGFPE,
+                               SIGBUS, SIGSEGV, SIGSYS, SIGPIPE, SIGALRM, SIGTERM};
+
+// The trace reports signals by their traditional numbers, which differ from
+// Linux's for the bus error and the bad system call.
+int classic_signal_number(int sig)
+{
+    switch (sig) {
+    case SIGBUS:
+        return 10;
+    case SIGSYS:
+        return 12;
+    default:
+        return sig;
+    }
+}
+
+void write_banner()
+{
+    if (tcfile == nullptr || (tc_in == 0 && tc_out == 0 && tc_proc == 0))
+        return;
+    time_t now = time(nullptr);
+    tc_printf("\n***** %s %s %s starting %s", prog, smbv_string, smbv_variant, ctime_text(&now));
+    tc_printf("Trace Dimensions:\n");
+    if (tc_in != 0)
+        tc_printf("\tin   %d\n", tc_in);
+    if (tc_out != 0)
+        tc_printf("\tout  %d\n", tc_out);
+    if (tc_proc != 0)
+        tc_printf("\tproc %d\n", tc_proc);
+    tc_printf("\n");
+    fflush(tcfile);
+}
+
+// Descriptors 0 to 2 on /dev/null, in a session of its own.
+void detach()
+{
+    close(0);
+    close(1);
+    close(2);
+    setsid();
+    int fd = open("/dev/null", O_RDWR);
+    if (fd == 0) {
+        (void)dup(0);
+        (void)dup(0);
+    }
+}
+
+}  // namespace
+
+const vz_kvc* prog_ob = prog_ob_v;
+
+void close_extra_descriptors()
+{
+    for (int fd = 3; fd <= 19; fd++)
+        close(fd);
+}
+
+void set_handlers()
+{
+    for (int sig : terminating)
+        vz_signal(sig, dg_exit);
+}
+
+int pid_add()
+{
+    return db_addpid(prog_ob, int(admuid), int(admgid));
+}
+
+int pid_del()
+{
+    return db_delpid(prog_ob);
+}
+
+void main_shutdown()
+{
+    pid_del();
+}
+
+void dg_exit(int sig)
+{
+    main_shutdown();
+    if (sig != 0 && tcfile != nullptr && tc_proc >= 1) {
+        tc_printf("dg_exit: received signal number %d\n", classic_signal_number(sig));
+        fflush(tcfile);
+    }
+    if (sig == SIGQUIT) {
+        // Ends by the signal's own default action, with a core image.
+        signal(SIGQUIT, SIG_DFL);
+        kill(getpid(), SIGQUIT);
+    }
+    name_shut();
+    exit(0);
+}
+
+int redo_init()
+{
+    strict = 1;
+    if (name_reinit(CONFIG_PATH) < 0) {
+        TRACE(proc, 1, "redo_init: name_reinit(%s) failed\n", CONFIG_PATH);
+        return -1;
+    }
+    return 0;
+}
+
+int main_init(int argc, char* argv[])
+{
+    close_extra_descriptors();
+
+    vzhome_get(vz_home, sizeof vz_home);
+    struct stat st;
+    if (stat(vz_home, &st) != 0)
+        exit(1);
+    admuid = st.st_uid;
+    admgid = st.st_gid;
+    if (chdir(vz_home) != 0)
+        exit(2);
+
+    // The launching process ends here, also when there is no child, so that
+    // its caller never waits on the daemon.
+    if (fork() != 0)
+        exit(0);
+    detach();
+
+    open_log(LOG_PATH);
+    log_new();
+    log_catmsg(LOG_SET, MSG_STARTING, "NB NetBIOS services %s %s starting.\n", smbv_string, smbv_variant);
+
+    int opt;
+    while ((opt = tc_getopt(argc, argv, "n")) != -1) {
+        if (opt == 'n')
+            ntf_trace = 1;
+    }
+    write_banner();
+
+    if (geteuid() != 0) {
+        log_new();
+        log_catmsg(LOG_SET, MSG_NOTROOT, "%s: must run as super-user", prog);
+        TRACE(proc, 1, "%s: must run as super-user\n", prog);
+        exit(1);
+    }
+    (void)setuid(0);
+
+    if (namelogin(CONFIG_PATH) < 0) {
+        TRACE(proc, 1, "%s: namelogin failed\n", prog);
+        exit(1);
+    }
+    if (prepare_addresses() < 0) {
+        TRACE(proc, 1, "%s: prepare_addresses failed\n", prog);
+        exit(1);
+    }
+    set_handlers();
+
+    int registered = pid_add();
+    if (registered == 0) {
+        TRACE(proc, 1, "%s: process already running\n", prog);
+        dg_exit(0);
+    }
+    if (registered < 0) {
+        // The property that could not be made fills the text's second place.
+        TRACE(proc, 1, "%s: Can't create pid property %s\n", prog, "pid");
+        log_catmsg(LOG_SET, MSG_NOPID, "%s: Can't create pid property %s", prog, "pid");
+        dg_exit(0);
+    }
+
+    if (nmport == 0)
+        nmport = 137;
+    if (dgport == 0)
+        dgport = 138;
+    if (ssport == 0)
+        ssport = 139;
+    if (ndport == 0)
+        ndport = 227;
+    if (ensport == 0)
+        ensport = 228;
+    return registered;
 }

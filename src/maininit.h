@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <ctime>
 #include <span>
+#include <sys/types.h>
 
 #include "shr/uniconv.h"
 
@@ -60,3 +61,30 @@ void dg_set_work(dg_recv_fn recv, dg_redo_fn redo);
 using dg_time_fn = time_t (*)();
 using dg_alarm_fn = unsigned (*)(unsigned seconds);
 void dg_set_clock(dg_time_fn now, dg_alarm_fn arm);
+
+// Start-up and shutdown.
+
+struct vz_kvc;
+
+extern const char* prog;         // "Halyard", first argument of operator messages
+extern const vz_kvc* prog_ob;    // the database object that holds the registration
+constexpr int VZ_HOME_SIZE = 200;
+extern char vz_home[VZ_HOME_SIZE];
+extern uid_t admuid;             // owner and group of the home directory
+extern gid_t admgid;
+extern int ntf_trace;            // -n: the notifier traces
+extern int strict;               // exact local-name lookups; 1 again at every re-initialisation
+
+// The start-up, from the launched command to a registered, detached daemon
+// with its settings read; returns the registration's result. Every failure
+// ends the process.
+int main_init(int argc, char* argv[]);
+void close_extra_descriptors();  // 3 to 19
+void set_handlers();             // dg_exit for every terminating signal but kill
+int pid_add();                   // 1 registered, 0 another instance runs, -1 error
+int pid_del();
+void main_shutdown();
+// The one way out: removes the registration, stops the notifier, exits 0
+// (a quit signal ends the process by that signal instead). Also a handler.
+[[noreturn]] void dg_exit(int sig);
+int redo_init();                 // 0, or -1

@@ -12,8 +12,7 @@
 #include "shr/uniconv.h"
 #include "shr/vzparse.h"
 #include "shr/vzstrdup.h"
-
-const char* prog = "Halyard";
+#include "src/maininit.h"
 
 int transport_tcpip = 0;
 int transport_vznbu = 0;
