@@ -145,6 +145,20 @@ TEST_F(Startup, OrdinaryUserIsRefusedAfterTheStartMessage)
     EXPECT_EQ(lab.registered_pid(), -1);
 }
 
+TEST_F(Startup, FailedRegistrationIsLoggedAndEndsTheDaemon)
+{
+    ASSERT_TRUE(lab.write_config(lab.default_config()));
+    // A plain file where the database's root directory belongs.
+    ASSERT_EQ(rmdir("/var/opt/KORRbase/rtdb"), 0);
+    ASSERT_TRUE(lab.write_file("/var/opt/KORRbase/rtdb", "", 0644));
+    int status = lab.launch({"-z", "proc=1"});
+    ASSERT_TRUE(exited_with(status, 0)) << lab_describe_status(status);
+    ASSERT_TRUE(lab.wait_exit(-1, 30.0, &status)) << "the detached process did not end";
+    EXPECT_TRUE(exited_with(status, 0)) << lab_describe_status(status);
+    EXPECT_TRUE(lab.wait_log("Halyard: Can't create pid property pid")) << lab.log();
+    EXPECT_NE(lab.trace().find("Halyard: Can't create pid property pid\n"), std::string::npos) << lab.trace();
+}
+
 TEST_F(Startup, UnusableHomeDirectoryEndsTheLaunchSilently)
 {
     ASSERT_TRUE(lab.write_config(lab.default_config()));
