@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sys/stat.h>
 
 #include "nmtrace.h"
 #include "shr/logging.h"
@@ -182,6 +183,13 @@ int namelogin(const char* path)
 {
     log_new();
     FILE* f = fopen(path, "r");
+    // A directory opens but reads as nothing; say so rather than run with
+    // no transport and no word in the log.
+    struct stat st;
+    if (f != nullptr && (fstat(fileno(f), &st) != 0 || S_ISDIR(st.st_mode))) {
+        fclose(f);
+        f = nullptr;
+    }
     if (f == nullptr) {
         log_catmsg(LOG_SET, MSG_NOFILE, "%s: cannot open config file %s", prog, path);
         return 0;

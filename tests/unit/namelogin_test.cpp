@@ -123,12 +123,14 @@ std::string err(int line)
 
 const char* const realm = "[realm NB]\ntransport tcpip\n";  // two lines
 
-TEST_F(NameLogin, MissingFileIsLoggedAndSetsNothing)
+TEST_F(NameLogin, UnreadableFileIsLoggedAndSetsNothing)
 {
-    std::string path = dir_ + "/absent.vz";
-    EXPECT_EQ(run(path.c_str()), Lines{"Halyard: cannot open config file " + path});
-    EXPECT_EQ(transport_tcpip, 0);
-    EXPECT_EQ(my_addr, nullptr);
+    for (const std::string& path : {dir_ + "/absent.vz", dir_}) {  // a directory opens
+        SCOPED_TRACE(path);
+        EXPECT_EQ(run(path.c_str()), Lines{"Halyard: cannot open config file " + path});
+        EXPECT_EQ(transport_tcpip, 0);
+        EXPECT_EQ(my_addr, nullptr);
+    }
 }
 
 TEST_F(NameLogin, WithoutTheTcpipTransportNothingElseIsRead)

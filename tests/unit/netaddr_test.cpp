@@ -92,7 +92,7 @@ TEST(ClassfulRules, WithoutTheSystemTheBroadcastComesFromThePattern)
 // Shared with the forked child, which runs in a network namespace of its own.
 struct NsResult {
     char skip[200];          // why the child could not set up, "" when it could
-    if_entry entries[6];
+    if_entry entries[7];
     int tun_ok;              // the point-to-point link could be made
     uint32_t tun_bcast;
     int found_of_25;         // how many of 25 addresses get_if found
@@ -154,11 +154,13 @@ void complete_entries(NsResult* r, const std::string& dir)
 {
     // hy0 carries 10.88.0.1/24 with its broadcast; hy1 a /16 whose broadcast
     // is not the computed one, and its alias hy1:1 a /24 without a broadcast
-    // (the interface controls answer by name, so an alias needs its label).
+    // (the interface controls answer by name, so an alias needs its label);
+    // hy0:2 a /0, whose mask the system gives as 0.
     if (!sh("ip link add hy0 type veth peer name hy1") ||
         !sh("ip addr add 10.88.0.1/24 brd + dev hy0") ||
         !sh("ip addr add 10.89.5.1/16 broadcast 10.89.5.255 dev hy1") ||
         !sh("ip addr add 10.88.1.1/24 dev hy1 label hy1:1") ||
+        !sh("ip addr add 10.90.0.1/0 dev hy0 label hy0:2") ||
         !sh("ip link set hy0 up") || !sh("ip link set hy1 up")) {
         snprintf(r->skip, sizeof r->skip, "cannot make veth interfaces with ip");
         return;
@@ -167,16 +169,17 @@ void complete_entries(NsResult* r, const std::string& dir)
                 sh("ip addr add 10.88.3.1 peer 10.88.3.2 dev hyt0") &&
                 sh("ip link set hyt0 up");
 
-    static if_entry table[7];
+    static if_entry table[8];
     table[0] = {ip("10.88.0.1"), 0, 0};
     table[1] = {ip("10.89.5.1"), 0, 0};
     table[2] = {ip("10.1.2.3"), 0, 0};                      // on no interface
     table[3] = {ip("10.1.2.3"), 0, ip("255.255.255.0")};    // configured mask only
     table[4] = {ip("10.88.0.1"), ip("10.88.0.127"), 0};     // configured broadcast only
     table[5] = {ip("10.88.1.1"), 0, 0};
-    table[6] = {ip("10.88.3.1"), 0, 0};
+    table[6] = {ip("10.90.0.1"), 0, 0};                     // the system's mask is 0
+    table[7] = {ip("10.88.3.1"), 0, 0};
     my_addr = table;
-    my_addr_ct = r->tun_ok ? 7 : 6;
+    my_addr_ct = r->tun_ok ? 8 : 7;
     broadcast_addr = ip("255.255.255.255");
 
     tcfile = fopen((dir + "/trace").c_str(), "w");
@@ -186,7 +189,7 @@ void complete_entries(NsResult* r, const std::string& dir)
     tcfile = nullptr;
 
     memcpy(r->entries, table, sizeof r->entries);
-    r->tun_bcast = table[6].bcast;
+    r->tun_bcast = table[7].bcast;
     FILE* f = fopen((dir + "/trace").c_str(), "r");
     if (f != nullptr) {
         size_t n = fread(r->trace, 1, sizeof r->trace - 1, f);
@@ -210,6 +213,7 @@ TEST(PrepareAddresses, TakesWhatTheSystemKnowsAndComputesTheRest)
         {"configured mask not used for the broadcast", "10.255.255.255", "255.255.255.0"},
         {"configured broadcast kept", "10.88.0.127", "255.255.255.0"},
         {"no system broadcast: system mask, pattern", "10.88.1.255", "255.255.255.0"},
+        {"a zero system mask is not taken: classful", "10.255.255.255", "255.0.0.0"},
     };
     for (size_t i = 0; i < std::size(want); i++) {
         SCOPED_TRACE(want[i].why);
@@ -230,6 +234,8 @@ TEST(PrepareAddresses, TakesWhatTheSystemKnowsAndComputesTheRest)
              "prepare_addresses: using netmask 255.255.255.0 for 10.1.2.3\n",
              "prepare_addresses: using broadcast addr 10.88.0.127 for 10.88.0.1\n",
              "get_bcast: Can't find network interface hy1:1\n",
+             "get_mask: Can't find netmask for interface hy0:2\n",
+             "find_netmask: using default mask (255.0.0.0) for 10.90.0.1\n",
          }) {
         EXPECT_NE(trace.find(line), std::string::npos) << line << "in:\n" << trace;
     }
