@@ -82,10 +82,15 @@ int dg_timer(int interval, dg_timer_fn fn, int32_t arg)
     TRACE(proc, 3, "dg_timer called, sec %d, %s", interval, ctime_text(&now));
     check_calls(now);  // what is due already runs before the new entry exists
     if (call_ct == DG_MAX_CALLS) {
+        TRACE(proc, 1, "dg_timer: timer table full, sec %d not added\n", interval);
         set_alarm(now);  // the pending ones still need their wake-up
         return -1;
     }
-    calls[size_t(call_ct++)] = {interval, now + interval, fn, arg};
+    // Due at least one second from now: the alarm cannot wake the loop
+    // sooner, and an entry already due when the alarm is armed would keep
+    // the alarm from being armed at all, stranding every timer until input.
+    time_t delay = interval < 1 ? 1 : interval;
+    calls[size_t(call_ct++)] = {interval, now + delay, fn, arg};
     set_alarm(now);
     return 0;
 }
