@@ -26,7 +26,8 @@ int dg_fd = -1;
 namespace {
 
 // Timers, kept in the order added: two due in the same second run in that
-// order. Entries at call_ct and beyond are stale.
+// order. Entries at call_ct and beyond are stale. Nothing cancels a timer
+// before it is due: no user needs that, so there is no such operation.
 struct Call {
     int interval;  // as asked for; kept for the trace only
     time_t expiry;
