@@ -8,6 +8,8 @@
 
 #include "nmtrace.h"
 
+// Not configuration settings: the daemon makes only datagram sockets, and a
+// program that wants other stream buffer sizes sets these before init_sock.
 int s_sendbuf = -1;
 int s_recvbuf = -1;
 

@@ -26,7 +26,8 @@ int dg_fd = -1;
 namespace {
 
 // Timers, kept in the order added: two due in the same second run in that
-// order. Entries at call_ct and beyond are stale.
+// order. Entries at call_ct and beyond are stale. Nothing cancels a timer
+// before it is due: no user needs that, so there is no such operation.
 struct Call {
     int interval;  // as asked for; kept for the trace only
     time_t expiry;
@@ -82,10 +83,15 @@ int dg_timer(int interval, dg_timer_fn fn, int32_t arg)
     TRACE(proc, 3, "dg_timer called, sec %d, %s", interval, ctime_text(&now));
     check_calls(now);  // what is due already runs before the new entry exists
     if (call_ct == DG_MAX_CALLS) {
+        TRACE(proc, 1, "dg_timer: timer table full, sec %d not added\n", interval);
         set_alarm(now);  // the pending ones still need their wake-up
         return -1;
     }
-    calls[size_t(call_ct++)] = {interval, now + interval, fn, arg};
+    // Due at least one second from now: the alarm cannot wake the loop
+    // sooner, and an entry already due when the alarm is armed would keep
+    // the alarm from being armed at all, stranding every timer until input.
+    time_t delay = interval < 1 ? 1 : interval;
+    calls[size_t(call_ct++)] = {interval, now + delay, fn, arg};
     set_alarm(now);
     return 0;
 }

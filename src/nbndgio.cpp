@@ -139,11 +139,12 @@ int get_dg(int fd, UniAddr* from, uint8_t** data)
     }
 
     // One client descriptor per call, and then not the name-service socket:
-    // the loop runs its timers and signals between any two datagrams. Any
-    // event counts, so that an error on a descriptor is read and traced
-    // rather than left to wake every poll.
+    // the loop runs its timers and signals between any two datagrams. An
+    // error or hang-up counts as input, so that it is read and traced rather
+    // than left to wake every poll; a descriptor that is not open does not,
+    // since reading it would only fail again and spin the loop.
     for (size_t i = 0; i < cust.size(); i++) {
-        if (fds[i].revents != 0) {
+        if ((fds[i].revents & ~POLLNVAL) != 0) {
             TRACE(in, 2, "get_dg: calling customer fd index %d\n", int(i));
             read_custfd(int(i), recv_buf);
             return -2;

@@ -116,6 +116,20 @@ TEST(InitSock, AStreamSocketListensAndOnlyALargeReceiveBufferIsCut)
         EXPECT_EQ(trace_of(trace), "init_sock: resetting RCVBUF from 65536 to 16384\n"
                                    "init_sock: socket creation succeeds, sock = " +
                                        std::to_string(large) + "\n");
+
+        // Later stream sockets get the kept receive size and a set send size;
+        // the system reports both as it stores them, so compare with a plain
+        // socket given the same sizes.
+        s_sendbuf = 8192;
+        port = 0;
+        int later = init_sock(htonl(INADDR_LOOPBACK), &port, 1);
+        ASSERT_GE(later, 0);
+        int plain = socket(AF_INET, SOCK_STREAM, 0);
+        int32_t snd = 8192, rcv = 16384;
+        ASSERT_EQ(setsockopt(plain, SOL_SOCKET, SO_SNDBUF, &snd, sizeof snd), 0);
+        ASSERT_EQ(setsockopt(plain, SOL_SOCKET, SO_RCVBUF, &rcv, sizeof rcv), 0);
+        EXPECT_EQ(opt(later, SO_SNDBUF), opt(plain, SO_SNDBUF));
+        EXPECT_EQ(opt(later, SO_RCVBUF), opt(plain, SO_RCVBUF));
     });
 }
 

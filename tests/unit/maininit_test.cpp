@@ -99,6 +99,16 @@ TEST_F(Timers, TheAlarmIsArmedForTheEarliestAndOnlyWhenSomethingIsPending)
     check_calls(LLONG_MAX);
     set_alarm(fake_now);
     EXPECT_TRUE(arms.empty()) << "no timer pending, no alarm";
+
+    // A timer asked for less than a second is due one second on, so that it
+    // still gets an alarm of its own.
+    events.clear();
+    dg_timer(0, timer_cb, 5);
+    EXPECT_EQ(arms, (std::vector<unsigned>{0, 1}));
+    check_calls(fake_now);
+    EXPECT_TRUE(events.empty());
+    check_calls(fake_now + 1);
+    EXPECT_EQ(events, (std::vector<std::string>{"timer 5 sees 0"}));
 }
 
 TEST_F(Timers, AnEleventhTimerIsRefusedAndThePendingOnesStillWakeTheLoop)
@@ -245,6 +255,56 @@ TEST(Loop, APassRunsTimersSignalsReinitThenOneInputAtATime)
         EXPECT_EQ(recv_datagrams(), -1);
         EXPECT_EQ(events, (std::vector<std::string>{"timer", "signal", "reinit", "cust ens", "name first",
                                                     "name last"}));
+    });
+}
+
+void closing_timer(int32_t)
+{
+    note("timer");
+    close(dg_fd);
+}
+
+// The real clock and alarm: an idle loop wakes when its timer falls due.
+TEST(Loop, TheAlarmWakesAnIdleLoopForItsTimer)
+{
+    IN_CHILD(true, {
+        uint16_t name_port = 0;
+        dg_fd = udp_bound(&name_port);
+        ASSERT_GE(dg_fd, 0);
+        dg_set_work(loop_recv, loop_redo);
+        events.clear();
+        FILE* trace = tmpfile();
+        ASSERT_NE(trace, nullptr);
+        tcfile = trace;
+        tc_proc = 5;
+        ASSERT_EQ(dg_timer(1, closing_timer, 0), 0);
+        dg_reinit();
+
+        EXPECT_EQ(recv_datagrams(), -1) << "the timer closed the socket";
+        EXPECT_EQ(events, (std::vector<std::string>{"reinit", "timer"}));
+        struct sigaction sa;
+        sigaction(SIGALRM, nullptr, &sa);
+        EXPECT_EQ(sa.sa_handler, do_nothing);
+        raise(SIGALRM);  // only wakes: the process goes on, the handler stays
+        sigaction(SIGALRM, nullptr, &sa);
+        EXPECT_EQ(sa.sa_handler, do_nothing);
+
+        tcfile = nullptr;
+        std::string text(4096, '\0');
+        rewind(trace);
+        text.resize(fread(text.data(), 1, text.size(), trace));
+        // Passes woken early (-2) may come between; the rest is fixed.
+        std::string head = "dg_timer called, sec 1, ";
+        ASSERT_EQ(text.compare(0, head.size(), head), 0) << text;
+        size_t eol = text.find('\n');
+        ASSERT_NE(eol, std::string::npos);
+        std::string rest = text.substr(eol + 1);
+        std::string start = "dg_reinit called\nrecv_datagrams called\ndo_reinit called\n";
+        std::string end = "get_dg: error in receive: errno " + std::to_string(EBADF) +
+                          "\nrecv_datagrams: get_dg returned -1\n";
+        EXPECT_EQ(rest.compare(0, start.size(), start), 0) << rest;
+        ASSERT_GE(rest.size(), end.size());
+        EXPECT_EQ(rest.substr(rest.size() - end.size()), end) << rest;
     });
 }
 

@@ -168,6 +168,46 @@ TEST(Datagrams, ClientDescriptorsAreServedOnePerCallBeforeTheNameSocket)
         EXPECT_EQ(cust_seen[1].data, "second");
         ASSERT_EQ(get_dg(name, &from, &data), 4);
         EXPECT_EQ(std::string(reinterpret_cast<char*>(data), 4), "name");
+
+        // A client descriptor that is no longer open does not hide the name socket.
+        close(ens1);
+        UniAddr dest = to("127.0.0.4", nport);
+        ASSERT_EQ(put_ddg(s, reinterpret_cast<const uint8_t*>("again"), 5, &dest), 5);
+        ASSERT_TRUE(readable(name));
+        EXPECT_EQ(get_dg(name, &from, &data), 5);
+        EXPECT_EQ(cust_seen.size(), 2u);
+    });
+}
+
+TEST(Datagrams, UnicastTraceLines)
+{
+    IN_CHILD(true, {
+        uint16_t sport, rport;
+        int s = bound("127.0.0.1", &sport);
+        int r = bound("127.0.0.2", &rport);
+        ASSERT_GE(r, 0);
+        UniAddr dest = to("127.0.0.2", rport);
+        std::string a = std::string("put_ddg sending packet to address ") + uni_ntoa(&dest) + "\n";
+        const struct { int level; int fd; std::string want; } cases[] = {
+            {1, s, a},
+            {2, s, a + "\nput_ddg: sent 3 bytes\n"},
+            {1, -1, a + "\nput_ddg:  error in sendto: errno " + std::to_string(EBADF) + "\n"},
+            {0, -1, ""},
+        };
+        for (const auto& c : cases) {
+            SCOPED_TRACE(c.want);
+            FILE* trace = tmpfile();
+            ASSERT_NE(trace, nullptr);
+            tcfile = trace;
+            tc_out = c.level;
+            put_ddg(c.fd, reinterpret_cast<const uint8_t*>("abc"), 3, &dest);
+            tcfile = nullptr;
+            std::string text(1024, '\0');
+            rewind(trace);
+            text.resize(fread(text.data(), 1, text.size(), trace));
+            EXPECT_EQ(text, c.want);
+            fclose(trace);
+        }
     });
 }
 
