@@ -60,19 +60,21 @@ bool fits(const char* name, const char* value)
 
 // Creates "=plist" with the object directory's owner, group and permission
 // bits masked with 0666; the umask is 0777 meanwhile so that nobody else can
-// open it before it has them. A descriptor, or -1.
-int create_plist(const char* file, const struct stat& dir, int* code)
+// open it before it has them. Only the process that made the file gives it
+// those; one that finds it made a moment ago just opens it. A file that
+// cannot be given them (a caller that may not give it away) is removed again
+// rather than left behind with no permissions, where it would lock out every
+// later caller but the super-user. A descriptor, or -1.
+int create_plist(const char* file, const struct stat& dir)
 {
     mode_t old = umask(0777);
-    int fd = open(file, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    int fd = open(file, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     umask(old);
-    if (fd < 0) {
-        *code = VZDB_OPENPROP;
-        return -1;
-    }
+    if (fd < 0)
+        return errno == EEXIST ? open(file, O_RDWR | O_CLOEXEC) : -1;
     if (fchown(fd, dir.st_uid, dir.st_gid) != 0 || fchmod(fd, dir.st_mode & 0666) != 0) {
+        unlink(file);
         close(fd);
-        *code = VZDB_CREAT;
         return -1;
     }
     return fd;
@@ -112,13 +114,11 @@ int ob_2_file(const vz_kvc* object, Plist* pl, int mode)
             free(file);
             return VZDB_OK;
         }
-        fd = create_plist(file, st, &rc);
-    } else if (fd < 0) {
-        rc = VZDB_OPENPROP;
+        fd = create_plist(file, st);
     }
     free(file);
     if (fd < 0)
-        return rc;
+        return VZDB_OPENPROP;
     struct stat fst;
     if (fstat(fd, &fst) != 0 || !S_ISREG(fst.st_mode)) {
         close(fd);
@@ -141,7 +141,8 @@ int ob_2_file(const vz_kvc* object, Plist* pl, int mode)
 // the end of the file. A backslash takes the next byte, newline included,
 // as text. A line holds at most size - 1 bytes; the rest is the next line.
 // The room is checked before a backslash is read, and a backslash and its
-// byte give one byte, so a cut never falls inside an escape.
+// byte give one byte, so a cut never falls inside an escape: a backslash
+// just past the cut starts the next line and escapes its first byte.
 int get_prop(char* buf, int size, FILE* f)
 {
     int n = 0;
@@ -335,6 +336,8 @@ int vzdb_prop_semadd(const vz_kvc* object, const char* name, int delta, int limi
         return VZDB_SEMLIMIT;
     char text[16];
     snprintf(text, sizeof text, "%d", int(sum));
+    if (!fits(name, text))
+        return VZDB_WRITEPROP;
     if (vz_kvcv_add(&fresh.v, &st, name, text, nullptr) != 0)
         return VZDB_NOMEM;
     return props_2_file(fresh.v, pl.f);

@@ -2,8 +2,8 @@
 
 #include "shr/vzmkkvcv.h"
 
-// The program name, first argument of the operator messages; the program
-// that links this module defines it ("Halyard" for the name server).
+// The program name, first argument of the operator messages: the daemon's
+// start-up (src/maininit) defines it as "Halyard".
 extern const char* prog;
 
 // One running instance per machine: the property "pid" of the program's

@@ -8,6 +8,7 @@
 #include "config/dballoc.h"
 #include "config/dbname.h"
 #include "config/dbob.h"
+#include "shr/vzhome.h"
 #include "tests/support/kvc.h"
 #include "tests/support/nsfixture.h"
 
@@ -218,4 +219,21 @@ TEST(DbScratch, GrowsOnlyWhenAskedForMore) {
     vzdb_strfree(buf);
     vzdb_strfree(nullptr);
     vzdb_kvcfree(nullptr);
+}
+
+TEST(VzHome, CopiesTheHomeDirectoryCutToTheBuffer) {
+    const struct { size_t size; const char* expect; } cases[] = {
+        {200, "/opt/KORRlibs"},
+        {14, "/opt/KORRlibs"},
+        {13, "/opt/KORRlib"},   // the last byte is always the terminator
+        {5, "/opt"},
+        {1, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.size);
+        std::vector<char> buf(c.size + 1, '#');
+        EXPECT_EQ(vzhome_get(buf.data(), c.size), buf.data());
+        EXPECT_STREQ(buf.data(), c.expect);
+        EXPECT_EQ(buf[c.size], '#') << "written past the buffer";
+    }
 }

@@ -18,8 +18,6 @@
 #include "tests/support/kvc.h"
 #include "tests/support/nsfixture.h"
 
-const char* prog = "Halyard";
-
 namespace {
 
 constexpr const char* kDir = "/var/opt/KORRbase/rtdb/realm=NB/program=Halyard";
@@ -134,6 +132,8 @@ TEST(DbPid, StaleRegistrationsAreTakenOverLiveOnesLeftAlone) {
             {"no number", "pid abc\n", 1, pid_line(getpid())},
             {"a process group, not a process", "pid -1\n", 1, pid_line(getpid())},
             {"an empty value", "pid \n", 1, pid_line(getpid())},
+            {"this process itself: not written again", pid_line(getpid()) + "z 1\n", 1,
+             pid_line(getpid()) + "z 1\n"},
             {"a running process", pid_line(alive) + "z 1\n", 0, pid_line(alive) + "z 1\n"},
             {"the first process of the machine", pid_line(1), 0, pid_line(1)},
         };

@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <random>
 #include <string>
@@ -264,6 +265,12 @@ TEST(DbProp, OddFilesAreReadWithinTheLineBuffer) {
              "k " + std::string(508, 'x') + "\\z rest\n", {"k=" + std::string(508, 'x') + "z"}},
             {"an escaped newline at the cut", "k " + std::string(508, 'x') + "\\\nq r\n",
              {"k=" + std::string(508, 'x') + "\n", "q=r"}},
+            {"a backslash just past the cut escapes the first byte of the next line",
+             "k " + x509 + "\\zz rest\n", {"k=" + x509, "zz=rest"}},
+            {"an escaped newline just past the cut", "k " + x509 + "\\\nq r\nj v\n",
+             {"k=" + x509, "j=v"}},
+            {"a backslash just past the cut and then the end of the file", "k " + x509 + "\\",
+             {"k=" + x509}},
             {"a line of exactly 511 bytes", "k " + x509 + "\nj v\n", {"k=" + x509, "j=v"}},
             {"NUL bytes end the strings, not the reading", std::string("a 1\0tail\nb 2\n", 13),
              {"a=1", "b=2"}},
@@ -332,6 +339,11 @@ TEST(DbProp, FailuresReturnTheirCodes) {
         EXPECT_EQ(vzdb_prop_put(own().get(), "k", (v509 + "v").c_str()), 7);
         EXPECT_EQ(contents(), "k " + v509 + "\n");
 
+        // A semaphore whose name leaves no room for its count is refused too.
+        std::string n509(509, 'n');
+        EXPECT_EQ(vzdb_prop_semadd(own().get(), n509.c_str(), -1, 1), 7);
+        EXPECT_EQ(contents(), "k " + v509 + "\n");
+
         // A full file system: the rewrite fails and says so.
         ASSERT_EQ(mount("t", kDir, "tmpfs", 0, "size=8k,mode=0775"), 0);
         ASSERT_EQ(vzdb_prop_put(own().get(), "small", "1"), 0);
@@ -341,6 +353,30 @@ TEST(DbProp, FailuresReturnTheirCodes) {
                   {"m", v509.c_str()}, {"n", v509.c_str()}, {"o", v509.c_str()}, {"p", v509.c_str()},
                   {"q", v509.c_str()}});
         EXPECT_EQ(vzdb_prop_lput(own().get(), many.get()), 7);
+    });
+}
+
+TEST(DbProp, AFileThatCannotBeGivenAwayIsNotLeftBehind) {
+    run_in_private_dirs([] {
+        make_own();
+        // A caller in the directory's group that may write there but may not
+        // give a file to the directory's owner.
+        ASSERT_EQ(vzdb_ob_setugm(own().get(), 5678, 1234, 0775), 0);
+        int child = spawn_child([] {
+            if (setgid(1234) != 0 || setuid(1234) != 0)
+                return 100;
+            int rc = vzdb_prop_put(own().get(), "pid", "1");
+            return rc;
+        });
+        ASSERT_GT(child, 0);
+        EXPECT_EQ(wait_child(child), 6);
+        EXPECT_EQ(contents(), "(missing)");
+        // The super-user still creates it as the directory's owner's.
+        ASSERT_EQ(vzdb_prop_put(own().get(), "pid", "1"), 0);
+        struct stat st;
+        ASSERT_EQ(stat(kFile, &st), 0);
+        EXPECT_EQ(st.st_uid, 5678u);
+        EXPECT_EQ(st.st_gid, 1234u);
     });
 }
 
@@ -354,9 +390,14 @@ TEST(DbLock, ALockHeldElsewhereEndsTheWaitWithCode9) {
         sf_locktimer = 0;   // one try
         EXPECT_EQ(get("pid", &rc), "(none)");
         EXPECT_EQ(rc, 9);
-        sf_locktimer = 1;   // a bounded wait, ended by the alarm
+        sf_locktimer = 2;   // a bounded wait, ended by the alarm and not before
+        timespec t0, t1;
+        clock_gettime(CLOCK_MONOTONIC, &t0);
         EXPECT_EQ(get("pid", &rc), "(none)");
         EXPECT_EQ(rc, 9);
+        clock_gettime(CLOCK_MONOTONIC, &t1);
+        EXPECT_GE((t1.tv_sec - t0.tv_sec) * 1000 + (t1.tv_nsec - t0.tv_nsec) / 1000000, 1900);
+        sf_locktimer = 1;
         EXPECT_EQ(vzdb_prop_put(own().get(), "pid", "2"), 9);
         EXPECT_EQ(vzdb_prop_semadd(own().get(), "pidlock", 1, 1), 9);
         EXPECT_EQ(writer.let_go(), 0);
