@@ -248,10 +248,12 @@ const char* lookup_text(Lookup& l, int set, int number, const char* dflt)
     lookup_init(l);
     if (l.file == nullptr || dflt == nullptr)
         return dflt;
-    const char* text = msg_get(l.file, set, number, dflt);
-    if (text == dflt)
+    const char* found = msg_get(l.file, set, number, dflt);
+    if (found == dflt)
         return dflt;
-    fixup_string(msg_line);
+    // Only the text itself: escapes in the skipped number token must not
+    // shift the line under the pointer.
+    char* text = fixup_string(msg_line + (found - msg_line));
     // A site's file can change the wording, never what is passed: a text
     // whose conversions do not fit the caller's arguments is not used.
     return fmt_compatible(text, dflt) ? text : dflt;
