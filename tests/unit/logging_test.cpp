@@ -144,6 +144,15 @@ TEST_F(Logging, RelativeEmptyAndBadPaths) {
 
     EXPECT_EQ(open_log((dir + "/missing/log").c_str()), -1);
     EXPECT_EQ(open_log(std::string(2000, 'r').c_str()), -1);  // cannot be made absolute
+    // An absolute path too long for its buffer is refused, not cut to
+    // ".../log" and opened there.
+    std::string prefix = dir + "/";
+    if ((1020 - prefix.size()) % 2 != 0)
+        prefix += "/";
+    while (prefix.size() < 1020)
+        prefix += "./";
+    EXPECT_EQ(open_log((prefix + "log.nb").c_str()), -1);
+    EXPECT_EQ(access((dir + "/log").c_str(), F_OK), -1);
     log_msg("dropped too");
     EXPECT_EQ(read_file(path).find("dropped"), std::string::npos);
     EXPECT_EQ(close_log(), 0);
