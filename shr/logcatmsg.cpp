@@ -161,14 +161,21 @@ int set_number(const char* line)
 }
 
 // Reads one line into msg_line; a line longer than the buffer is cut there
-// and its rest skipped, so that the rest is never taken for a line of its own.
+// and its rest skipped, so that the rest is never taken for a line of its own
+// (also when a zero byte inside the line hides its length from strlen).
 bool read_line(FILE* file)
 {
-    if (fgets(msg_line, sizeof msg_line, file) == nullptr)
+    size_t n = 0;
+    int ch = EOF;
+    while (n < sizeof msg_line - 1 && (ch = getc(file)) != EOF) {
+        msg_line[n++] = char(ch);
+        if (ch == '\n')
+            break;
+    }
+    msg_line[n] = '\0';
+    if (n == 0)
         return false;
-    size_t len = strlen(msg_line);
-    if (len == sizeof msg_line - 1 && msg_line[len - 1] != '\n') {
-        int ch;
+    if (n == sizeof msg_line - 1 && ch != '\n') {
         while ((ch = getc(file)) != EOF && ch != '\n') {
         }
     }
@@ -248,10 +255,12 @@ const char* lookup_text(Lookup& l, int set, int number, const char* dflt)
     lookup_init(l);
     if (l.file == nullptr || dflt == nullptr)
         return dflt;
-    const char* text = msg_get(l.file, set, number, dflt);
-    if (text == dflt)
+    const char* found = msg_get(l.file, set, number, dflt);
+    if (found == dflt)
         return dflt;
-    fixup_string(msg_line);
+    // Only the text itself: escapes in the skipped number token must not
+    // shift the line under the pointer.
+    char* text = fixup_string(msg_line + (found - msg_line));
     // A site's file can change the wording, never what is passed: a text
     // whose conversions do not fit the caller's arguments is not used.
     return fmt_compatible(text, dflt) ? text : dflt;

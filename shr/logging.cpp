@@ -74,7 +74,10 @@ int open_log(const char* path)
         size_t dlen = strlen(saved_filename);
         snprintf(saved_filename + dlen, sizeof saved_filename - dlen, "/%s", path);
     } else {
-        snprintf(saved_filename, sizeof saved_filename, "%s", path);
+        // A path cut to fit would name another file: refused instead.
+        if (plen >= sizeof saved_filename)
+            return -1;
+        memcpy(saved_filename, path, plen + 1);
     }
     bool existed = access(saved_filename, F_OK) == 0;
     FILE* f = fopen(saved_filename, "a");

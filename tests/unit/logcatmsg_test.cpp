@@ -92,6 +92,13 @@ TEST(MsgGet, StopsAtAZeroByteLineAndNeverSplitsALongLine) {
     const char* eight = msg_get(f, 10, 8, "dflt");
     EXPECT_EQ(strlen(eight), MSG_LINE_SIZE - 3);
     fclose(f);
+
+    // The same with a zero byte early in the long line.
+    lines = "$set 10\n8 x" + std::string(1, '\0') + std::string(MSG_LINE_SIZE - 5, 'x') + "9 fake\n9 real\n";
+    f = file_with(lines);
+    EXPECT_STREQ(msg_get(f, 10, 9, "dflt"), "real\n");
+    EXPECT_STREQ(msg_get(f, 10, 8, "dflt"), "x");
+    fclose(f);
 }
 
 TEST(FixupString, ReplacesEscapesInPlace) {

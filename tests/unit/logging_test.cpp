@@ -144,6 +144,15 @@ TEST_F(Logging, RelativeEmptyAndBadPaths) {
 
     EXPECT_EQ(open_log((dir + "/missing/log").c_str()), -1);
     EXPECT_EQ(open_log(std::string(2000, 'r').c_str()), -1);  // cannot be made absolute
+    // An absolute path too long for its buffer is refused, not cut to
+    // ".../log" and opened there.
+    std::string prefix = dir + "/";
+    if ((1020 - prefix.size()) % 2 != 0)
+        prefix += "/";
+    while (prefix.size() < 1020)
+        prefix += "./";
+    EXPECT_EQ(open_log((prefix + "log.nb").c_str()), -1);
+    EXPECT_EQ(access((dir + "/log").c_str(), F_OK), -1);
     log_msg("dropped too");
     EXPECT_EQ(read_file(path).find("dropped"), std::string::npos);
     EXPECT_EQ(close_log(), 0);
@@ -199,6 +208,7 @@ int catalogue_texts_replace_compatible_defaults()
           "186 unquoted %s\n"
           "200 \"tab\\there\"\n"
           "198 \"%s: root needed\"\n"
+          "201\\x41\\x41\\x41 \"%s: pid\\x21\"\n"  // escapes in the number token are not the text's
           "$set 11\n"
           "199 \"eleven\"\n",
           f);
@@ -212,6 +222,7 @@ int catalogue_texts_replace_compatible_defaults()
     log_catmsg(LOG_SET, 200, "    %s", "detail");
     log_catmsg(LOG_SET, 199, "%s: error occurred parsing config file on line %d", "Halyard", 7);
     log_catmsg(11, 199, "%s", "unused");
+    log_catmsg(LOG_SET, 201, "%s: Can't create pid property %s", "Halyard", "p");
     std::string log = read_file("/opt/log.nb");
     std::string want = "\tDienste 2.0 LX!\r\n"
                        "\tHalyard: error in config file at line 5\r\n"
@@ -219,7 +230,8 @@ int catalogue_texts_replace_compatible_defaults()
                        "\tunquoted FOO\n\r\n"
                        "\ttab\there\r\n"
                        "\tHalyard: error occurred parsing config file on line 7\r\n"
-                       "\televen\r\n";
+                       "\televen\r\n"
+                       "\tHalyard: pid!\r\n";
     size_t stamp_end = log.find("\r\n");
     CHILD_EXPECT(stamp_end != std::string::npos);
     CHILD_EXPECT(log.substr(stamp_end + 2) == want);
