@@ -30,9 +30,9 @@ struct Lookup {
 Lookup log_lookup;
 Lookup print_lookup;
 
-// One conversion specification starting at a '%'.
+// One printf conversion starting at a '%'.
 struct Conv {
-    size_t len = 0;    // characters of the specification
+    size_t len = 0;    // characters of the conversion
     int nargs = 0;     // arguments it takes
     char kinds[3] = {};
     bool ok = false;
