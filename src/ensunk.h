@@ -1,0 +1,33 @@
+#pragma once
+
+// Senders the ENS table does not know: their adapter status is asked for,
+// so that the table learns them, at a limited rate per sender.
+
+#include <cstdint>
+#include <ctime>
+
+#include "src/maininit.h"
+
+struct UnkRec {
+    uint32_t address;  // IPv4, network order
+    int count;         // status requests sent to it
+    int perm_used;     // 1 once a request asked for its permanent name
+    time_t last;       // time of the latest request
+    time_t prev;       // time of the request before that
+    UnkRec* next;
+};
+
+// Asks `address` for its adapter status unless it was asked too often
+// lately; name may be null, and the first request always asks for the
+// permanent node name.
+void unk_as_query(const uint8_t* name, uint32_t address);
+void unk_remove(uint32_t address);  // forgets the sender, if it is known
+
+// Whether a request to rec may go out now: at most two per 60 seconds, per
+// 4 hours once 25 went out.
+bool allowed(const UnkRec* rec, time_t now);
+// A zeroed record for address at the head of the list, or null when memory is short.
+UnkRec* new_unk(uint32_t address);
+
+// The clock of the rate limit; null restores time(). For tests.
+void unk_set_clock(dg_time_fn now);

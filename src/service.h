@@ -1,0 +1,9 @@
+#pragma once
+
+// Adapter status (RFC 1002 node status) of the name service.
+
+#include <cstdint>
+
+// Sends a status request for the 16-byte name to the IPv4 address (network
+// order) at the name-service port. No retry: the caller waits.
+void adapstat_query(const uint8_t* name, uint32_t address);
