@@ -90,6 +90,10 @@ const uint8_t* skip_name(const uint8_t* pos, const uint8_t* last)
     }
 }
 
+// The fixed fields after a record's name (type, class, TTL, RDLENGTH and
+// the NB_FLAGS looked for) are read only when the datagram holds them: a
+// datagram that ends inside them is refused rather than read on into what
+// the receive area held before.
 int find_flags(const uint8_t* bytes, int len)
 {
     if (len < HDRLEN)
