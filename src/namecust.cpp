@@ -5,6 +5,8 @@
 
 #include "misc/initsock.h"
 #include "nmtrace.h"
+#include "shr/logging.h"
+#include "src/maininit.h"
 #include "src/namelogin.h"
 #include "src/nbndgio.h"
 
@@ -28,9 +30,16 @@ int name_init()
     int fd = -1;
     if (transport_tcpip)
         fd = open_socket(nmport);
-    // The NetBIOS driver, the client requests with their notifier, and the
-    // name-directory agents are not served yet: the daemon only holds its
-    // name-service port.
+    // The NetBIOS driver and the client requests with their notifier are
+    // not served yet: the daemon only holds its name-service port.
+    if (nda_ct > 0) {
+        // Agents are not spoken to by this build: say so once and run as
+        // without them, rather than half-serve them.
+        log_new();
+        log_msg("%s: peer name directory not available in this build; %d agent(s) ignored", prog,
+                nda_ct);
+        nda_ct = 0;
+    }
     return fd;
 }
 

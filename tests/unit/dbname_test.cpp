@@ -41,40 +41,26 @@ std::string unescape(const char* escaped)
 
 }  // namespace
 
-TEST(DbEscape, EscapesSlashAndBackslashAndUndoesIt) {
-    const struct { const char* name; const char* entry; } cases[] = {
-        {"a/b\\c", "a\\.b\\\\c"},
-        {"", ""},
-        {"Halyard", "Halyard"},
-        {"//", "\\.\\."},
-        {"\\\\", "\\\\\\\\"},
-        {"x=y z.", "x=y z."},
-        {"\\.", "\\\\."},   // a backslash before a dot is not a slash
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_EQ(obname_2_fnlen(c.name), strlen(c.entry));
-        EXPECT_EQ(escape(c.name), c.entry);
-        EXPECT_EQ(unescape(c.entry), c.name);
-    }
-    EXPECT_EQ(obname_2_fnlen(nullptr), 0u);
-}
-
-TEST(DbEscape, OddEscapesInEntriesAreReadSafely) {
-    const struct { const char* entry; const char* name; } cases[] = {
-        {"a\\xb", "axb"},      // backslash before another character is dropped
-        {"abc\\", "abc"},      // a final backslash is dropped
-        {"\\", ""},
-        {"\\\\\\", "\\"},
-        {"\\\\.", "\\."},
+TEST(DbName, EntriesEscapeSlashAndBackslashAndReadBackSafely) {
+    const struct { const char* name; const char* entry; bool both_ways; } cases[] = {
+        {"a/b\\c", "a\\.b\\\\c", true},
+        {"", "", true},
+        {"//", "\\.\\.", true},
+        {"\\.", "\\\\.", true},   // a backslash before a dot is not a slash
+        {"axb", "a\\xb", false},  // backslash before another character is dropped
+        {"abc", "abc\\", false},  // a final backslash is dropped
+        {"\\", "\\\\\\", false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.entry);
+        if (c.both_ways) {
+            EXPECT_EQ(obname_2_fnlen(c.name), strlen(c.entry));
+            EXPECT_EQ(escape(c.name), c.entry);
+        }
         EXPECT_EQ(unescape(c.entry), c.name);
     }
-}
+    EXPECT_EQ(obname_2_fnlen(nullptr), 0u);
 
-TEST(DbName, JoinsComponentsAsDirectoryEntries) {
     Kvc name({{"realm", "NB"}, {"type", nullptr}, {"program", "a/b\\c"}});
     size_t len = 0;
     const char* p = object_2_path(name.get(), &len);
@@ -82,48 +68,23 @@ TEST(DbName, JoinsComponentsAsDirectoryEntries) {
     EXPECT_STREQ(p, "realm=NB/type=/program=a\\.b\\\\c");
     EXPECT_EQ(len, strlen(p));
 
-    Kvc empty({});
-    p = object_2_path(empty.get(), &len);
-    ASSERT_NE(p, nullptr);
-    EXPECT_STREQ(p, "");
-    EXPECT_EQ(len, 0u);
-}
-
-TEST(DbName, ParsesDirectoryEntriesIntoComponents) {
     vz_kvc* v = nullptr;
     vz_kvcstate st = 0;
     ASSERT_EQ(vz_kvcv_init(&v, &st), 0);
     for (const char* e : {"realm=NB", "type", "type=", "prog=a\\.b\\\\c", "a=b=c", "=x"})
         ASSERT_EQ(vzdb_dir2ob1(&v, &st, e), 0) << e;
     EXPECT_EQ(kvc_lines(v), (std::vector<std::string>{"realm=NB", "type=", "type=", "prog=a/b\\c", "a=b=c", "=x"}));
-    for (const vz_kvc* t = v; t->key != nullptr; t++)
-        EXPECT_EQ(t->comment, nullptr);
     vzdb_kvcfree(v);
 }
 
 // The current object is fixed at the first conversion of a process, so each
-// of these runs in a fresh child.
-TEST(DbPath, AbsoluteNamesStartAtTheRootWhateverTheSystemIs) {
-    run_in_child([] {
-        setenv("VZDB_CURRENT", "realm=Elsewhere", 1);
-        Kvc x({{"system", "x"}, {"realm", "NB"}});
-        Kvc star({{"system", "*"}, {"realm", "NB"}});
-        Kvc root({{"system", nullptr}});
-        Kvc own({{"system", "*"}, {"realm", "NB"}, {"program", "Halyard"}});
-        EXPECT_EQ(path_of(x.get()), "/var/opt/KORRbase/rtdb/realm=NB");
-        EXPECT_EQ(path_of(star.get()), "/var/opt/KORRbase/rtdb/realm=NB");
-        EXPECT_EQ(path_of(root.get()), "/var/opt/KORRbase/rtdb");
-        EXPECT_EQ(path_of(own.get()), "/var/opt/KORRbase/rtdb/realm=NB/program=Halyard");
-    });
-}
-
-TEST(DbPath, RelativeNamesFollowTheCurrentObjectReadOnce) {
+// case runs in a fresh child.
+TEST(DbPath, RelativeNamesFollowTheCurrentObjectReadOnceAbsoluteOnesDoNot) {
     const struct { const char* current; const char* expect; } cases[] = {
         {nullptr, "/var/opt/KORRbase/rtdb/program=Halyard"},
+        {"", "/var/opt/KORRbase/rtdb/program=Halyard"},
         {"realm=NB", "/var/opt/KORRbase/rtdb/realm=NB/program=Halyard"},
         {"/realm=NB//x=a\\.b/", "/var/opt/KORRbase/rtdb/realm=NB/x=a\\.b/program=Halyard"},
-        {"", "/var/opt/KORRbase/rtdb/program=Halyard"},
-        {"bare", "/var/opt/KORRbase/rtdb/bare=/program=Halyard"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.current != nullptr ? c.current : "(unset)");
@@ -140,29 +101,28 @@ TEST(DbPath, RelativeNamesFollowTheCurrentObjectReadOnce) {
             std::string cur = c.expect;
             Kvc empty({});
             EXPECT_EQ(path_of(empty.get()), cur.substr(0, cur.rfind('/')));
+            Kvc x({{"system", "x"}, {"realm", "NB"}});
+            Kvc root({{"system", nullptr}});
+            EXPECT_EQ(path_of(x.get()), "/var/opt/KORRbase/rtdb/realm=NB");
+            EXPECT_EQ(path_of(root.get()), "/var/opt/KORRbase/rtdb");
         });
     }
 }
 
 TEST(DbPath, EnvironmentEntryLeadsBackToTheSameObject) {
-    const struct { std::vector<std::pair<const char*, const char*>> name; const char* entry; const char* path; } cases[] = {
-        {{{"system", "*"}}, "VZDB_CURRENT=", "/var/opt/KORRbase/rtdb"},
-        {{{"system", "*"}, {"realm", "NB"}, {"program", "a/b"}}, "VZDB_CURRENT=realm=NB/program=a\\.b",
-         "/var/opt/KORRbase/rtdb/realm=NB/program=a\\.b"},
+    Kvc root({{"system", "*"}});
+    Kvc prog({{"system", "*"}, {"realm", "NB"}, {"program", "a/b"}});
+    const struct { const vz_kvc* name; const char* entry; const char* path; } cases[] = {
+        {root.get(), "VZDB_CURRENT=", "/var/opt/KORRbase/rtdb"},
+        {prog.get(), "VZDB_CURRENT=realm=NB/program=a\\.b", "/var/opt/KORRbase/rtdb/realm=NB/program=a\\.b"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.entry);
         run_in_child([&c] {
             setenv("VZDB_CURRENT", "realm=Elsewhere", 1);
-            vz_kvc* v = nullptr;
-            vz_kvcstate st = 0;
-            ASSERT_EQ(vz_kvcv_init(&v, &st), 0);
-            for (const auto& [k, val] : c.name)
-                ASSERT_EQ(vz_kvcv_add(&v, &st, k, val, nullptr), 0);
             char* entry = nullptr;
-            ASSERT_EQ(vzdb_ob_environ(v, &entry), 0);
+            ASSERT_EQ(vzdb_ob_environ(c.name, &entry), 0);
             EXPECT_STREQ(entry, c.entry);
-            vzdb_kvcfree(v);
             vzdb_strfree(entry);
         });
         // A process started with that entry has this object as its current one.
@@ -206,27 +166,21 @@ TEST(DbScratch, GrowsOnlyWhenAskedForMore) {
     char* buf = nullptr;
     size_t size = 0;
     ASSERT_EQ(vzdb_str_alloc(&buf, &size, 10), 0);
-    ASSERT_NE(buf, nullptr);
     EXPECT_EQ(size, 26u);
     memset(buf, 'x', size);   // all of it is usable
     char* before = buf;
     ASSERT_EQ(vzdb_str_alloc(&buf, &size, 26), 0);
     EXPECT_EQ(buf, before);
-    EXPECT_EQ(size, 26u);
     ASSERT_EQ(vzdb_str_alloc(&buf, &size, 27), 0);
     EXPECT_EQ(size, 43u);
     memset(buf, 'y', size);
     vzdb_strfree(buf);
-    vzdb_strfree(nullptr);
-    vzdb_kvcfree(nullptr);
 }
 
 TEST(VzHome, CopiesTheHomeDirectoryCutToTheBuffer) {
     const struct { size_t size; const char* expect; } cases[] = {
-        {200, "/opt/KORRlibs"},
         {14, "/opt/KORRlibs"},
         {13, "/opt/KORRlib"},   // the last byte is always the terminator
-        {5, "/opt"},
         {1, ""},
     };
     for (const auto& c : cases) {

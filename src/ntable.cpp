@@ -1,0 +1,201 @@
+#include "src/ntable.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <new>
+#include <sys/ioctl.h>
+
+#include "nmtrace.h"
+#include "shr/logging.h"
+#include "src/claim.h"
+#include "src/maininit.h"
+#include "src/namelogin.h"
+
+nt_entry* n_table = nullptr;
+int nbunx_fd = -1;
+
+namespace {
+
+constexpr size_t NAMELEN = sizeof(nt_entry::name);
+
+// The STREAMS request: command word, time-out, data length and data. Linux
+// has no STREAMS, so the structure and the request code are ours; the code
+// is the STREAMS I_STR ('S' << 8 | 8) with Linux's direction and size bits,
+// which no other driver's request matches, so any device that is not the
+// driver refuses it (ENOTTY) instead of acting on it.
+struct nbunx_strioctl {
+    int32_t ic_cmd;
+    int32_t ic_timout;  // -1: wait without limit
+    int32_t ic_len;
+    char* ic_dp;
+};
+constexpr unsigned long NBUNX_I_STR = _IOWR('S', 8, nbunx_strioctl);
+
+int ioctl_request(int fd, int cmd, nbunx_req* block)
+{
+    nbunx_strioctl s{cmd, -1, int32_t(sizeof *block), reinterpret_cast<char*>(block)};
+    return ioctl(fd, NBUNX_I_STR, &s);
+}
+
+nbunx_request_fn request = ioctl_request;
+
+// One driver request for name: the block zeroed, the name at offset 4, kind
+// as given; the block as the driver returned it stays in *block.
+int drive(int cmd, const uint8_t* name, int32_t kind, nbunx_req* block)
+{
+    *block = {};
+    memcpy(block->name, name, NAMELEN);
+    block->kind = kind;
+    return request(nbunx_fd, cmd, block);
+}
+
+// The driver gave the name up, or could not say: announce it free, take it
+// out of the driver, free the entry (already unlinked by the caller).
+void drop(nt_entry* e)
+{
+    name_release(e);
+    nbunx_namedel(e->name);
+    delete e;
+}
+
+bool dropped(const uint8_t* name)
+{
+    int chk = nbunx_namechk(name);
+    return chk < 0 || (chk & NBCHK_DROPPED) != 0;
+}
+
+}  // namespace
+
+nt_entry* nt_search(const uint8_t* name)
+{
+    nt_entry** link = &n_table;
+    while (*link != nullptr && memcmp((*link)->name, name, NAMELEN) != 0)
+        link = &(*link)->next;
+    nt_entry* e = *link;
+    if (e == nullptr)
+        return nullptr;
+    if (transport_vznbu && dropped(name)) {
+        *link = e->next;
+        drop(e);
+        return nullptr;
+    }
+    return e;
+}
+
+// Names are compared exactly here too: a lookup that ignored case would
+// answer for a name that no client added.
+nt_entry* nt_icsearch(const uint8_t* name)
+{
+    return nt_search(name);
+}
+
+int nt_add(const uint8_t* name, uint32_t flags)
+{
+    if (nt_search(name) != nullptr)
+        return NT_PRESENT;
+    nt_entry* e = new (std::nothrow) nt_entry{};
+    if (e == nullptr)
+        return NT_NOMEM;
+    memcpy(e->name, name, NAMELEN);
+    e->flags = flags | NT_PENDING;
+    e->count = 0;
+    nt_entry** link = &n_table;
+    while (*link != nullptr)
+        link = &(*link)->next;
+    *link = e;
+    if (transport_vznbu)
+        nbunx_nameadd(name, flags);
+    return 0;
+}
+
+int nt_del(const uint8_t* name)
+{
+    nt_entry** link = &n_table;
+    while (*link != nullptr && memcmp((*link)->name, name, NAMELEN) != 0)
+        link = &(*link)->next;
+    nt_entry* e = *link;
+    if (e == nullptr)
+        return NT_ABSENT;
+    *link = e->next;
+    // The entry's own bytes: name may point into the entry being freed.
+    if (transport_vznbu)
+        nbunx_namedel(e->name);
+    delete e;
+    return 0;
+}
+
+void tables_sync()
+{
+    if (!transport_vznbu)
+        return;
+    nt_entry** link = &n_table;
+    while (*link != nullptr) {
+        nt_entry* e = *link;
+        if (dropped(e->name)) {
+            *link = e->next;
+            drop(e);
+        } else {
+            link = &e->next;
+        }
+    }
+}
+
+void nbunx_open()
+{
+    nbunx_fd = open(NBUNX_DEVICE, O_RDWR);
+    if (nbunx_fd < 0)
+        log_catmsg(LOG_SET, 189, "%s: cannot open nbu nexus device %s", prog, NBUNX_DEVICE);
+}
+
+int nbunx_nameadd(const uint8_t* name, uint32_t flags)
+{
+    if (nbunx_fd < 0)
+        return -1;
+    nbunx_req block;
+    int32_t kind = (flags & NT_GROUP) != 0 ? NBUNX_KIND_GROUP : NBUNX_KIND_UNIQUE;
+    int r = drive(NBUNX_ADD, name, kind, &block);
+    if (r < 0) {
+        TRACE(proc, 1, "nbunx_nameadd fails, errno %d\n", errno);
+        return -1;
+    }
+    return r;
+}
+
+int nbunx_namedel(const uint8_t* name)
+{
+    if (nbunx_fd < 0)
+        return -1;
+    nbunx_req block;
+    int r = drive(NBUNX_DEL, name, 0, &block);
+    if (r < 0) {
+        TRACE(proc, 1, "nbunx_namedel fails, errno %d\n", errno);
+        return -1;
+    }
+    return r;
+}
+
+int nbunx_namechk(const uint8_t* name)
+{
+    if (nbunx_fd < 0)
+        return 0;
+    nbunx_req block;
+    if (drive(NBUNX_CHK, name, 0, &block) < 0) {
+        TRACE(proc, 1, "nbunx_namechk fails, errno %d\n", errno);
+        return -1;
+    }
+    int flags = 0;
+    if (block.kind == NBUNX_KIND_GROUP)
+        flags |= NBCHK_GROUP;
+    if (block.state == 0)
+        flags |= NBCHK_ACTIVE;
+    if (block.state == NBUNX_STATE_DROPPED)
+        flags |= NBCHK_DROPPED;
+    TRACE(proc, 1, "nbunx_namechk: returning flags %#x\n", unsigned(flags));
+    return flags;
+}
+
+void nbunx_set_request(nbunx_request_fn fn)
+{
+    request = fn != nullptr ? fn : ioctl_request;
+}
