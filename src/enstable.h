@@ -1,0 +1,66 @@
+#pragma once
+
+// The ENS table: the other hosts of the network as the daemon knows them,
+// each with its IPv4 addresses and its NetBIOS names, in two hash tables
+// (names by their bytes, addresses by their first octet). An address entry
+// without host is one of the daemon's own interface addresses.
+
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+
+struct EnsName;
+struct EnsAddr;
+
+struct EnsHost {            // all zero when made
+    EnsName* names;         // first name of this host, linked through host_next
+    EnsAddr* addrs;         // first (newest) address, linked through host_next
+    time_t time;            // when the host was last heard of
+    int probes;             // probes sent since its last answer
+};
+
+// Name entry flags, as in the adapter-status name entries.
+constexpr uint32_t ENS_GROUP = 0x1;
+constexpr uint32_t ENS_PERM = 0x8;
+constexpr uint32_t ENS_MARK = 0x4000;  // used only while a host is updated
+
+struct EnsName {
+    EnsName* next;          // next entry in its hash bucket
+    EnsName* host_next;     // next name of the same host
+    EnsHost* host;
+    uint8_t name[16];
+    uint32_t flags;
+};
+
+struct EnsAddr {
+    EnsAddr* next;          // next entry in its hash bucket
+    EnsAddr* host_next;     // next address of the same host
+    EnsHost* host;          // null: one of the daemon's own addresses
+    uint32_t address;       // network order
+};
+
+constexpr int ENS_NBUCKETS = 256;
+constexpr int ENS_ABUCKETS = 64;
+
+// New entries go to the head of their bucket and of their host's list.
+EnsHost* ens_create();  // a zeroed host, or null when memory is short
+int ens_n_add(const uint8_t* name, uint32_t flags, EnsHost* host);  // 0, or -1
+int ens_a_add(uint32_t address, EnsHost* host);                     // 0, or -1; host may be null
+
+// The first entry of that name (the newest), then the next older ones:
+// together one entry per host that has the name. Null past the last.
+EnsName* ens_n_lookup(const uint8_t* name);
+EnsName* ens_n_next(const uint8_t* name, EnsName* entry);
+EnsAddr* ens_a_lookup(uint32_t address);  // null when unknown
+
+int ens_n_del(const uint8_t* name, EnsHost* host);  // 0, or -1 when there is none
+int ens_a_del(uint32_t address);                    // 0, or -1 when there is none
+void ens_free(EnsHost* host);                        // the host with all its entries
+
+// The first address entry, scanning from `start` (0: from bucket 0) once
+// round the table, whose host was last heard of at or before cutoff; null
+// when there is none. Own addresses never qualify.
+EnsAddr* ens_a_old(uint32_t start, time_t cutoff);
+
+// Every name with its host's addresses, bucket by bucket; the stream is flushed.
+void dump_enstable(FILE* stream);
