@@ -3,7 +3,7 @@
 #include <cstring>
 #include <new>
 
-#include "src/service.h"
+#include "src/query.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "src/ensunk.h"
-#include "src/service.h"
+#include "src/query.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #pragma once
 
-// Adapter status (RFC 1002 node status) of the name service.
+// Name queries and adapter status (RFC 1002 node status) requests.
 
 #include <cstdint>
 
