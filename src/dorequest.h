@@ -1,10 +1,55 @@
 #pragma once
 
-// Client requests: the lookups that wait for a network answer.
+// Client requests: the message that carries them and their answers, the
+// dispatcher with its handlers, the lookups that wait for a network answer
+// and the claim cycle of new names.
 
+#include <cstddef>
 #include <cstdint>
+#include <type_traits>
 
 #include "src/getnpack.h"
+
+// The client message: a 24-byte header and then exactly `len` data bytes.
+// Clients, the notifier and the daemon run on one host, so every integer is
+// in the host's own byte order, written as it lies in memory.
+//
+//   0                   8       12      16      20      24
+//   +-------------------+-------+-------+-------+-------+
+//   | magic             | len   | xid   | op    | more  |
+//   +-------------------+-------+-------+-------+-------+
+struct ns_hdr {
+    uint8_t magic[8];  // NS_MAGIC
+    int32_t len;       // data bytes that follow, 0 to NS_MAXDATA
+    uint32_t xid;      // the client's, copied into every response
+    uint32_t op;       // bits 0-11 the operation, NS_RESPONSE in answers
+    int32_t more;      // non-zero: further messages of this exchange follow
+};
+static_assert(sizeof(ns_hdr) == 24);
+static_assert(offsetof(ns_hdr, magic) == 0 && offsetof(ns_hdr, len) == 8 && offsetof(ns_hdr, xid) == 12 &&
+              offsetof(ns_hdr, op) == 16 && offsetof(ns_hdr, more) == 20);
+static_assert(std::is_trivially_copyable_v<ns_hdr>);
+
+constexpr size_t NS_HDRSIZE = sizeof(ns_hdr);
+
+// Seven non-zero bytes and a terminating zero.
+inline constexpr uint8_t NS_MAGIC[8] = {0xCA, 0x71, 0xD7, 0x5E, 0xE9, 0xD2, 0x64, 0x00};
+
+// The most data one message carries.
+constexpr int NS_MAXDATA = 4096;
+
+// Operation codes; an answer carries its request's code with NS_RESPONSE set.
+constexpr uint32_t NS_ADDNAME = 1;
+constexpr uint32_t NS_DELNAME = 2;
+constexpr uint32_t NS_LISTNAME = 3;
+constexpr uint32_t NS_LOOKUP = 4;
+constexpr uint32_t NS_INIT = 5;
+constexpr uint32_t NS_NBTYPE = 6;
+constexpr uint32_t NS_CKNAME = 7;
+constexpr uint32_t NS_NBSCOPE = 8;
+constexpr uint32_t NS_ADAPSTAT = 9;
+constexpr uint32_t NS_ENSTABLE = 10;
+constexpr uint32_t NS_RESPONSE = 0x1000;
 
 // The lookup list, newest first. Operation NS_LOOKUP (4) records have
 // address 0; NS_ADAPSTAT (9) records the target's IPv4 address.

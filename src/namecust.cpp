@@ -9,9 +9,9 @@
 #include "src/maininit.h"
 #include "src/namelogin.h"
 #include "src/nbndgio.h"
+#include "src/notifier.h"
 
 int ens_fd = -1;
-int ntf_pid = 0;
 
 int open_socket(uint16_t port)
 {

@@ -6,8 +6,6 @@
 
 // The ENS socket, -1 while none is open.
 extern int ens_fd;
-// The notifier's process id, 0 while none runs.
-extern int ntf_pid;
 
 // Brings the name service up after the start-up: the name-service socket
 // when the UDP transport is configured. Returns that socket, or -1 when there
