@@ -6,3 +6,5 @@ struct nt_entry;
 
 // Broadcasts one name release request for the entry on every interface.
 void name_release(const nt_entry* e);
+// Broadcasts one name registration request for the entry on every interface.
+void name_claim(const nt_entry* e);

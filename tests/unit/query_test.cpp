@@ -10,7 +10,6 @@
 #include "misc/initsock.h"
 #include "nmtrace.h"
 #include "shr/uniinet.h"
-#include "src/dorequest.h"
 #include "src/maininit.h"
 #include "src/namelogin.h"
 #include "src/ntable.h"
@@ -30,12 +29,6 @@ Bytes name16(const char* text, uint8_t type = 0x20)
     n[15] = type;
     return n;
 }
-
-// The lookup list as the query module sees it: one waiting record, and
-// what was finished.
-struct Waiting { Bytes name; uint32_t address; int32_t id; uint32_t xid; };
-std::vector<Waiting> waiting;
-std::vector<std::string> finished;
 
 uint32_t ip(const char* text) { return inet_addr(text); }
 
@@ -60,20 +53,6 @@ Bytes request(const Bytes& name, int stat, bool bcast)
     return Bytes(area, area + rec.size);
 }
 
-// A query response for name: ANCOUNT 1, an NB record with the given entries;
-// without entries a NULL record (the decoder refuses an NB record without
-// its flags).
-Bytes query_response(const Bytes& name, std::vector<std::pair<int, const char*>> entries)
-{
-    uint8_t area[NPKT_AREA] = {0x00, 0x07, 0x85, 0x00};
-    fill_counts(area, 0, 1, 0, 0);
-    int off = 12 + fill_nbname(area + 12, name.data());
-    off += fill_rr_header(area + off, entries.empty() ? RR_NULL : RR_NB, RR_IN, 300, int(6 * entries.size()));
-    for (auto [flags, addr] : entries)
-        off += fill_rr_nb(area + off, flags, ip(addr));
-    return Bytes(area, area + off);
-}
-
 uint16_t be16(const uint8_t* p) { return uint16_t(p[0] << 8 | p[1]); }
 
 void clear_table()
@@ -84,36 +63,11 @@ void clear_table()
 
 }  // namespace
 
+// The modules around the query: the table lookup of incoming packets and
+// the claims, whose real ones go on the wire.
 nt_entry* name_present(const uint8_t* name) { return nt_search(name); }
-void name_release(const nt_entry*) {}  // the driver transport is off: never called
-int get_luname(const uint8_t* name, int32_t* id, uint32_t* xid)
-{
-    for (const auto& w : waiting)
-        if (w.address == 0 && memcmp(w.name.data(), name, 16) == 0)
-            return *id = w.id, *xid = w.xid, 0;
-    return -1;
-}
-int get_luaddr(uint32_t address, int32_t* id, uint32_t* xid)
-{
-    for (const auto& w : waiting)
-        if (w.address != 0 && w.address == address)
-            return *id = w.id, *xid = w.xid, 0;
-    return -1;
-}
-void rm_lu(int32_t id)
-{
-    std::erase_if(waiting, [id](const Waiting& w) { return w.id == id; });
-}
-void finish_lookup(uint32_t address, int group, uint32_t xid)
-{
-    finished.push_back("lookup " + std::to_string(xid) + " " + inet_ntoa({address}) + " " + std::to_string(group));
-}
-void finish_adapstat(const as_stats* st, const as_name* entries, int n, uint32_t xid)
-{
-    finished.push_back("adapstat " + std::to_string(xid) + " n " + std::to_string(n) + " first " +
-                       std::string(reinterpret_cast<const char*>(entries[0].name), 15) + " sends " +
-                       std::to_string(st->good_sends));
-}
+void name_release(const nt_entry*) {}
+void name_claim(const nt_entry*) {}
 
 TEST(BuildQuery, NameQueryAndStatusRequestBytes)
 {
@@ -273,70 +227,4 @@ TEST(AdapterStatus, AnswersAndRequestsOnTheWire)
         EXPECT_EQ(ids, (std::vector<std::string>{"0/1/32", "1/1/32", "0/0/33", "1/0/33"}))
             << "each kind counts its own ids from 0";
     });
-}
-
-TEST(Lookups, ResponsesFinishTheWaitingLookupByName)
-{
-    Bytes fred = name16("FRED"), team = name16("TEAM", 0x1C);
-    waiting = {{fred, 0, 7, 700}, {team, 0, 8, 800}, {fred, 0, 5, 500}};
-    const struct { const char* why; Bytes resp; const char* finished; size_t left; } cases[] = {
-        {"a negative response (RDLENGTH 0): the lookup waits on", query_response(fred, {}), nullptr, 3},
-        {"several addresses: the first", query_response(fred, {{0, "10.88.0.3"}, {0, "10.88.0.4"}}),
-         "lookup 700 10.88.0.3 0", 2},
-        {"the older lookup of the same name next", query_response(fred, {{0, "10.88.0.4"}}),
-         "lookup 500 10.88.0.4 0", 1},
-        {"nothing waits any more", query_response(fred, {{0, "10.88.0.5"}}), nullptr, 1},
-        {"a group name", query_response(team, {{NB_GROUP_BIT, "10.88.0.6"}}), "lookup 800 10.88.0.6 1", 0},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.why);
-        finished.clear();
-        Bytes b = c.resp;
-        npkt rec = decoded(b, "10.88.0.3");
-        tcfile = tmpfile();
-        tc_proc = 1;
-        check_lookup(&rec);
-        std::string trace(200, '\0');
-        rewind(tcfile);
-        trace.resize(fread(trace.data(), 1, trace.size(), tcfile));
-        fclose(tcfile);
-        tcfile = nullptr;
-        EXPECT_EQ(trace, c.left == 3 ? "check_lookup: find_ip failed\n" : "");
-        EXPECT_EQ(finished, c.finished ? std::vector<std::string>{c.finished} : std::vector<std::string>{});
-        EXPECT_EQ(waiting.size(), c.left);
-    }
-}
-
-TEST(Lookups, StatusResponsesFinishTheRequestToTheirSender)
-{
-    if_entry ifs[1] = {{ip("10.88.0.1"), 0, 0}};
-    my_addr = ifs;
-    my_addr_ct = 1;
-    ASSERT_EQ(nt_add(name16("SERVER").data(), 0), 0);
-    Bytes req = request(name16("SERVER"), 1, false);
-    npkt in = decoded(req, "10.88.0.1");
-    uint8_t area[NPKT_AREA];
-    npkt out;
-    init_outpkt(&out, area, NT_QUERY_RESP, in.name);
-    Bytes resp(area, area + pos_adapstat(&out, &in));
-    waiting = {{name16("SERVER"), ip("10.88.0.2"), 3, 300}};
-    finished.clear();
-    Bytes b = resp;
-    npkt from_other = decoded(b, "10.88.0.7");
-    check_adapstat(&from_other);
-    EXPECT_TRUE(finished.empty()) << "matched by the sender's address";
-    Bytes c = resp;
-    npkt rec = decoded(c, "10.88.0.2");
-    check_adapstat(&rec);
-    ASSERT_EQ(finished.size(), 1u);
-    EXPECT_EQ(finished[0].substr(0, 29), "adapstat 300 n 2 first SERVER");
-    EXPECT_TRUE(waiting.empty());
-    Bytes cut(resp.begin(), resp.end() - 1);
-    waiting = {{name16("SERVER"), ip("10.88.0.2"), 3, 300}};
-    npkt short_rec = decoded(cut, "10.88.0.2");
-    check_adapstat(&short_rec);
-    EXPECT_EQ(waiting.size(), 1u) << "a cut response is dropped";
-    waiting.clear();
-    clear_table();
-    my_addr_ct = 0;
 }

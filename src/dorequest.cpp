@@ -1,0 +1,475 @@
+#include "src/dorequest.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <unistd.h>
+
+#include "nmtrace.h"
+#include "shr/fxdump.h"
+#include "shr/uniinet.h"
+#include "src/claim.h"
+#include "src/enstable.h"
+#include "src/maininit.h"
+#include "src/namelogin.h"
+#include "src/notifier.h"
+#include "src/ntable.h"
+#include "src/query.h"
+
+int doing_claims = 0;
+
+namespace {
+
+struct lu_rec {
+    lu_rec* next;
+    uint8_t name[16];
+    uint32_t address;   // IPv4, network order; 0 for a name lookup
+    uint32_t op;        // NS_LOOKUP or NS_ADAPSTAT
+    int32_t id;
+    uint32_t xid;
+};
+
+lu_rec* lu_list = nullptr;   // newest first
+int32_t l_id = 0;
+
+constexpr int LOOKUP_WAIT = 5;     // seconds a lookup waits for the network
+constexpr int LIST_MAX = 200;      // name entries in one NS_LISTNAME message
+constexpr int ENTRYLEN = 20;       // name and flags word
+constexpr int LOOKUP_LEN = 72;     // status, universal address, group flag
+
+// The request being handled, and the messages that answer later.
+ns_hdr req_hdr;
+uint8_t req_data[NS_MAXDATA];
+ns_hdr late_hdr;
+uint8_t late_data[NS_MAXDATA];
+
+char op_text[64];
+
+void put32(uint8_t* data, int off, int32_t v)
+{
+    memcpy(data + off, &v, sizeof v);
+}
+
+void answer(ns_hdr* h, uint32_t op, int32_t len)
+{
+    h->op = op | NS_RESPONSE;
+    h->len = len;
+    h->more = 0;
+}
+
+void fresh(ns_hdr* h, uint32_t xid, uint32_t op, int32_t len)
+{
+    memcpy(h->magic, NS_MAGIC, sizeof h->magic);
+    h->xid = xid;
+    answer(h, op, len);
+}
+
+// The NS_LOOKUP answer: status, the owner's address without port, the
+// group flag.
+void lookup_data(uint8_t* data, int32_t status, uint32_t address, int group)
+{
+    memset(data, 0, LOOKUP_LEN);
+    put32(data, 0, status);
+    UniAddr ua{};
+    if (status == 0)
+        iantoua(&ua, address, -1);
+    memcpy(data + 4, &ua, sizeof ua);
+    put32(data, 68, status == 0 ? group : 0);
+}
+
+uint32_t first_address()
+{
+    return my_addr_ct > 0 ? my_addr[0].addr : 0;
+}
+
+// Starts the wait of a lookup or status request; its answer comes later.
+void wait_for(const uint8_t* name, uint32_t address, uint32_t op, uint32_t xid)
+{
+    add_lu(name, address, op, l_id, xid);
+    // With the timer table full the record waits for a network answer only.
+    dg_timer(LOOKUP_WAIT, fail_lookup, l_id);
+    l_id++;
+}
+
+}  // namespace
+
+int add_lu(const uint8_t* name, uint32_t address, uint32_t op, int32_t id, uint32_t xid)
+{
+    lu_rec* r = new (std::nothrow) lu_rec{};
+    if (r == nullptr)
+        return -1;   // the request then gets no answer from us
+    memcpy(r->name, name, sizeof r->name);
+    r->address = address;
+    r->op = op;
+    r->id = id;
+    r->xid = xid;
+    r->next = lu_list;
+    lu_list = r;
+    return 0;
+}
+
+void rm_lu(int32_t id)
+{
+    for (lu_rec** p = &lu_list; *p != nullptr; p = &(*p)->next) {
+        if ((*p)->id == id) {
+            lu_rec* r = *p;
+            *p = r->next;
+            delete r;
+            return;
+        }
+    }
+}
+
+int get_luid(int32_t id, uint32_t* op, uint8_t* name, uint32_t* address, uint32_t* xid)
+{
+    for (const lu_rec* r = lu_list; r != nullptr; r = r->next) {
+        if (r->id != id)
+            continue;
+        if (op != nullptr)
+            *op = r->op;
+        if (name != nullptr)
+            memcpy(name, r->name, sizeof r->name);
+        if (address != nullptr)
+            *address = r->address;
+        if (xid != nullptr)
+            *xid = r->xid;
+        return 0;
+    }
+    return -1;
+}
+
+int get_luname(const uint8_t* name, int32_t* id, uint32_t* xid)
+{
+    for (const lu_rec* r = lu_list; r != nullptr; r = r->next) {
+        if (r->op == NS_LOOKUP && memcmp(r->name, name, sizeof r->name) == 0) {
+            *id = r->id;
+            *xid = r->xid;
+            return 0;
+        }
+    }
+    return -1;
+}
+
+int get_luaddr(uint32_t address, int32_t* id, uint32_t* xid)
+{
+    for (const lu_rec* r = lu_list; r != nullptr; r = r->next) {
+        if (r->op == NS_ADAPSTAT && r->address == address) {
+            *id = r->id;
+            *xid = r->xid;
+            return 0;
+        }
+    }
+    return -1;
+}
+
+// Requests that the notifier relayed: read while any wait. The notifier
+// passes on only whole messages with the right magic and at most
+// NS_MAXDATA data bytes; a length outside that is refused here all the same,
+// as a short read, rather than read into the data area past its end.
+int get_request(ns_hdr* h, uint8_t* data)
+{
+    ssize_t n = read(from_ntf, h, sizeof *h);
+    TRACE(proc, 9, "get_request: %d returned from read\n", static_cast<int>(n));
+    if (n == 0 || (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)))
+        return -2;
+    if (n != static_cast<ssize_t>(sizeof *h))
+        return -1;
+    if (h->len < 0 || h->len > NS_MAXDATA)
+        return -1;
+    if (h->len != 0 && read(from_ntf, data, static_cast<size_t>(h->len)) != h->len)
+        return -1;
+    // A request shorter than its operation's data reads zeros, not what an
+    // earlier request left.
+    memset(data + h->len, 0, static_cast<size_t>(NS_MAXDATA - h->len));
+    if (tcfile != nullptr && tc_proc >= 3) {
+        tc_printf("get_request: received ns request:\n");
+        dump_request(h, data);
+    }
+    return 0;
+}
+
+void put_response(const ns_hdr* h, const uint8_t* data)
+{
+    if (tcfile != nullptr && tc_proc >= 3) {
+        tc_printf("put_response: writing ns response:\n");
+        dump_request(h, data);
+    }
+    // Write errors are not checked: a lost response is the notifier's
+    // 12-second time-out, and the client's.
+    ssize_t ignored = write(to_ntf, h, sizeof *h);
+    int32_t len = std::clamp(h->len, 0, NS_MAXDATA);
+    if (len != 0)
+        ignored = write(to_ntf, data, static_cast<size_t>(len));
+    (void)ignored;
+}
+
+// "%.2x" and "%.8x" write what "%02.2x" and "%08.8lx" would, without the
+// ignored zero flag.
+void dump_request(const ns_hdr* h, const uint8_t* data)
+{
+    if (tcfile == nullptr)
+        return;
+    const uint8_t* m = h->magic;
+    tc_printf("magic\t%.2x %.2x %.2x %.2x %.2x %.2x %.2x %.2x\n", m[0], m[1], m[2], m[3], m[4], m[5], m[6],
+              m[7]);
+    tc_printf("len\t%d\n", h->len);
+    tc_printf("xid\t%.8x\n", h->xid);
+    tc_printf("op\t%.8x (%s)\n", h->op, opstring(h->op));
+    tc_printf("more\t%d\n", h->more);
+    if (h->len != 0) {
+        tc_printf("data");
+        dump_bytes(tcfile, data, static_cast<size_t>(std::clamp(h->len, 0, NS_MAXDATA)));
+    }
+    fflush(tcfile);
+}
+
+const char* opstring(uint32_t op)
+{
+    static constexpr const char* names[] = {
+        nullptr,       "NS_ADDNAME", "NS_DELNAME",  "NS_LISTNAME", "NS_LOOKUP",   "NS_INIT",
+        "NS_NBTYPE",   "NS_CKNAME",  "NS_NBSCOPE", "NS_ADAPSTAT", "NS_ENSTABLE",
+    };
+    uint32_t code = op & 0xFFF;
+    const char* name = code >= 1 && code <= 10 ? names[code] : "Unrecognized";
+    snprintf(op_text, sizeof op_text, "%s%s", name, (op & NS_RESPONSE) ? " | NS_RESPONSE" : "");
+    return op_text;
+}
+
+void do_request(int)
+{
+    for (;;) {
+        int r = get_request(&req_hdr, req_data);
+        if (r == -2)
+            return;
+        if (r < 0) {
+            TRACE(proc, 1, "do_request: get_request failed\n");
+            return;
+        }
+        switch (req_hdr.op) {
+        case NS_ADDNAME: do_addname(&req_hdr, req_data); break;
+        case NS_DELNAME: do_delname(&req_hdr, req_data); break;
+        case NS_LISTNAME: do_listname(&req_hdr, req_data); break;
+        case NS_INIT: do_init(&req_hdr, req_data); break;
+        case NS_NBTYPE: do_nbtype(&req_hdr, req_data); break;
+        case NS_CKNAME: do_ckname(&req_hdr, req_data); break;
+        case NS_NBSCOPE: do_nbscope(&req_hdr, req_data); break;
+        case NS_ENSTABLE: do_enstable(&req_hdr, req_data); break;
+        // These answer when the network does: a further request waiting in
+        // the pipe is read at the next interrupt.
+        case NS_LOOKUP: do_lookup(&req_hdr, req_data); return;
+        case NS_ADAPSTAT: do_adapstat(&req_hdr, req_data); return;
+        default: answer(&req_hdr, 0, 0); break;
+        }
+        put_response(&req_hdr, req_data);
+    }
+}
+
+void do_addname(ns_hdr* h, uint8_t* data)
+{
+    uint32_t flags = 0;
+    memcpy(&flags, data + 16, sizeof flags);
+    int status = nt_add(data, flags);
+    if (status == 0)
+        start_claims();
+    answer(h, NS_ADDNAME, 4);
+    put32(data, 0, status);
+}
+
+void do_delname(ns_hdr* h, uint8_t* data)
+{
+    const nt_entry* e = nt_search(data);
+    if (e != nullptr)
+        name_release(e);
+    // With agents configured the name is also deleted there (nda_delete), not in this build.
+    int status = nt_del(data);
+    answer(h, NS_DELNAME, 4);
+    put32(data, 0, status);
+}
+
+void do_ckname(ns_hdr* h, uint8_t* data)
+{
+    const nt_entry* e = nt_search(data);
+    uint8_t out[24] = {};
+    if (e == nullptr) {
+        put32(out, 0, NT_ABSENT);
+    } else {
+        memcpy(out + 4, e->name, sizeof e->name);
+        memcpy(out + 20, &e->flags, sizeof e->flags);
+    }
+    memcpy(data, out, sizeof out);
+    answer(h, NS_CKNAME, 24);
+}
+
+const nt_entry* fill_lnr(const nt_entry* pos, ns_hdr* h, uint8_t* data)
+{
+    if (pos == nullptr) {
+        tables_sync();
+        pos = n_table;
+    }
+    int32_t total = 0;
+    for (const nt_entry* e = n_table; e != nullptr; e = e->next)
+        total++;
+    int32_t n = 0;
+    for (; pos != nullptr && n < LIST_MAX; pos = pos->next, n++) {
+        uint8_t* entry = data + 12 + ENTRYLEN * n;
+        memcpy(entry, pos->name, sizeof pos->name);
+        memcpy(entry + 16, &pos->flags, sizeof pos->flags);
+    }
+    answer(h, NS_LISTNAME, 12 + ENTRYLEN * n);
+    h->more = pos != nullptr ? 1 : 0;
+    put32(data, 0, 0);
+    put32(data, 4, total);
+    put32(data, 8, n);
+    return pos;
+}
+
+void do_listname(ns_hdr* h, uint8_t* data)
+{
+    const nt_entry* pos = fill_lnr(nullptr, h, data);
+    while (h->more == 1) {
+        put_response(h, data);
+        pos = fill_lnr(pos, h, data);
+    }
+}
+
+void do_lookup(ns_hdr* h, uint8_t* data)
+{
+    uint8_t name[16];
+    memcpy(name, data, sizeof name);
+    const nt_entry* e = nt_search(name);
+    if (e != nullptr) {
+        answer(h, NS_LOOKUP, LOOKUP_LEN);
+        lookup_data(data, 0, first_address(), (e->flags & NT_GROUP) ? 1 : 0);
+        put_response(h, data);
+        return;
+    }
+    if (nda_ct > 0) {
+        const EnsName* en = ens_n_lookup(name);
+        if (en != nullptr && en->host != nullptr && en->host->addrs != nullptr) {
+            answer(h, NS_LOOKUP, LOOKUP_LEN);
+            lookup_data(data, 0, en->host->addrs->address, (en->flags & ENS_GROUP) ? 1 : 0);
+            put_response(h, data);
+            return;
+        }
+        // The agents would be asked here (nda_lquery), not in this build.
+    }
+    name_query(name);
+    wait_for(name, 0, NS_LOOKUP, h->xid);
+}
+
+void do_init(ns_hdr* h, uint8_t* data)
+{
+    dg_reinit();
+    answer(h, NS_INIT, 4);
+    put32(data, 0, 0);
+}
+
+void do_nbtype(ns_hdr* h, uint8_t* data)
+{
+    answer(h, NS_NBTYPE, 8);
+    put32(data, 0, nb_type);
+    memcpy(data + 4, &ssport, sizeof ssport);
+    memset(data + 6, 0, 2);
+}
+
+void do_nbscope(ns_hdr* h, uint8_t* data)
+{
+    answer(h, NS_NBSCOPE, 256);
+    memset(data, 0, 256);
+    memcpy(data, nb_scope, strnlen(nb_scope, sizeof nb_scope - 1));
+}
+
+// The dump needs the trace file: levels set while it could not be opened
+// answer as tracing off.
+void do_enstable(ns_hdr* h, uint8_t* data)
+{
+    answer(h, NS_ENSTABLE, 4);
+    bool tracing = (tc_proc != 0 || tc_in != 0 || tc_out != 0) && tcfile != nullptr;
+    if (tracing)
+        dump_enstable(tcfile);
+    put32(data, 0, tracing ? 0 : -1);
+}
+
+void do_adapstat(ns_hdr* h, uint8_t* data)
+{
+    UniAddr ua;
+    memcpy(&ua, data + 16, sizeof ua);
+    uint32_t address = 0;
+    if (uatoian(&address, nullptr, &ua) < 0)
+        address = 0;
+    if (address == 0 || !transport_tcpip) {
+        answer(h, NS_ADAPSTAT, 4);
+        put32(data, 0, -1);
+        put_response(h, data);
+        return;
+    }
+    uint8_t name[16];
+    memcpy(name, data, sizeof name);
+    adapstat_query(name, address);
+    wait_for(name, address, NS_ADAPSTAT, h->xid);
+}
+
+void finish_lookup(uint32_t address, int group, uint32_t xid)
+{
+    fresh(&late_hdr, xid, NS_LOOKUP, LOOKUP_LEN);
+    lookup_data(late_data, 0, address, group);
+    put_response(&late_hdr, late_data);
+}
+
+// The 68 bytes after the -6 of a timed-out NS_LOOKUP are zero.
+void fail_lookup(int32_t id)
+{
+    uint32_t op = 0, xid = 0;
+    if (get_luid(id, &op, nullptr, nullptr, &xid) < 0)
+        return;   // already answered
+    rm_lu(id);
+    fresh(&late_hdr, xid, op, op == NS_LOOKUP ? LOOKUP_LEN : 4);
+    memset(late_data, 0, LOOKUP_LEN);
+    put32(late_data, 0, NT_ABSENT);
+    put_response(&late_hdr, late_data);
+}
+
+void finish_adapstat(const as_stats* st, const as_name* entries, int n, uint32_t xid)
+{
+    n = std::clamp(n, 0, AS_MAXNAMES);
+    fresh(&late_hdr, xid, NS_ADAPSTAT, 52 + ENTRYLEN * n);
+    put32(late_data, 0, n);
+    memcpy(late_data + 4, st, sizeof *st);
+    if (n > 0)
+        memcpy(late_data + 52, entries, sizeof *entries * static_cast<size_t>(n));
+    put_response(&late_hdr, late_data);
+}
+
+void start_claims()
+{
+    if (doing_claims == 0) {
+        doing_claims = 1;
+        do_claim(0);
+    }
+}
+
+// Names are claimed one at a time, in table order, twice one second apart;
+// a name is owned at the run after its second claim.
+void do_claim(int32_t)
+{
+    TRACE(proc, 1, "do_claim\n");
+    for (nt_entry* e = n_table; e != nullptr; e = e->next) {
+        if ((e->flags & NT_PENDING) == 0)
+            continue;
+        TRACE(proc, 2, "found claimer, count %d, nda_ct %d\n", e->count, nda_ct);
+        if (e->count >= 2) {
+            e->flags &= ~NT_PENDING;
+            // With agents configured the name is also registered there (nda_add), not in this build.
+            continue;
+        }
+        name_claim(e);
+        e->count++;
+        // With the timer table full the cycle stops here; the next added
+        // name starts it again and it finds this one still pending.
+        if (dg_timer(1, do_claim, 0) < 0)
+            doing_claims = 0;
+        return;
+    }
+    doing_claims = 0;
+}
