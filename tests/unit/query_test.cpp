@@ -100,7 +100,7 @@ TEST(BuildQuery, NameQueryAndStatusRequestBytes)
 
 TEST(AdapterStatus, PositiveResponseLayoutAndCounters)
 {
-    if_entry ifs[2] = {{ip("10.88.0.1"), 0, 0}, {ip("10.88.1.1"), 0, 0}};
+    static if_entry ifs[2] = {{ip("10.88.0.1"), 0, 0}, {ip("10.88.1.1"), 0, 0}};
     my_addr = ifs;
     my_addr_ct = 2;
     ASSERT_EQ(nt_add(name16("ALPHA").data(), 0), 0);
@@ -140,7 +140,7 @@ TEST(AdapterStatus, PositiveResponseLayoutAndCounters)
 
 TEST(AdapterStatus, TheResponseStaysInsideItsAreaForAnyTable)
 {
-    if_entry ifs[2] = {{ip("10.88.0.1"), 0, 0}, {ip("10.88.1.1"), 0, 0}};
+    static if_entry ifs[2] = {{ip("10.88.0.1"), 0, 0}, {ip("10.88.1.1"), 0, 0}};
     my_addr = ifs;
     my_addr_ct = 2;
     for (int i = 0; i < 300; i++)
@@ -185,7 +185,7 @@ TEST(AdapterStatus, AnswersAndRequestsOnTheWire)
         int r = init_sock(ip("127.0.0.5"), &rport, 0);
         ASSERT_GE(r, 0);
         nmport = rport;
-        if_entry ifs[1] = {{ip("127.0.0.1"), ip("127.0.0.5"), ip("255.0.0.0")}};
+        static if_entry ifs[1] = {{ip("127.0.0.1"), ip("127.0.0.5"), ip("255.0.0.0")}};
         my_addr = ifs;
         my_addr_ct = 1;
         ASSERT_EQ(nt_add(name16("LOCAL").data(), 0), 0);
