@@ -345,18 +345,23 @@ TEST_F(Requests, EachNewNameIsClaimedTwiceOneSecondApart)
     EXPECT_EQ(doing_claims, 0);
 }
 
-TEST_F(Requests, TraceOnEnsTableAndAShortRequest)
+TEST_F(Requests, TraceOnEnsTableDumpsAndAShortRequest)
 {
     tcfile = tmpfile();
-    tc_proc = 1;
+    tc_proc = 3;
     send(NS_ENSTABLE, 1);
     ASSERT_EQ(write(to_daemon, "short", 5), 5);
     do_request(SIGINT);
     EXPECT_EQ(responses(), (std::vector<std::string>{"100a 1 4 0 0"}));
-    std::string text(200, '\0');
+    std::string text(4096, '\0');
     rewind(tcfile);
     text.resize(fread(text.data(), 1, text.size(), tcfile));
-    EXPECT_NE(text.find("do_request: get_request failed\n"), std::string::npos) << text;
+    for (const char* line : {"get_request: received ns request:\nmagic\tca 71 d7 5e e9 d2 64 00\nlen\t0\n"
+                             "xid\t00000001\nop\t0000000a (NS_ENSTABLE)\nmore\t0\n",
+                             "put_response: writing ns response:\n", "op\t0000100a (NS_ENSTABLE | NS_RESPONSE)\n",
+                             "len\t4\n", "data\t00 00 00 00 ", "do_request: get_request failed\n"})
+        EXPECT_NE(text.find(line), std::string::npos) << line << " in\n" << text;
+    EXPECT_STREQ(opstring(0x1FFF), "Unrecognized | NS_RESPONSE");
     fclose(tcfile);
     tcfile = nullptr;
     tc_proc = 0;
