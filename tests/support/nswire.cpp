@@ -1,0 +1,63 @@
+#include "tests/support/nswire.h"
+
+#include <arpa/inet.h>
+#include <cstring>
+#include <sys/socket.h>
+
+#include "misc/initsock.h"
+
+Bytes ns_name(const char* text, uint8_t type)
+{
+    Bytes n(16, ' ');
+    memcpy(n.data(), text, strlen(text));
+    n[15] = type;
+    return n;
+}
+
+Bytes wire_name(const Bytes& name, const Bytes& labels)
+{
+    Bytes w{32};
+    for (uint8_t b : name) {
+        w.push_back(uint8_t('A' + (b >> 4)));
+        w.push_back(uint8_t('A' + (b & 15)));
+    }
+    w.insert(w.end(), labels.begin(), labels.end());
+    return w;
+}
+
+Bytes ns_packet(uint16_t id, uint8_t b2, uint8_t b3, const Bytes& counts, const Bytes& name,
+                const Bytes& labels, const Bytes& rest)
+{
+    Bytes p{uint8_t(id >> 8), uint8_t(id), b2, b3};
+    for (uint8_t c : counts)
+        p.insert(p.end(), {0, c});
+    Bytes w = wire_name(name, labels);
+    p.insert(p.end(), w.begin(), w.end());
+    p.insert(p.end(), rest.begin(), rest.end());
+    return p;
+}
+
+Bytes ip_bytes(const char* dotted)
+{
+    uint32_t a = inet_addr(dotted);
+    const uint8_t* p = reinterpret_cast<const uint8_t*>(&a);
+    return Bytes(p, p + 4);
+}
+
+int ns_socket(const char* addr, uint16_t* port)
+{
+    return init_sock(inet_addr(addr), port, 0);
+}
+
+std::vector<Bytes> ns_received(int fd)
+{
+    std::vector<Bytes> got;
+    for (;;) {
+        Bytes b(1600);
+        ssize_t n = recv(fd, b.data(), b.size(), 0);
+        if (n < 0 || (n == 3 && memcmp(b.data(), "end", 3) == 0))
+            return got;
+        b.resize(size_t(n));
+        got.push_back(b);
+    }
+}

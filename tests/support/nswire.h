@@ -1,0 +1,24 @@
+#pragma once
+
+// Name-service datagrams written out byte by byte for unit tests, and the
+// datagrams a loopback socket has received.
+
+#include <cstdint>
+#include <vector>
+
+using Bytes = std::vector<uint8_t>;
+
+// A 16-byte name: the text blank-padded to 15, then the type byte.
+Bytes ns_name(const char* text, uint8_t type = 0x20);
+// RFC 1001 14.1: length 32, two letters 'A'..'P' per byte, then the scope's
+// wire labels (the zero byte alone for none).
+Bytes wire_name(const Bytes& name, const Bytes& labels = {0});
+// id, b2, b3, the four counts, the name, then the rest as given.
+Bytes ns_packet(uint16_t id, uint8_t b2, uint8_t b3, const Bytes& counts, const Bytes& name,
+                const Bytes& labels, const Bytes& rest);
+Bytes ip_bytes(const char* dotted);
+// A datagram socket bound to addr:*port (0: any port, then set); -1 on failure.
+int ns_socket(const char* addr, uint16_t* port);
+// The datagrams waiting on fd up to the 3-byte marker "end", which the
+// caller has sent after whatever it tests: no wait on time.
+std::vector<Bytes> ns_received(int fd);
