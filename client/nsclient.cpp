@@ -446,9 +446,10 @@ int nsc_exchange(NscConn* conn, uint32_t op, const uint8_t* data, int len, nsc_m
         fail(c, "cannot open %s: %s", cpath, strerror(errno));
         return errno == ENOENT ? NSC_NOTRUNNING : NSC_IOERR;
     }
-    // Whatever waits now was left by clients that gave up.
+    // Whatever waits now was left by clients that gave up; a FIFO holds at
+    // most 64 KiB, so a few reads empty it.
     uint8_t msg[MSGSIZE];
-    while (read(fds.cfd, msg, sizeof msg) > 0) {
+    for (int i = 0; i < 64 && read(fds.cfd, msg, sizeof msg) > 0; i++) {
     }
 
     uint32_t xid = next_xid();

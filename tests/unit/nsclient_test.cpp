@@ -7,6 +7,7 @@
 #include <functional>
 #include <poll.h>
 #include <string>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -148,45 +149,31 @@ struct CtlRun {
     std::string err;
 };
 
+std::string slurp(int fd)
+{
+    std::string s(65536, '\0');
+    ssize_t n = pread(fd, s.data(), s.size(), 0);
+    s.resize(n > 0 ? size_t(n) : 0);
+    close(fd);
+    return s;
+}
+
+// Runs the tool with its output in memory files (no pipe to fill up).
 CtlRun run_ctl(std::vector<const char*> args)
 {
-    int o[2], e[2];
-    EXPECT_TRUE(pipe(o) == 0 && pipe(e) == 0);
+    int o = memfd_create("out", 0), e = memfd_create("err", 0);
     args.insert(args.begin(), HALYARDCTL_BINARY);
     args.push_back(nullptr);
     pid_t pid = fork();
     if (pid == 0) {
-        dup2(o[1], 1);
-        dup2(e[1], 2);
-        close(o[0]);
-        close(e[0]);
+        dup2(o, 1);
+        dup2(e, 2);
         execv(HALYARDCTL_BINARY, const_cast<char* const*>(args.data()));
         _exit(127);
     }
-    close(o[1]);
-    close(e[1]);
-    CtlRun r{-1, "", ""};
-    pollfd pf[2] = {{o[0], POLLIN, 0}, {e[0], POLLIN, 0}};
-    int open_ct = 2;
-    while (open_ct > 0 && poll(pf, 2, 30000) > 0) {
-        for (int i = 0; i < 2; i++) {
-            if (pf[i].fd < 0 || pf[i].revents == 0)
-                continue;
-            char buf[4096];
-            ssize_t n = read(pf[i].fd, buf, sizeof buf);
-            if (n <= 0) {
-                close(pf[i].fd);
-                pf[i].fd = -1;
-                open_ct--;
-            } else {
-                (i == 0 ? r.out : r.err).append(buf, size_t(n));
-            }
-        }
-    }
     int ws = 0;
     waitpid(pid, &ws, 0);
-    r.status = WIFEXITED(ws) ? WEXITSTATUS(ws) : -1;
-    return r;
+    return CtlRun{WIFEXITED(ws) ? WEXITSTATUS(ws) : -1, slurp(o), slurp(e)};
 }
 
 TEST(NameText, ParsesAndPrints)
@@ -491,29 +478,25 @@ TEST(Halyardctl, UnreachableServerGivesExit3)
         }
 
         // another client holds the lock for the whole time-out
-        int pid = spawn_child([] {
+        int held[2];
+        ASSERT_EQ(pipe(held), 0);
+        int pid = spawn_child([&] {
             int fd = open("/var/opt/KORRbase/lock.name", O_RDWR);
             struct flock fl {};
             fl.l_type = F_WRLCK;
-            fcntl(fd, F_SETLK, &fl);
+            int rc = fcntl(fd, F_SETLK, &fl);
+            close(held[1]);  // the test goes on
             sleep(3);
-            return 0;
+            return rc;
         });
-        for (int i = 0; i < 200; i++) {  // until the holder has it
-            int fd = open("/var/opt/KORRbase/lock.name", O_RDWR);
-            struct flock fl {};
-            fl.l_type = F_WRLCK;
-            fcntl(fd, F_GETLK, &fl);
-            close(fd);
-            if (fl.l_type != F_UNLCK)
-                break;
-            usleep(10000);
-        }
+        close(held[1]);
+        char ch;
+        ASSERT_EQ(read(held[0], &ch, 1), 0);
         Fake f = start_fake(answer(NS_INIT, status_word(0)));
         r = run_ctl({"--timeout", "1", "reinit"});
         EXPECT_EQ(r.status, 3);
         EXPECT_NE(r.err.find("another client held"), std::string::npos) << r.err;
-        wait_child(pid);
+        EXPECT_EQ(wait_child(pid), 0);
         EXPECT_EQ(run_ctl({"reinit"}).status, 0);  // the fake still waits for it
         finish_fake(f);
     });
