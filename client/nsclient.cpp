@@ -414,8 +414,13 @@ int nsc_exchange(NscConn* conn, uint32_t op, const uint8_t* data, int len, nsc_m
 
     struct stat st;
     if (stat(spath, &st) != 0) {
-        fail(c, "cannot reach the name server (%s: %s): it is not running", spath, strerror(errno));
-        return errno == ENOENT ? NSC_NOTRUNNING : NSC_IOERR;
+        int e = errno;
+        if (e == ENOENT) {
+            fail(c, "the name server is not running (no %s)", spath);
+            return NSC_NOTRUNNING;
+        }
+        fail(c, "cannot reach the name server: %s: %s", spath, strerror(e));
+        return NSC_IOERR;
     }
     if (!S_ISFIFO(st.st_mode)) {
         fail(c, "%s is not a FIFO", spath);
@@ -427,8 +432,9 @@ int nsc_exchange(NscConn* conn, uint32_t op, const uint8_t* data, int len, nsc_m
     // is the only one reading the client FIFO.
     fds.lockfd = open(lpath, O_RDWR | O_CLOEXEC);
     if (fds.lockfd < 0) {
-        fail(c, "cannot open the lock file %s: %s", lpath, strerror(errno));
-        return errno == ENOENT ? NSC_NOTRUNNING : NSC_IOERR;
+        int e = errno;
+        fail(c, "cannot open the lock file %s: %s", lpath, strerror(e));
+        return e == ENOENT ? NSC_NOTRUNNING : NSC_IOERR;
     }
     int rc = take_lock(c, fds.lockfd, lpath, deadline);
     if (rc != 0)
@@ -436,15 +442,21 @@ int nsc_exchange(NscConn* conn, uint32_t op, const uint8_t* data, int len, nsc_m
     fds.sfd = open(spath, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
     if (fds.sfd < 0) {
         // ENXIO: the FIFO is left over and nobody reads it.
-        fail(c, "cannot reach the name server (%s: %s): it is not running", spath, strerror(errno));
-        return errno == ENXIO || errno == ENOENT ? NSC_NOTRUNNING : NSC_IOERR;
+        int e = errno;
+        if (e == ENXIO || e == ENOENT) {
+            fail(c, "the name server is not running (nobody reads %s)", spath);
+            return NSC_NOTRUNNING;
+        }
+        fail(c, "cannot reach the name server: %s: %s", spath, strerror(e));
+        return NSC_IOERR;
     }
     // Read and write, so that opening never waits for a writer and a read
     // never sees end of file; poll bounds every wait.
     fds.cfd = open(cpath, O_RDWR | O_NONBLOCK | O_CLOEXEC);
     if (fds.cfd < 0) {
-        fail(c, "cannot open %s: %s", cpath, strerror(errno));
-        return errno == ENOENT ? NSC_NOTRUNNING : NSC_IOERR;
+        int e = errno;
+        fail(c, "cannot open %s: %s", cpath, strerror(e));
+        return e == ENOENT ? NSC_NOTRUNNING : NSC_IOERR;
     }
     // Whatever waits now was left by clients that gave up; a FIFO holds at
     // most 64 KiB, so a few reads empty it.
