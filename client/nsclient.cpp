@@ -1,0 +1,686 @@
+#include "client/nsclient.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <new>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "shr/reader.h"
+#include "shr/uniinet.h"
+
+namespace {
+
+constexpr int NAMELEN = 16;
+constexpr size_t MSGSIZE = NS_HDRSIZE + NS_MAXDATA;
+
+uint32_t xid_counter = 0;
+
+[[gnu::format(printf, 2, 3)]] int fail(NscConn* c, const char* fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(c->why, sizeof c->why, fmt, ap);
+    va_end(ap);
+    return -1;
+}
+
+int64_t now_ms()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+// Integers of the client message lie in host order.
+uint32_t host32(Reader& r)
+{
+    auto s = r.bytes(4);
+    uint32_t v = 0;
+    if (r.ok())
+        memcpy(&v, s.data(), 4);
+    return v;
+}
+
+uint16_t host16(Reader& r)
+{
+    auto s = r.bytes(2);
+    uint16_t v = 0;
+    if (r.ok())
+        memcpy(&v, s.data(), 2);
+    return v;
+}
+
+// The exchange's descriptors; the lock goes with the close of lockfd.
+struct Fds {
+    int lockfd = -1;
+    int sfd = -1;
+    int cfd = -1;
+    ~Fds()
+    {
+        for (int fd : {cfd, sfd, lockfd})
+            if (fd >= 0)
+                close(fd);
+    }
+};
+
+// Waits until fd is ready for events or the deadline passes: 1, 0 at the
+// deadline, -1 on an error.
+int wait_fd(int fd, short events, int64_t deadline)
+{
+    for (;;) {
+        int64_t left = deadline - now_ms();
+        if (left <= 0)
+            return 0;
+        pollfd p{fd, events, 0};
+        int n = poll(&p, 1, left > 60000 ? 60000 : int(left));
+        if (n > 0)
+            return 1;
+        if (n < 0 && errno != EINTR)
+            return -1;
+    }
+}
+
+// Reads exactly n bytes before the deadline: 0, NSC_NOANSWER or NSC_IOERR.
+int read_exact(NscConn* c, int fd, uint8_t* buf, size_t n, int64_t deadline)
+{
+    size_t have = 0;
+    while (have < n) {
+        int w = wait_fd(fd, POLLIN, deadline);
+        if (w == 0) {
+            fail(c, "no answer from the name server within %d s: is it running?", c->timeout);
+            return NSC_NOANSWER;
+        }
+        if (w < 0) {
+            fail(c, "poll on %s/ns_clientfifo: %s", c->dir, strerror(errno));
+            return NSC_IOERR;
+        }
+        ssize_t r = read(fd, buf + have, n - have);
+        if (r > 0)
+            have += size_t(r);
+        else if (r < 0 && errno != EAGAIN && errno != EINTR) {
+            fail(c, "reading %s/ns_clientfifo: %s", c->dir, strerror(errno));
+            return NSC_IOERR;
+        }
+    }
+    return 0;
+}
+
+// Reads the next framed message from the client FIFO into msg (header and
+// hdr.len data bytes), searching for the magic as the relay does: a stream
+// cut by a client that gave up, or bytes of another writer, are skipped,
+// and a header claiming more than NS_MAXDATA is dropped with its data left
+// to the search. 0 with *len set, or NSC_NOANSWER / NSC_IOERR.
+int read_msg(NscConn* c, int fd, uint8_t* msg, int32_t* len, int64_t deadline)
+{
+    size_t have = 0;
+    for (;;) {
+        int rc = read_exact(c, fd, msg + have, 8 - have, deadline);
+        if (rc != 0)
+            return rc;
+        if (memcmp(msg, NS_MAGIC, sizeof NS_MAGIC) != 0) {
+            have = 0;
+            for (size_t i = 1; i < 8; i++) {
+                if (msg[i] == NS_MAGIC[0]) {
+                    memmove(msg, msg + i, 8 - i);
+                    have = 8 - i;
+                    break;
+                }
+            }
+            continue;
+        }
+        rc = read_exact(c, fd, msg + 8, NS_HDRSIZE - 8, deadline);
+        if (rc != 0)
+            return rc;
+        Reader r(msg + 8, 4);
+        int32_t n = int32_t(host32(r));
+        if (n < 0 || n > NS_MAXDATA) {
+            have = 0;
+            continue;
+        }
+        rc = read_exact(c, fd, msg + NS_HDRSIZE, size_t(n), deadline);
+        if (rc != 0)
+            return rc;
+        *len = n;
+        return 0;
+    }
+}
+
+// Takes the write lock on the whole lock file, retrying until the deadline
+// (F_SETLKW cannot be bounded without borrowing the alarm).
+int take_lock(NscConn* c, int fd, const char* path, int64_t deadline)
+{
+    for (;;) {
+        struct flock fl {};
+        fl.l_type = F_WRLCK;
+        fl.l_whence = SEEK_SET;
+        if (fcntl(fd, F_SETLK, &fl) == 0)
+            return 0;
+        if (errno != EACCES && errno != EAGAIN && errno != EINTR) {
+            fail(c, "locking %s: %s", path, strerror(errno));
+            return NSC_IOERR;
+        }
+        if (now_ms() >= deadline) {
+            fail(c, "another client held %s for %d s", path, c->timeout);
+            return NSC_BUSY;
+        }
+        timespec pause{0, 10 * 1000 * 1000};
+        nanosleep(&pause, nullptr);
+    }
+}
+
+// One write of the whole message: the FIFO keeps writes of up to PIPE_BUF
+// bytes in one piece, which the relay's framing needs. A reader that goes
+// away must not end this process with SIGPIPE: it is held and taken back.
+int write_msg(NscConn* c, int fd, const uint8_t* msg, size_t n, int64_t deadline)
+{
+    sigset_t pipe_set, old;
+    sigemptyset(&pipe_set);
+    sigaddset(&pipe_set, SIGPIPE);
+    sigprocmask(SIG_BLOCK, &pipe_set, &old);
+    int rc = 0;
+    for (;;) {
+        ssize_t w = write(fd, msg, n);
+        if (w == ssize_t(n))
+            break;
+        if (w >= 0) {
+            rc = NSC_IOERR;
+            fail(c, "short write to %s/ns_serverfifo", c->dir);
+            break;
+        }
+        if (errno == EPIPE) {
+            rc = NSC_NOTRUNNING;
+            fail(c, "nobody reads %s/ns_serverfifo: the name server is not running", c->dir);
+            timespec zero{0, 0};
+            sigtimedwait(&pipe_set, nullptr, &zero);
+            break;
+        }
+        if (errno != EAGAIN && errno != EINTR) {
+            rc = NSC_IOERR;
+            fail(c, "writing %s/ns_serverfifo: %s", c->dir, strerror(errno));
+            break;
+        }
+        if (errno == EAGAIN && wait_fd(fd, POLLOUT, deadline) <= 0) {
+            rc = NSC_NOANSWER;
+            fail(c, "the name server took no request within %d s: is it running?", c->timeout);
+            break;
+        }
+    }
+    if (!sigismember(&old, SIGPIPE))
+        sigprocmask(SIG_SETMASK, &old, nullptr);
+    return rc;
+}
+
+uint32_t next_xid()
+{
+    // Unlikely to repeat across clients and runs: pid, clock and a counter.
+    timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    return uint32_t(getpid()) * 2654435761u ^ uint32_t(ts.tv_nsec) ^ uint32_t(ts.tv_sec) << 20 ^ ++xid_counter;
+}
+
+int bad(NscConn* c, const char* what, int32_t len)
+{
+    fail(c, "malformed answer from the name server: %s (len %d)", what, len);
+    return NSC_BADANSWER;
+}
+
+// Answers of one status word (len 4 exactly).
+int on_status(NscConn* c, const ns_hdr* h, const uint8_t* data, void* arg)
+{
+    Reader r(data, size_t(h->len));
+    *static_cast<int32_t*>(arg) = int32_t(host32(r));
+    return r.ok() && r.left() == 0 ? 0 : bad(c, "not one status word", h->len);
+}
+
+int on_ckname(NscConn* c, const ns_hdr* h, const uint8_t* data, void* arg)
+{
+    auto* out = static_cast<NscCheck*>(arg);
+    Reader r(data, size_t(h->len));
+    out->status = int32_t(host32(r));
+    if (r.ok() && out->status != NSC_OK)
+        return 0;  // the name and flags carry no meaning then
+    r.copy(out->name, NAMELEN);
+    out->flags = host32(r);
+    return r.ok() && r.left() == 0 ? 0 : bad(c, "check answer not 24 bytes", h->len);
+}
+
+int on_lookup(NscConn* c, const ns_hdr* h, const uint8_t* data, void* arg)
+{
+    auto* out = static_cast<NscLookup*>(arg);
+    Reader r(data, size_t(h->len));
+    out->status = int32_t(host32(r));
+    if (r.ok() && out->status != NSC_OK)
+        return 0;
+    out->addr.family = host16(r);
+    out->addr.len = host16(r);
+    r.copy(out->addr.addr, sizeof out->addr.addr);
+    out->group = host32(r);
+    if (!r.ok() || r.left() != 0)
+        return bad(c, "lookup answer not 72 bytes", h->len);
+    if (out->addr.len > UNI_MAXADDR)
+        return bad(c, "address length above 60", h->len);
+    return 0;
+}
+
+struct ListState {
+    NscList* out;
+    int messages;
+};
+
+int on_list(NscConn* c, const ns_hdr* h, const uint8_t* data, void* arg)
+{
+    auto* st = static_cast<ListState*>(arg);
+    Reader r(data, size_t(h->len));
+    int32_t status = int32_t(host32(r));
+    if (r.ok() && status != NSC_OK) {
+        st->out->status = status;
+        return 0;
+    }
+    int32_t total = int32_t(host32(r));
+    int32_t n = int32_t(host32(r));
+    if (!r.ok() || total < 0 || n < 0 || n > NSC_MAXNAMES || r.left() != size_t(n) * 20)
+        return bad(c, "list message not 12 + 20 x n bytes", h->len);
+    if (st->messages++ == 0)
+        st->out->total = total;
+    // Every message but the last is full; more messages than the total
+    // needs would never end.
+    if (size_t(total) < st->out->names.size() + size_t(n) || (h->more != 0 && n != NSC_MAXNAMES))
+        return bad(c, "more names than the total", h->len);
+    try {
+        for (int32_t i = 0; i < n; i++) {
+            NscEntry e;
+            r.copy(e.name, NAMELEN);
+            e.flags = host32(r);
+            st->out->names.push_back(e);
+        }
+    } catch (const std::bad_alloc&) {
+        fail(c, "out of memory for %d names", total);
+        return NSC_NOMEM;
+    }
+    st->out->status = NSC_OK;
+    return 0;
+}
+
+int on_adapstat(NscConn* c, const ns_hdr* h, const uint8_t* data, void* arg)
+{
+    auto* out = static_cast<NscAdapStat*>(arg);
+    Reader r(data, size_t(h->len));
+    int32_t n = int32_t(host32(r));
+    if (!r.ok())
+        return bad(c, "no status word", h->len);
+    if (n < 0) {
+        out->status = n;
+        return r.left() == 0 ? 0 : bad(c, "failure answer not 4 bytes", h->len);
+    }
+    if (n > NSC_MAXNAMES || r.left() != 48 + size_t(n) * 20)
+        return bad(c, "adapter status not 52 + 20 x n bytes", h->len);
+    NscStatBlock& b = out->block;
+    r.copy(b.unit_id, sizeof b.unit_id);
+    b.jumpers = r.u8();
+    b.test_result = r.u8();
+    b.version = host16(r);
+    b.period = host16(r);
+    b.crcs = host16(r);
+    b.align_errors = host16(r);
+    b.collisions = host16(r);
+    b.send_aborts = host16(r);
+    b.good_sends = host32(r);
+    b.good_receives = host32(r);
+    b.retransmits = host16(r);
+    b.no_resources = host16(r);
+    b.free_ncbs = host16(r);
+    b.total_ncbs = host16(r);
+    b.max_total_ncbs = host16(r);
+    b.pending_sessions = host16(r);
+    b.max_pending_sessions = host16(r);
+    b.max_sessions = host16(r);
+    b.session_data_size = host16(r);
+    r.skip(2);
+    for (int32_t i = 0; i < n; i++) {
+        r.copy(out->names[i].name, NAMELEN);
+        out->names[i].flags = host32(r);
+    }
+    if (!r.ok())
+        return bad(c, "adapter status cut short", h->len);
+    out->count = n;
+    out->status = NSC_OK;
+    return 0;
+}
+
+struct ScopeOut {
+    char* scope;
+    size_t size;
+};
+
+int on_scope(NscConn* c, const ns_hdr* h, const uint8_t* data, void* arg)
+{
+    auto* out = static_cast<ScopeOut*>(arg);
+    if (h->len != 256)
+        return bad(c, "scope answer not 256 bytes", h->len);
+    const void* end = memchr(data, 0, 256);
+    if (end == nullptr)
+        return bad(c, "scope without its terminating zero", h->len);
+    size_t n = size_t(static_cast<const uint8_t*>(end) - data);
+    if (n + 1 > out->size) {
+        fail(c, "scope of %zu characters does not fit", n);
+        return NSC_NOMEM;
+    }
+    memcpy(out->scope, data, n + 1);
+    return 0;
+}
+
+int on_type(NscConn* c, const ns_hdr* h, const uint8_t* data, void* arg)
+{
+    auto* out = static_cast<NscType*>(arg);
+    Reader r(data, size_t(h->len));
+    out->nb_type = int32_t(host32(r));
+    out->ssport = host16(r);
+    r.skip(2);
+    return r.ok() && r.left() == 0 ? 0 : bad(c, "type answer not 8 bytes", h->len);
+}
+
+bool text_byte_plain(uint8_t b)
+{
+    return b > ' ' && b < 0x7f && b != '\\' && b != '<';
+}
+
+}  // namespace
+
+void nsc_setup(NscConn* conn, const char* dir, int timeout)
+{
+    snprintf(conn->dir, sizeof conn->dir, "%s", dir != nullptr ? dir : NSC_DIR);
+    conn->timeout = timeout >= 1 ? timeout : NSC_TIMEOUT;
+    conn->why[0] = '\0';
+}
+
+int nsc_exchange(NscConn* conn, uint32_t op, const uint8_t* data, int len, nsc_msg_fn fn, void* arg)
+{
+    NscConn* c = conn;
+    if (len < 0 || NS_HDRSIZE + size_t(len) > size_t(NS_MAXDATA)) {
+        fail(c, "request of %d data bytes is too long", len);
+        return NSC_IOERR;
+    }
+    char spath[300], cpath[300], lpath[300];
+    snprintf(spath, sizeof spath, "%s/%s", c->dir, "ns_serverfifo");
+    snprintf(cpath, sizeof cpath, "%s/%s", c->dir, "ns_clientfifo");
+    snprintf(lpath, sizeof lpath, "%s/%s", c->dir, "lock.name");
+
+    struct stat st;
+    if (stat(spath, &st) != 0) {
+        int e = errno;
+        if (e == ENOENT) {
+            fail(c, "the name server is not running (no %s)", spath);
+            return NSC_NOTRUNNING;
+        }
+        fail(c, "cannot reach the name server: %s: %s", spath, strerror(e));
+        return NSC_IOERR;
+    }
+    if (!S_ISFIFO(st.st_mode)) {
+        fail(c, "%s is not a FIFO", spath);
+        return NSC_IOERR;
+    }
+    int64_t deadline = now_ms() + int64_t(c->timeout) * 1000;
+    Fds fds;
+    // The lock keeps clients' requests and answers apart: whoever holds it
+    // is the only one reading the client FIFO.
+    fds.lockfd = open(lpath, O_RDWR | O_CLOEXEC);
+    if (fds.lockfd < 0) {
+        int e = errno;
+        fail(c, "cannot open the lock file %s: %s", lpath, strerror(e));
+        return e == ENOENT ? NSC_NOTRUNNING : NSC_IOERR;
+    }
+    int rc = take_lock(c, fds.lockfd, lpath, deadline);
+    if (rc != 0)
+        return rc;
+    fds.sfd = open(spath, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fds.sfd < 0) {
+        // ENXIO: the FIFO is left over and nobody reads it.
+        int e = errno;
+        if (e == ENXIO || e == ENOENT) {
+            fail(c, "the name server is not running (nobody reads %s)", spath);
+            return NSC_NOTRUNNING;
+        }
+        fail(c, "cannot reach the name server: %s: %s", spath, strerror(e));
+        return NSC_IOERR;
+    }
+    // Read and write, so that opening never waits for a writer and a read
+    // never sees end of file; poll bounds every wait.
+    fds.cfd = open(cpath, O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    if (fds.cfd < 0) {
+        int e = errno;
+        fail(c, "cannot open %s: %s", cpath, strerror(e));
+        return e == ENOENT ? NSC_NOTRUNNING : NSC_IOERR;
+    }
+    // Whatever waits now was left by clients that gave up; a FIFO holds at
+    // most 64 KiB, so a few reads empty it.
+    uint8_t msg[MSGSIZE];
+    for (int i = 0; i < 64 && read(fds.cfd, msg, sizeof msg) > 0; i++) {
+    }
+
+    uint32_t xid = next_xid();
+    ns_hdr h{};
+    memcpy(h.magic, NS_MAGIC, sizeof h.magic);
+    h.len = len;
+    h.xid = xid;
+    h.op = op;
+    h.more = 0;
+    memcpy(msg, &h, NS_HDRSIZE);
+    if (len > 0)
+        memcpy(msg + NS_HDRSIZE, data, size_t(len));
+    rc = write_msg(c, fds.sfd, msg, NS_HDRSIZE + size_t(len), deadline);
+    if (rc != 0)
+        return rc;
+
+    for (;;) {
+        int32_t n = 0;
+        rc = read_msg(c, fds.cfd, msg, &n, deadline);
+        if (rc != 0)
+            return rc;
+        Reader r(msg + 8, 16);
+        ns_hdr a{};
+        memcpy(a.magic, msg, sizeof a.magic);
+        a.len = int32_t(host32(r));
+        a.xid = host32(r);
+        a.op = host32(r);
+        a.more = int32_t(host32(r));
+        if (a.xid != xid)
+            continue;  // a late answer to a request its client gave up on
+        if (a.op == NS_RESPONSE) {
+            fail(c, "the name server does not know operation %u", op);
+            return NSC_UNKNOWNOP;
+        }
+        if (a.op != (op | NS_RESPONSE))
+            return bad(c, "answer for another operation", a.len);
+        rc = fn(c, &a, msg + NS_HDRSIZE, arg);
+        if (rc != 0)
+            return rc;
+        if (a.more == 0)
+            return 0;
+        // Each further message has its own full wait, as at the relay.
+        deadline = now_ms() + int64_t(c->timeout) * 1000;
+    }
+}
+
+int nsc_addname(NscConn* conn, const uint8_t* name, uint32_t flags, int32_t* status)
+{
+    uint8_t d[20];
+    memcpy(d, name, NAMELEN);
+    memcpy(d + 16, &flags, 4);
+    return nsc_exchange(conn, NS_ADDNAME, d, sizeof d, on_status, status);
+}
+
+int nsc_delname(NscConn* conn, const uint8_t* name, int32_t* status)
+{
+    return nsc_exchange(conn, NS_DELNAME, name, NAMELEN, on_status, status);
+}
+
+int nsc_ckname(NscConn* conn, const uint8_t* name, NscCheck* out)
+{
+    *out = NscCheck{};
+    return nsc_exchange(conn, NS_CKNAME, name, NAMELEN, on_ckname, out);
+}
+
+int nsc_listname(NscConn* conn, NscList* out)
+{
+    out->status = NSC_OK;
+    out->total = 0;
+    out->names.clear();
+    ListState st{out, 0};
+    return nsc_exchange(conn, NS_LISTNAME, nullptr, 0, on_list, &st);
+}
+
+int nsc_lookup(NscConn* conn, const uint8_t* name, NscLookup* out)
+{
+    *out = NscLookup{};
+    return nsc_exchange(conn, NS_LOOKUP, name, NAMELEN, on_lookup, out);
+}
+
+int nsc_adapstat(NscConn* conn, const uint8_t* name, uint32_t ipaddr, NscAdapStat* out)
+{
+    out->status = NSC_OK;
+    out->block = NscStatBlock{};
+    out->count = 0;
+    // The name, then the target as a universal address at offset 16.
+    uint8_t d[NAMELEN + sizeof(UniAddr)];
+    UniAddr ua;
+    iantoua(&ua, ipaddr, -1);
+    memcpy(d, name, NAMELEN);
+    memcpy(d + NAMELEN, &ua, sizeof ua);
+    return nsc_exchange(conn, NS_ADAPSTAT, d, sizeof d, on_adapstat, out);
+}
+
+int nsc_nbscope(NscConn* conn, char* scope, size_t size)
+{
+    ScopeOut out{scope, size};
+    return nsc_exchange(conn, NS_NBSCOPE, nullptr, 0, on_scope, &out);
+}
+
+int nsc_nbtype(NscConn* conn, NscType* out)
+{
+    *out = NscType{};
+    return nsc_exchange(conn, NS_NBTYPE, nullptr, 0, on_type, out);
+}
+
+int nsc_reinit(NscConn* conn, int32_t* status)
+{
+    return nsc_exchange(conn, NS_INIT, nullptr, 0, on_status, status);
+}
+
+int nsc_enstable(NscConn* conn, int32_t* status)
+{
+    return nsc_exchange(conn, NS_ENSTABLE, nullptr, 0, on_status, status);
+}
+
+// The name text of the universal address (nm_strtonb) defaults to the blank
+// type, folds letters and takes port suffixes; the client's text keeps every
+// byte as typed and defaults to type 00, the workstation name.
+int nsc_strtonb(uint8_t* out, const char* text)
+{
+    if (strcmp(text, "*") == 0) {
+        memset(out, 0, NAMELEN);
+        out[0] = '*';
+        return 0;
+    }
+    uint8_t name[NAMELEN];
+    memset(name, ' ', NAMELEN);
+    name[15] = 0x00;
+    size_t n = 0;
+    const char* p = text;
+    while (*p != '\0' && *p != '<') {
+        uint8_t b;
+        if (*p == '\\') {
+            if (p[1] == 'x' || p[1] == 'X') {
+                int v = hexbyte(p + 2);
+                if (v < 0)
+                    return -1;
+                b = uint8_t(v);
+                p += 4;
+            } else if (p[1] == '\\' || p[1] == '<') {
+                b = uint8_t(p[1]);
+                p += 2;
+            } else {
+                return -1;
+            }
+        } else {
+            b = uint8_t(*p++);
+        }
+        if (n == 15)
+            return -1;
+        name[n++] = b;
+    }
+    if (n == 0)
+        return -1;
+    if (*p == '<') {
+        int v = p[1] != '\0' ? hexbyte(p + 1) : -1;
+        if (v < 0 || p[3] != '>' || p[4] != '\0')
+            return -1;
+        name[15] = uint8_t(v);
+    }
+    memcpy(out, name, NAMELEN);
+    return 0;
+}
+
+int nsc_nbtostr(char* out, size_t size, const uint8_t* name)
+{
+    static const uint8_t wildcard[NAMELEN] = {'*'};
+    char t[NSC_NAMETEXT];
+    size_t k = 0;
+    if (memcmp(name, wildcard, NAMELEN) == 0) {
+        t[k++] = '*';
+    } else {
+        // trailing blanks are the padding
+        size_t end = 15;
+        while (end > 0 && name[end - 1] == ' ')
+            end--;
+        for (size_t i = 0; i < end; i++) {
+            uint8_t b = name[i];
+            if (text_byte_plain(b) || (b == ' ' && i > 0)) {
+                t[k++] = char(b);
+            } else if (b == '\\' || b == '<') {
+                t[k++] = '\\';
+                t[k++] = char(b);
+            } else {
+                k += size_t(snprintf(t + k, sizeof t - k, "\\x%02x", b));
+            }
+        }
+        k += size_t(snprintf(t + k, sizeof t - k, "<%02x>", name[15]));
+    }
+    t[k] = '\0';
+    if (k + 1 > size)
+        return -1;
+    memcpy(out, t, k + 1);
+    return 0;
+}
+
+const char* nsc_strstatus(uint32_t op, int32_t status)
+{
+    switch (status) {
+    case NSC_OK:
+        return "success";
+    case NSC_REFUSED:
+        if (op == NS_ENSTABLE)
+            return "refused: tracing is off in the name server";
+        if (op == NS_ADAPSTAT)
+            return "refused: no usable address, or the TCP/IP transport is off";
+        return "refused";
+    case NSC_OUTOFMEM:
+        return "the name server is out of memory";
+    case NSC_PRESENT:
+        return "name already present in the local table";
+    case NSC_NOTFOUND:
+        if (op == NS_LOOKUP)
+            return "name not found";
+        if (op == NS_ADAPSTAT)
+            return "no answer from the station within 5 seconds";
+        return "name not present in the local table";
+    default:
+        return "unknown status";
+    }
+}
