@@ -1,17 +1,27 @@
 #include "src/namecust.h"
 
 #include <csignal>
+#include <cstring>
 #include <netinet/in.h>
 
 #include "misc/initsock.h"
 #include "nmtrace.h"
 #include "shr/logging.h"
 #include "src/maininit.h"
+#include "src/dorequest.h"
+#include "src/enstable.h"
+#include "src/getnpack.h"
 #include "src/namelogin.h"
 #include "src/nbndgio.h"
 #include "src/notifier.h"
+#include "src/ntable.h"
+#include "src/service.h"
 
 int ens_fd = -1;
+
+namespace {
+constexpr int MSG_NO_NOTIFIER = 192;
+}  // namespace
 
 int open_socket(uint16_t port)
 {
@@ -27,11 +37,6 @@ int open_socket(uint16_t port)
 int name_init()
 {
     TRACE(proc, 1, "name_init: transport_tcpip %d, transport_vznbu %d\n", transport_tcpip, transport_vznbu);
-    int fd = -1;
-    if (transport_tcpip)
-        fd = open_socket(nmport);
-    // The NetBIOS driver and the client requests with their notifier are
-    // not served yet: the daemon only holds its name-service port.
     if (nda_ct > 0) {
         // Agents are not spoken to by this build: say so once and run as
         // without them, rather than half-serve them.
@@ -40,13 +45,36 @@ int name_init()
                 nda_ct);
         nda_ct = 0;
     }
+    int fd = -1;
+    if (transport_tcpip)
+        fd = open_socket(nmport);
+    if (transport_vznbu)
+        nbunx_open();
+    // Routed before the notifier exists, so its first wake-up finds the route.
+    dg_signal(SIGINT, do_request);
+    const char* why = notifier();
+    if (why != nullptr) {
+        TRACE(proc, 1, "name_init: can't start notifier process: %s\n", why);
+        log_new();
+        log_catmsg(LOG_SET, MSG_NO_NOTIFIER, "Halyard: cannot start notifier process: %s", why);
+        dg_exit(0);
+    }
+    for (int i = 0; i < my_addr_ct; i++) {
+        if (ens_a_lookup(my_addr[i].addr) == nullptr)
+            ens_a_add(my_addr[i].addr, nullptr);
+    }
+    // agents: the ENS socket, the equivalence of the own addresses, the
+    // probe timer and the equivalence broadcast come with the peer directory.
     return fd;
 }
 
-void name_recv(const UniAddr*, const uint8_t*, int len)
+void name_recv(const UniAddr* from, const uint8_t* data, int len)
 {
     TRACE(proc, 3, "name_recv called, len %d\n", len);
-    // Until the name service decodes packets, every datagram is dropped.
+    if (decode_npack(inpkt, data, len) < 0)
+        return;  // the decoder traced why
+    memcpy(&inpkt->addr, from, sizeof inpkt->addr);
+    process_npkt(inpkt);
 }
 
 void name_shut()
