@@ -12,15 +12,9 @@
 #include "src/getnpack.h"
 #include "src/namelogin.h"
 #include "src/ntable.h"
-#include "src/query.h"
 #include "tests/support/lab.h"
 #include "tests/support/nswire.h"
 #include "tests/support/privnet.h"
-
-// The dispatcher, linked in with the table lookup, hands responses here.
-void answer_adapstat(const npkt*) {}
-void check_adapstat(const npkt*) {}
-void check_lookup(const npkt*) {}
 
 // Every test sends, so each runs in a child in its own network namespace:
 // the two interfaces broadcast to 127.0.0.2 and 127.0.0.3 on loopback.

@@ -17,13 +17,6 @@
 #include "tests/support/nswire.h"
 #include "tests/support/privnet.h"
 
-namespace {
-std::string handed;  // the response handlers called
-}
-void answer_adapstat(const npkt*) { handed += "answer_adapstat"; }
-void check_adapstat(const npkt*) { handed += "check_adapstat"; }
-void check_lookup(const npkt*) { handed += "check_lookup"; }
-
 // Answers go back to the asker, so each test runs in a child in its own
 // network namespace, on loopback. Our interfaces: 10.88.0.1/24 and
 // 127.0.1.1/24; askers at 127.0.0.9 (on neither subnet), 127.0.1.9 (on the
@@ -34,10 +27,11 @@ const Bytes corp{4, 'c', 'o', 'r', 'p', 0};
 const Bytes CORP{4, 'C', 'O', 'R', 'P', 0};
 
 // Another station's query (RFC 1002 4.2.12; qtype NBSTAT for a status
-// request) and registration or other request with an NB record (4.2.2).
-Bytes query(const char* name, const Bytes& labels = {0}, uint8_t qtype = 0x20)
+// request, b3 0 when directed) and registration or other request with an NB
+// record (4.2.2).
+Bytes query(const char* name, const Bytes& labels = {0}, uint8_t qtype = 0x20, uint8_t b3 = 0x10)
 {
-    return ns_packet(0x1234, 0x01, 0x10, {1, 0, 0, 0}, ns_name(name), labels, {0, qtype, 0, 1});
+    return ns_packet(0x1234, 0x01, b3, {1, 0, 0, 0}, ns_name(name), labels, {0, qtype, 0, 1});
 }
 Bytes request(uint8_t b2, const char* name, bool group, const Bytes& labels = {0})
 {
@@ -145,40 +139,62 @@ TEST(Service, DispatchByTypeAndStatusWithItsTraceLines)
         Net net;
         FILE* trace = tmpfile();
         ASSERT_NE(trace, nullptr);
+        // Each handler shows by what it sends or traces: a status request
+        // gets a status response, a status response that does not parse and
+        // a query response that no lookup waits for leave their trace lines.
+        const Bytes stat_prefix = ns_packet(0x1234, 0x84, 0x00, {0, 1, 0, 0}, ns_name("SERVER"), {0},
+                                            {0, 0x21, 0, 1, 0, 0, 0, 0});
         const struct {
             Bytes pkt;
             int asker;
-            const char* handler;
             const char* lines;
+            std::vector<Bytes> want;   // exact answers; a status response by its start
+            bool status_answer;
+            const char* name = "server";   // as traced
         } cases[] = {
-            {query("SERVER", {0}, 0x21), 0, "answer_adapstat", ""},
-            {response(0x84, 0x21), 0, "check_adapstat", ""},
-            {response(0x85, 0x20), 0, "check_lookup", ""},
-            {response(0xAD, 0x20), 0, "", ""},  // no claim lately
-            {response(0xBC, 0x0A), 0, "", "Ratline: ignoring packet.\n"},
-            {request(0x40, "SERVER", false), 0, "", "Ratline: ignoring packet.\n"},
-            {response(0xB4, 0x20), 0, "", "Ratline: ignoring packet.\n"},
-            {query("SERVER"), 2, "", "check_query: ignoring my own query\n"},
-            {request(0x29, "SERVER", false), 2, "", "check_claim: ignoring my own claim\n"},
-            {query("SERVER", corp), 0, "", "check_query: NetBIOS scopes don't match: corp, \n"},
-            {request(0x29, "SERVER", 0, corp), 0, "", "check_claim: NetBIOS scopes don't match: corp, \n"},
-            {request(0x30, "SERVER", 0, corp), 0, "", "check_delete: NetBIOS scopes don't match: corp, \n"},
-            {query("SERVER"), 0, "", "check_query: answering request for local name\n"},
-            {request(0x29, "SERVER", true), 0, "", "check_claim: defending local name\n"},
+            {query("SERVER", {0}, 0x21), 0, "", {}, true},
+            {query("OTHER", {0}, 0x21, 0x00), 0, "",
+             {ns_packet(0x1234, 0x84, 0x03, {0, 1, 0, 0}, ns_name("OTHER"), {0}, {0, 0x0A, 0, 1, 0, 0, 0, 0, 0, 0})},
+             false, "other"},
+            {query("OTHER", {0}, 0x21), 0, "", {}, false, "other"},  // broadcast, for another station
+            {response(0x84, 0x21), 0, "check_adapstat: find_adapstat failed\n", {}, false},
+            {response(0x85, 0x20), 0, "check_lookup: unknown name\n", {}, false},
+            {response(0xAD, 0x20), 0, "", {}, false},  // no claim lately
+            {response(0xBC, 0x0A), 0, "Ratline: ignoring packet.\n", {}, false},
+            {request(0x40, "SERVER", false), 0, "Ratline: ignoring packet.\n", {}, false},
+            {response(0xB4, 0x20), 0, "Ratline: ignoring packet.\n", {}, false},
+            {query("SERVER"), 2, "check_query: ignoring my own query\n", {}, false},
+            {request(0x29, "SERVER", false), 2, "check_claim: ignoring my own claim\n", {}, false},
+            {query("SERVER", corp), 0, "check_query: NetBIOS scopes don't match: corp, \n", {}, false},
+            {request(0x29, "SERVER", 0, corp), 0, "check_claim: NetBIOS scopes don't match: corp, \n", {}, false},
+            {request(0x30, "SERVER", 0, corp), 0, "check_delete: NetBIOS scopes don't match: corp, \n", {},
+             false},
+            {query("SERVER"), 0, "check_query: answering request for local name\n",
+             {answer(0x85, 0, "SERVER", 0, "10.88.0.1")}, false},
+            {request(0x29, "SERVER", true), 0, "check_claim: defending local name\n",
+             {answer(0xAD, 0x86, "SERVER", 0, "10.88.0.1")}, false},
         };
         for (const auto& c : cases) {
-            SCOPED_TRACE(c.lines);
-            handed.clear();
+            SCOPED_TRACE(std::string(c.name) + ", flags " + std::to_string(c.pkt[2]) + "/" +
+                         std::to_string(c.pkt[3]) + ": " + c.lines);
             ASSERT_EQ(ftruncate(fileno(trace), 0), 0);
             rewind(trace);
             tcfile = trace, tc_proc = 3;
-            net.handle(c.pkt, c.asker);
+            std::vector<Bytes> got = net.handle(c.pkt, c.asker);
             tcfile = nullptr;
             std::string text(4096, '\0');
             rewind(trace);
             text.resize(fread(text.data(), 1, text.size(), trace));
-            EXPECT_EQ(text, std::string("process_npkt called, name server\n") + c.lines);
-            EXPECT_EQ(handed, c.handler);
+            EXPECT_EQ(text, std::string("process_npkt called, name ") + c.name + "\n" + c.lines);
+            if (!c.status_answer) {
+                EXPECT_EQ(got, c.want);
+                continue;
+            }
+            // Our three names and the permanent names of our two addresses.
+            ASSERT_EQ(got.size(), 1u);
+            ASSERT_GT(got[0].size(), stat_prefix.size() + 2);
+            EXPECT_EQ(Bytes(got[0].begin(), got[0].begin() + long(stat_prefix.size())), stat_prefix);
+            EXPECT_EQ(got[0][stat_prefix.size() + 2], 5);
         }
         // The packet as received, then the answer and its dump.
         ASSERT_EQ(ftruncate(fileno(trace), 0), 0);
