@@ -63,12 +63,6 @@ void clear_table()
 
 }  // namespace
 
-// The modules around the query: the table lookup of incoming packets and
-// the claims, whose real ones go on the wire.
-nt_entry* name_present(const uint8_t* name) { return nt_search(name); }
-void name_release(const nt_entry*) {}
-void name_claim(const nt_entry*) {}
-
 TEST(BuildQuery, NameQueryAndStatusRequestBytes)
 {
     const struct { const char* scope; int stat; size_t len; } cases[] = {
