@@ -300,7 +300,7 @@ void print_block_json(const NscStatBlock& b)
            ",\"max_pending_sessions\":%u,\"max_sessions\":%u,\"session_data_size\":%u",
            b.jumpers, b.test_result, b.version, b.period, b.crcs, b.align_errors, b.collisions, b.send_aborts,
            b.good_sends, b.good_receives, b.retransmits, b.no_resources, b.free_ncbs, b.total_ncbs, b.max_total_ncbs,
-           b.pending_sessions, b.max_pending_sessions, b.max_sessions, b.session_data_size);
+           b.pending_sessions, b.max_pending_sessions, b.max_sessions, b.session_size);
 }
 
 int cmd_status(const Opts& o, NscConn* c)
@@ -348,7 +348,7 @@ int cmd_status(const Opts& o, NscConn* c)
     printf("no resources %u, command blocks %u free of %u (max %u), sessions %u pending (max %u), "
            "max sessions %u, session data size %u\n",
            b.no_resources, b.free_ncbs, b.total_ncbs, b.max_total_ncbs, b.pending_sessions, b.max_pending_sessions,
-           b.max_sessions, b.session_data_size);
+           b.max_sessions, b.session_size);
     return EX_OKAY;
 }
 

@@ -341,7 +341,7 @@ int on_adapstat(NscConn* c, const ns_hdr* h, const uint8_t* data, void* arg)
     b.pending_sessions = host16(r);
     b.max_pending_sessions = host16(r);
     b.max_sessions = host16(r);
-    b.session_data_size = host16(r);
+    b.session_size = host16(r);
     r.skip(2);
     for (int32_t i = 0; i < n; i++) {
         r.copy(out->names[i].name, NAMELEN);

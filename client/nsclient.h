@@ -12,6 +12,7 @@
 
 #include "shr/uniconv.h"
 #include "src/dorequest.h"
+#include "src/getnpack.h"
 
 constexpr const char* NSC_DIR = "/var/opt/KORRbase";  // FIFOs and lock file
 constexpr int NSC_TIMEOUT = 15;  // seconds; above the notifier's 12 and the 5 of a lookup
@@ -69,29 +70,9 @@ struct NscList {
     std::vector<NscEntry> names;    // the entries of all messages
 };
 
-// RFC 1002 4.2.18 adapter statistics, every value in host order.
-struct NscStatBlock {
-    uint8_t unit_id[6];
-    uint8_t jumpers;
-    uint8_t test_result;
-    uint16_t version;
-    uint16_t period;
-    uint16_t crcs;
-    uint16_t align_errors;
-    uint16_t collisions;
-    uint16_t send_aborts;
-    uint32_t good_sends;
-    uint32_t good_receives;
-    uint16_t retransmits;
-    uint16_t no_resources;
-    uint16_t free_ncbs;
-    uint16_t total_ncbs;
-    uint16_t max_total_ncbs;
-    uint16_t pending_sessions;
-    uint16_t max_pending_sessions;
-    uint16_t max_sessions;
-    uint16_t session_data_size;
-};
+// RFC 1002 4.2.18 adapter statistics, every value in host order: the
+// daemon's own record.
+using NscStatBlock = as_stats;
 
 struct NscAdapStat {
     int32_t status;  // 0, or the failure status of a 4-byte answer

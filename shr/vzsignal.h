@@ -5,3 +5,13 @@
 // (EINTR), never restarted. Every handler of the daemon goes through here.
 // Returns 0, or -1 when sigaction fails.
 int vz_signal(int sig, void (*handler)(int));
+
+// The signals that end a process of the product unless it handles them:
+// hang-up, interrupt, quit, illegal instruction, trace trap, abort, floating
+// point, bus error, segmentation, bad system call, broken pipe, alarm,
+// termination. Linux has no emulator trap, and kill cannot be caught.
+extern const int vz_terminating[13];
+
+// A signal's traditional number, as traces and exit statuses report it; it
+// differs from Linux's for the bus error (10) and the bad system call (12).
+int vz_classic_signal(int sig);

@@ -285,27 +285,6 @@ const vz_kvc prog_ob_v[] = {
     {nullptr, nullptr, nullptr},
 };
 
-// The signals that end the daemon, by name: hang-up, interrupt, quit,
-// illegal instruction, trace trap, abort, floating point, bus error,
-// segmentation, bad system call, broken pipe, alarm, termination. Linux has
-// no emulator trap, and kill cannot be caught.
-constexpr int terminating[] = {SIGHUP, SIGINT, SIGQUIT, SIGILL, SIGTRAP, SIGABRT, SIGFPE,
-                               SIGBUS, SIGSEGV, SIGSYS, SIGPIPE, SIGALRM, SIGTERM};
-
-// The trace reports signals by their traditional numbers, which differ from
-// Linux's for the bus error and the bad system call.
-int classic_signal_number(int sig)
-{
-    switch (sig) {
-    case SIGBUS:
-        return 10;
-    case SIGSYS:
-        return 12;
-    default:
-        return sig;
-    }
-}
-
 void write_banner()
 {
     if (tcfile == nullptr || (tc_in == 0 && tc_out == 0 && tc_proc == 0))
@@ -349,7 +328,7 @@ void close_extra_descriptors()
 
 void set_handlers()
 {
-    for (int sig : terminating)
+    for (int sig : vz_terminating)
         vz_signal(sig, dg_exit);
 }
 
@@ -372,7 +351,7 @@ void dg_exit(int sig)
 {
     main_shutdown();
     if (sig != 0 && tcfile != nullptr && tc_proc >= 1) {
-        tc_printf("dg_exit: received signal number %d\n", classic_signal_number(sig));
+        tc_printf("dg_exit: received signal number %d\n", vz_classic_signal(sig));
         fflush(tcfile);
     }
     if (sig == SIGQUIT) {

@@ -45,26 +45,6 @@ uint8_t req_data[NS_MAXDATA];
 ns_hdr rsp_hdr;
 uint8_t rsp_data[NS_MAXDATA];
 
-// Hang-up, interrupt, quit, illegal instruction, trace trap, abort,
-// floating point, bus error, segmentation, bad system call, broken pipe,
-// alarm, termination. Linux has no emulator trap.
-constexpr int terminating[] = {SIGHUP, SIGINT, SIGQUIT, SIGILL, SIGTRAP, SIGABRT, SIGFPE,
-                               SIGBUS, SIGSEGV, SIGSYS, SIGPIPE, SIGALRM, SIGTERM};
-
-// Exit statuses carry the traditional signal numbers, which differ from
-// Linux's for the bus error and the bad system call.
-int classic_signal_number(int sig)
-{
-    switch (sig) {
-    case SIGBUS:
-        return 10;
-    case SIGSYS:
-        return 12;
-    default:
-        return sig;
-    }
-}
-
 void close_fd(int* fd)
 {
     if (*fd >= 0)
@@ -326,7 +306,7 @@ int mklockfile(const char* dir, mode_t mode)
 
 void ntf_signals()
 {
-    for (int sig : terminating)
+    for (int sig : vz_terminating)
         vz_signal(sig, ntf_exit);
 }
 
@@ -338,7 +318,7 @@ void ntf_exit(int status)
         unlink(server_path);
     if (client_path[0] != '\0')
         unlink(client_path);
-    _exit(classic_signal_number(status));
+    _exit(vz_classic_signal(status));
 }
 
 void ntf_timeout(int)
