@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -468,6 +469,90 @@ TEST_F(Wire, NodeStatusRequestsAreAnswered)
     // A broadcast one for an unknown name goes unanswered.
     ASSERT_TRUE(lab.send_to(fd, "10.88.0.255", 137, status_request(0x0a0a, "nobody", 0x20, true)));
     EXPECT_FALSE(lab.recv(fd, 1.0).has_value());
+}
+
+TEST_F(Wire, LocalLookupsAndStatusRequestsGoOnTheWire)
+{
+    ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
+    int fd[3] = {-1, lab.udp_socket(lab_station1, 137), lab.udp_socket(lab_station2, 137)};
+    ASSERT_GE(fd[1], 0) << lab.last_error();
+    ASSERT_GE(fd[2], 0) << lab.last_error();
+
+    // Query ids count from 0; the station that answers is the one asked.
+    struct Case {
+        const char* arg;
+        const char* name;
+        uint8_t type;
+        uint16_t id;
+        int answering;
+        uint16_t flags;
+    } cases[] = {{"printsrv<20>", "printsrv", 0x20, 0, 1, 0},
+                 {"team<1e>", "team", 0x1e, 1, 2, 0x8000}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.arg);
+        std::string out;
+        int st = -1;
+        std::thread client([&] { st = ctl({"lookup", c.arg}, &out); });
+        std::vector<LabDatagram> got[3];
+        for (int s = 1; s <= 2; ++s)
+            got[s] = collect(fd[s], 1, 20.0, [&](const Bytes& b) { return is(b, 0x01, c.name, c.type); });
+        if (!got[1].empty() && !got[2].empty()) {
+            for (int s = 1; s <= 2; ++s) {
+                EXPECT_EQ(got[s][0].from, Lab::daemon_addr(s));
+                EXPECT_EQ(got[s][0].bytes, name_query(c.id, c.name, c.type));
+            }
+            const LabDatagram& q = got[c.answering][0];
+            EXPECT_TRUE(lab.send_to(fd[c.answering], q.from, q.port,
+                                    nb_response(id_of(q.bytes), 0x85, 0x00, c.name, c.type,
+                                                c.flags,
+                                                addr_of(c.answering, false))));
+        }
+        client.join();
+        ASSERT_EQ(got[1].size(), 1u) << lab.log();
+        ASSERT_EQ(got[2].size(), 1u) << lab.log();
+        EXPECT_EQ(st, 0) << out;
+        EXPECT_NE(out.find(Lab::station_addr(c.answering)), std::string::npos) << out;
+    }
+
+    // A status request goes to the station's address alone; its answer's names
+    // reach the client.
+    std::string out;
+    int st = -1;
+    std::thread client([&] { st = ctl({"status", "10.88.0.2"}, &out); });
+    auto got = collect(fd[1], 1, 20.0, [](const Bytes& b) {
+        return b.size() >= 4 && b[2] == 0x00 && b[3] == 0x00;
+    });
+    if (got.size() == 1) {
+        const Bytes& r = got[0].bytes;
+        EXPECT_EQ(got[0].from, "10.88.0.1");
+        EXPECT_EQ(r.size(), 12u + 34 + 4);
+        EXPECT_EQ(Bytes(r.begin(), r.begin() + 12), header(0, 0x00, 0x00, 1, 0, 0, 0));
+        EXPECT_EQ(Bytes(r.end() - 4, r.end()), (Bytes{0x00, 0x21, 0x00, 0x01}));
+        // The wildcard name: "*" and 15 zero bytes, "CK" then 30 "A"s.
+        Bytes wildcard{32, 'C', 'K'};
+        wildcard.insert(wildcard.end(), 30, 'A');
+        wildcard.push_back(0);
+        EXPECT_EQ(Bytes(r.begin() + 12, r.end() - 4), wildcard);
+        Bytes answer = header(id_of(r), 0x84, 0x00, 0, 1, 0, 0);
+        append(answer, Bytes(r.begin() + 12, r.end() - 4));
+        put16(answer, 0x0021);
+        put16(answer, 0x0001);
+        put32(answer, 0);
+        put16(answer, 18 * 2 + 47);
+        answer.push_back(2);
+        append(answer, raw_name("STATION1", 0x20));
+        put16(answer, 0x0400);
+        append(answer, raw_name("WORKGROUP", 0x1e));
+        put16(answer, 0x8400);
+        append(answer, statistics(5));
+        EXPECT_TRUE(lab.send_to(fd[1], got[0].from, got[0].port, answer));
+    }
+    client.join();
+    ASSERT_EQ(got.size(), 1u) << lab.log();
+    EXPECT_EQ(st, 0) << out;
+    EXPECT_NE(out.find("STATION1"), std::string::npos) << out;
+    EXPECT_NE(out.find("WORKGROUP"), std::string::npos) << out;
+    EXPECT_NE(out.find("good sends 5"), std::string::npos) << out;
 }
 
 // A small deterministic generator, so a failure can be reproduced.
