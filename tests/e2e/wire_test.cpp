@@ -388,6 +388,53 @@ TEST_F(Wire, LocalNamesAreDefendedAndGivenUpOnAConflict)
     EXPECT_EQ(ctl({"check", "fileserv<20>"}, &out), 0) << out;
 }
 
+// Sends `bytes` from fd to the daemon's first address, then a directed
+// status request for an unknown name from the same socket; its negative
+// answer shows that the daemon has handled the first datagram.
+::testing::AssertionResult send_and_sync(Lab& lab, int fd, const Bytes& bytes, uint16_t id)
+{
+    if (!lab.send_to(fd, "10.88.0.1", 137, bytes) ||
+        !lab.send_to(fd, "10.88.0.1", 137, status_request(id, "nobody", 0x20, false)))
+        return ::testing::AssertionFailure() << "send failed";
+    for (int i = 0; i < 100; ++i) {
+        auto d = lab.recv(fd, 20.0);
+        if (!d)
+            break;
+        if (d->bytes.size() >= 4 && id_of(d->bytes) == id && d->bytes[2] == 0x84 &&
+            d->bytes[3] == 0x03)
+            return ::testing::AssertionSuccess();
+    }
+    return ::testing::AssertionFailure() << "no answer to the status request";
+}
+
+TEST_F(Wire, ConflictsFromItselfOrLaterThanTenSecondsAreIgnored)
+{
+    ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
+    int watch = lab.udp_socket(lab_station1, 137);
+    ASSERT_GE(watch, 0) << lab.last_error();
+    ASSERT_EQ(ctl({"add", "keep<20>"}), 0);
+    auto claims = collect(watch, 2, 20.0, [](const Bytes& b) { return is(b, 0x29, "keep", 0x20); });
+    ASSERT_EQ(claims.size(), 2u) << lab.log();
+    auto last_claim_seen = std::chrono::steady_clock::now();
+
+    // A registration response that comes from the daemon's own address.
+    int own = lab.udp_socket(lab_daemon, 0, "10.88.0.1");
+    ASSERT_GE(own, 0) << lab.last_error();
+    EXPECT_TRUE(send_and_sync(lab, own,
+                              nb_response(1, 0xAD, 0x86, "keep", 0x20, 0, addr_of(1, true)), 0x6001));
+    std::string out;
+    EXPECT_EQ(ctl({"check", "keep<20>"}, &out), 0) << out;
+
+    // One from a station, but more than 10 s after the latest claim.
+    std::this_thread::sleep_until(last_claim_seen + std::chrono::seconds(12));
+    int fd = lab.udp_socket(lab_station1, 0);
+    ASSERT_GE(fd, 0);
+    EXPECT_TRUE(send_and_sync(lab, fd,
+                              nb_response(2, 0xAD, 0x86, "keep", 0x20, 0, addr_of(1, false)), 0x6002));
+    EXPECT_EQ(ctl({"check", "keep<20>"}, &out), 0) << out;
+    EXPECT_EQ(lab.log().find("already exists"), std::string::npos) << lab.log();
+}
+
 // The statistics block of a positive status response for `counter`.
 Bytes statistics(uint32_t counter)
 {
