@@ -518,6 +518,44 @@ TEST_F(Wire, NodeStatusRequestsAreAnswered)
     EXPECT_FALSE(lab.recv(fd, 1.0).has_value());
 }
 
+TEST_F(Wire, ALongTableIsAnsweredInPartWithinOneDatagram)
+{
+    ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
+    char name[16];
+    for (int i = 0; i < 80; ++i) {
+        snprintf(name, sizeof name, "n%02d<20>", i);
+        std::string out;
+        ASSERT_EQ(ctl({"add", name}, &out), 0) << out;
+    }
+    int fd = lab.udp_socket(lab_station1, 0);
+    ASSERT_GE(fd, 0);
+    ASSERT_TRUE(lab.send_to(fd, "10.88.0.1", 137, status_request(0x4444, "n00", 0x20, false)));
+    auto a = lab.recv(fd, 10.0);
+    ASSERT_TRUE(a.has_value()) << lab.log();
+    const Bytes& r = a->bytes;
+    // 77 entries fit in 1500 bytes after a 34-byte name: the first 75 local
+    // names, then both permanent names.
+    ASSERT_EQ(r.size(), 12u + 34 + 10 + 1 + 18 * 77 + 46);
+    EXPECT_EQ(r[12 + 34 + 8], (18 * 77 + 47) >> 8);
+    EXPECT_EQ(r[12 + 34 + 9], (18 * 77 + 47) & 0xff);
+    EXPECT_EQ(r[12 + 34 + 10], 77);
+    size_t at = 12 + 34 + 11;
+    for (int i = 0; i < 75; ++i, at += 18) {
+        snprintf(name, sizeof name, "n%02d", i);
+        Bytes want = raw_name(name, 0x20);
+        put16(want, 0x0400);
+        ASSERT_EQ(Bytes(r.begin() + long(at), r.begin() + long(at) + 18), want) << "entry " << i;
+    }
+    for (int s = 1; s <= 2; ++s, at += 18) {
+        Bytes want(10, 0);
+        append(want, addr_of(s, true));
+        append(want, {0, 0, 0x06, 0x00});
+        EXPECT_EQ(Bytes(r.begin() + long(at), r.begin() + long(at) + 18), want) << "address " << s;
+    }
+    EXPECT_EQ(Bytes(r.begin() + long(at), r.begin() + long(at) + 10),
+              (Bytes{10, 88, 0, 1, 0, 0, 0, 0, 0x01, 0x01}));
+}
+
 TEST_F(Wire, LocalLookupsAndStatusRequestsGoOnTheWire)
 {
     ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
