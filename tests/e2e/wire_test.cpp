@@ -199,7 +199,7 @@ protected:
 };
 
 // Is this datagram of the given packet byte 2 and for this 16-byte name?
-bool is(const Bytes& b, uint8_t b2, const std::string& name, uint8_t type)
+bool is_packet_for(const Bytes& b, uint8_t b2, const std::string& name, uint8_t type)
 {
     Bytes enc = encoded(name, type);
     return b.size() >= 12 + enc.size() && b[2] == b2 &&
@@ -230,7 +230,7 @@ TEST_F(Wire, ClaimsAndReleasesAreBroadcastOnEveryInterface)
         std::vector<LabDatagram> got[3];
         for (int s = 1; s <= 2; ++s) {
             got[s] = collect(fd[s], 2, 20.0,
-                             [&](const Bytes& b) { return is(b, 0x29, c.name, c.type); });
+                             [&](const Bytes& b) { return is_packet_for(b, 0x29, c.name, c.type); });
             ASSERT_EQ(got[s].size(), 2u) << "station " << s << "\n" << lab.log();
         }
         for (int k = 0; k < 2; ++k) {
@@ -265,7 +265,7 @@ TEST_F(Wire, ClaimsAndReleasesAreBroadcastOnEveryInterface)
         ASSERT_EQ(ctl({"del", d.arg}, &out), 0) << out;
         for (int s = 1; s <= 2; ++s) {
             auto got = collect(fd[s], 1, 20.0,
-                               [&](const Bytes& b) { return is(b, 0x30, d.name, d.type); });
+                               [&](const Bytes& b) { return is_packet_for(b, 0x30, d.name, d.type); });
             ASSERT_EQ(got.size(), 1u) << "station " << s;
             EXPECT_EQ(got[0].bytes,
                       registration(id, 0x30, d.name, d.type, d.flags, addr_of(s, true)))
@@ -279,7 +279,15 @@ TEST_F(Wire, QueriesAreAnsweredWithTheAddressOnTheAskersSubnetAndScope)
 {
     ASSERT_TRUE(lab.write_config(lab.default_config() + "NB-scope Corp.Example\n"));
     ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
+    int watch = lab.udp_socket(lab_station2, 137);
+    ASSERT_GE(watch, 0) << lab.last_error();
     ASSERT_EQ(ctl({"add", "fileserv<20>"}), 0);
+    // The claim carries the scope as written: 34 + N, N = 33 + 5 + 8 + 1.
+    auto claim = collect(watch, 1, 20.0, [](const Bytes& b) { return b.size() > 2 && b[2] == 0x29; });
+    ASSERT_EQ(claim.size(), 1u) << lab.log();
+    EXPECT_EQ(claim[0].bytes, registration(id_of(claim[0].bytes), 0x29, "fileserv", 0x20, 0,
+                                           addr_of(2, true), "Corp.Example"));
+    EXPECT_EQ(claim[0].bytes.size(), 81u);
     ASSERT_EQ(ctl({"add", "workgrp<1e>", "--group"}), 0);
 
     for (int s = 1; s <= 2; ++s) {
@@ -295,6 +303,18 @@ TEST_F(Wire, QueriesAreAnsweredWithTheAddressOnTheAskersSubnetAndScope)
         EXPECT_EQ(a->bytes, nb_response(0x0102, 0x85, 0x00, "workgrp", 0x1e, 0x8000,
                                         addr_of(s, true), "Corp.Example"));
     }
+
+    // An asker on no subnet of the daemon's (10.90.0.2, behind hd1) gets the
+    // first own address.
+    ASSERT_EQ(lab.run(lab_station2, {"/sbin/ip", "addr", "add", "10.90.0.2/24", "dev", "hs1"}), 0);
+    ASSERT_EQ(lab.run(lab_daemon, {"/sbin/ip", "route", "add", "10.90.0.0/24", "dev", "hd1"}), 0);
+    int far = lab.udp_socket(lab_station2, 0, "10.90.0.2");
+    ASSERT_GE(far, 0) << lab.last_error();
+    ASSERT_TRUE(lab.send_to(far, "10.89.0.1", 137, name_query(0x0909, "fileserv", 0x20, "Corp.Example")));
+    auto f = lab.recv(far, 10.0);
+    ASSERT_TRUE(f.has_value()) << lab.log();
+    EXPECT_EQ(f->bytes, nb_response(0x0909, 0x85, 0x00, "fileserv", 0x20, 0, addr_of(1, true),
+                                    "Corp.Example"));
 
     // Another scope, or none, gets no answer, neither to a query nor to a
     // registration; a claim in the same scope (other letter case) is defended.
@@ -413,7 +433,7 @@ TEST_F(Wire, ConflictsFromItselfOrLaterThanTenSecondsAreIgnored)
     int watch = lab.udp_socket(lab_station1, 137);
     ASSERT_GE(watch, 0) << lab.last_error();
     ASSERT_EQ(ctl({"add", "keep<20>"}), 0);
-    auto claims = collect(watch, 2, 20.0, [](const Bytes& b) { return is(b, 0x29, "keep", 0x20); });
+    auto claims = collect(watch, 2, 20.0, [](const Bytes& b) { return is_packet_for(b, 0x29, "keep", 0x20); });
     ASSERT_EQ(claims.size(), 2u) << lab.log();
     auto last_claim_seen = std::chrono::steady_clock::now();
 
@@ -580,7 +600,7 @@ TEST_F(Wire, LocalLookupsAndStatusRequestsGoOnTheWire)
         std::thread client([&] { st = ctl({"lookup", c.arg}, &out); });
         std::vector<LabDatagram> got[3];
         for (int s = 1; s <= 2; ++s)
-            got[s] = collect(fd[s], 1, 20.0, [&](const Bytes& b) { return is(b, 0x01, c.name, c.type); });
+            got[s] = collect(fd[s], 1, 20.0, [&](const Bytes& b) { return is_packet_for(b, 0x01, c.name, c.type); });
         if (!got[1].empty() && !got[2].empty()) {
             for (int s = 1; s <= 2; ++s) {
                 EXPECT_EQ(got[s][0].from, Lab::daemon_addr(s));
