@@ -796,6 +796,16 @@ TEST_F(Wire, MalformedDatagramsDoNotStopTheService)
     auto a = ask_until_answered(1, name_query(0x7777, "after", 0x20));
     ASSERT_TRUE(a.has_value()) << lab.log();
     EXPECT_EQ(a->bytes, nb_response(0x7777, 0x85, 0x00, "after", 0x20, 0, addr_of(1, true)));
+    // A query followed by padding to 1600 bytes (cut to 1500 on receipt) is
+    // still a query.
+    Bytes padded = name_query(0x7778, "after", 0x20);
+    padded.resize(1600, 0xEE);
+    int pfd = lab.udp_socket(lab_station1, 0);
+    ASSERT_GE(pfd, 0);
+    ASSERT_TRUE(lab.send_to(pfd, "10.88.0.1", 137, padded));
+    a = lab.recv(pfd, 10.0);
+    ASSERT_TRUE(a.has_value()) << lab.log();
+    EXPECT_EQ(a->bytes, nb_response(0x7778, 0x85, 0x00, "after", 0x20, 0, addr_of(1, true)));
     int status = -1;
     EXPECT_TRUE(lab.stop_daemon(pid, 20.0, &status));
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << lab_describe_status(status);
