@@ -1,5 +1,6 @@
 #include "config/dbtree.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
@@ -63,12 +64,13 @@ bool i_remove(const char* path, dev_t dev)
     return remaining == 0 && rmdir(path) == 0;
 }
 
-// Creates path[0..len) unless it is a directory already.
+// Creates path[0..len) unless it is a directory already. Another process
+// may make it between our look and our mkdir: EEXIST is then no failure.
 bool make_one(char* path, size_t len)
 {
     char saved = path[len];
     path[len] = '\0';
-    bool ok = is_dir(path) || (mkdir(path, kDirMode) == 0 && is_dir(path));
+    bool ok = is_dir(path) || ((mkdir(path, kDirMode) == 0 || errno == EEXIST) && is_dir(path));
     path[len] = saved;
     return ok;
 }
