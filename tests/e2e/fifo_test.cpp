@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -170,6 +171,38 @@ TEST_F(Fifo, AListingOf450NamesComesInThreeMessages)
         more = h.more;
     }
     EXPECT_EQ(lens, (std::vector<int32_t>{4012, 4012, 1012}));
+}
+
+bool gone_within(const char* path, int seconds)
+{
+    for (int i = 0; i < seconds * 10; i++) {
+        if (access(path, F_OK) != 0)
+            return true;
+        usleep(100000);
+    }
+    return false;
+}
+
+TEST_F(Fifo, TheRelayEndsWithTheDaemonAndRemovesTheFifos)
+{
+    // An orderly stop hangs the relay up.
+    pid_t pid = lab.start_daemon();
+    ASSERT_GT(pid, 0) << lab.last_error();
+    ASSERT_EQ(access("/var/opt/KORRbase/ns_serverfifo", F_OK), 0);
+    int status = -1;
+    ASSERT_TRUE(lab.stop_daemon(pid, 20.0, &status));
+    EXPECT_TRUE(gone_within("/var/opt/KORRbase/ns_serverfifo", 20));
+    EXPECT_TRUE(gone_within("/var/opt/KORRbase/ns_clientfifo", 20));
+
+    // A daemon killed outright: the next request finds nobody to take it.
+    pid = lab.start_daemon();
+    ASSERT_GT(pid, 0) << lab.last_error();
+    open_fifos();
+    ASSERT_EQ(kill(pid, SIGKILL), 0);
+    ASSERT_TRUE(lab.wait_exit(pid, 20.0));
+    send(message(NS_NBTYPE, 1));
+    EXPECT_TRUE(gone_within("/var/opt/KORRbase/ns_serverfifo", 20));
+    EXPECT_TRUE(gone_within("/var/opt/KORRbase/ns_clientfifo", 20));
 }
 
 }  // namespace
