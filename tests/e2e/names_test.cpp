@@ -16,17 +16,6 @@ class Names : public ::testing::Test {
 protected:
     void SetUp() override { LAB_SETUP_OR_SKIP(lab, 1); }
 
-    // halyardctl's exit status (-1 when it did not exit), its output in *out.
-    int ctl(const std::vector<std::string>& args, std::string* out = nullptr)
-    {
-        std::vector<std::string> argv{HALYARDCTL_BINARY};
-        argv.insert(argv.end(), args.begin(), args.end());
-        std::string text;
-        int st = lab.run(lab_daemon, argv, &text, 60.0);
-        if (out != nullptr)
-            *out = text;
-        return st != -1 && WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    }
 
     Lab lab;
 };
@@ -59,17 +48,17 @@ TEST_F(Names, LocalProgramsAddCheckListDeleteAndLookUp)
 {
     ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
     std::string out;
-    EXPECT_EQ(ctl({"add", "fileserv<20>"}, &out), 0) << out;
-    EXPECT_EQ(ctl({"add", "fileserv<20>"}, &out), 1) << out;  // already present
-    EXPECT_EQ(ctl({"add", "workgrp<1e>", "--group"}, &out), 0) << out;
-    EXPECT_EQ(ctl({"check", "fileserv<20>"}, &out), 0) << out;
-    EXPECT_EQ(ctl({"list"}, &out), 0) << out;
+    EXPECT_EQ(lab.halyardctl({"add", "fileserv<20>"}, &out), 0) << out;
+    EXPECT_EQ(lab.halyardctl({"add", "fileserv<20>"}, &out), 1) << out;  // already present
+    EXPECT_EQ(lab.halyardctl({"add", "workgrp<1e>", "--group"}, &out), 0) << out;
+    EXPECT_EQ(lab.halyardctl({"check", "fileserv<20>"}, &out), 0) << out;
+    EXPECT_EQ(lab.halyardctl({"list"}, &out), 0) << out;
     EXPECT_NE(out.find("fileserv<20>"), std::string::npos) << out;
     EXPECT_NE(out.find("workgrp<1e>"), std::string::npos) << out;
-    EXPECT_EQ(ctl({"del", "fileserv<20>"}, &out), 0) << out;
-    EXPECT_EQ(ctl({"check", "fileserv<20>"}, &out), 1) << out;
+    EXPECT_EQ(lab.halyardctl({"del", "fileserv<20>"}, &out), 0) << out;
+    EXPECT_EQ(lab.halyardctl({"check", "fileserv<20>"}, &out), 1) << out;
     // Nobody on the network owns it: not found once the lookup times out.
-    EXPECT_EQ(ctl({"lookup", "nobody<20>"}, &out), 1) << out;
+    EXPECT_EQ(lab.halyardctl({"lookup", "nobody<20>"}, &out), 1) << out;
     EXPECT_NE(out.find("-6"), std::string::npos) << out;
 }
 
@@ -77,7 +66,7 @@ TEST_F(Names, AStationsQueryForAClaimedNameIsAnswered)
 {
     ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
     std::string out;
-    ASSERT_EQ(ctl({"add", "fileserv<20>"}, &out), 0) << out;
+    ASSERT_EQ(lab.halyardctl({"add", "fileserv<20>"}, &out), 0) << out;
     int fd = lab.udp_socket(lab_station1, 0);
     ASSERT_GE(fd, 0) << lab.last_error();
     // Pending names are not answered: ask until the claim has completed.

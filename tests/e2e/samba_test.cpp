@@ -90,17 +90,6 @@ protected:
                 lab.wait_exit(pid, 20.0);
     }
 
-    // halyardctl's exit status (-1 when it did not exit), its output in *out.
-    int ctl(const std::vector<std::string>& args, std::string* out = nullptr)
-    {
-        std::vector<std::string> argv{HALYARDCTL_BINARY};
-        argv.insert(argv.end(), args.begin(), args.end());
-        std::string text;
-        int st = lab.run(lab_daemon, argv, &text, 60.0);
-        if (out != nullptr)
-            *out = text;
-        return st != -1 && WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    }
 
     // nmblookup in the station with its own configuration; its output.
     std::string nmblookup(const std::vector<std::string>& args)
@@ -239,7 +228,7 @@ TEST_F(Samba, NmblookupGetsOurAnswersUnicastAndBroadcast)
     pid_t tshark = start_capture();
     std::string out;
     // nmblookup asks in upper case; our names are taken as typed.
-    ASSERT_EQ(ctl({"add", "FILESERV<20>"}, &out), 0) << out;
+    ASSERT_EQ(lab.halyardctl({"add", "FILESERV<20>"}, &out), 0) << out;
     // A pending name is not answered: ask until the claim has completed.
     std::string unicast;
     for (int i = 0; i < 40 && !contains(unicast, "10.88.0.1 FILESERV<20>"); ++i)
@@ -273,7 +262,7 @@ TEST_F(Samba, NmbdIsFoundAskedForStatusAndDefendsItsName)
     std::string out;
     int st = -1;
     for (int i = 0; i < 20 && st != 0; ++i) {
-        st = ctl({"lookup", "STATION<20>"}, &out);
+        st = lab.halyardctl({"lookup", "STATION<20>"}, &out);
         if (st != 0)
             std::this_thread::sleep_for(std::chrono::milliseconds(500));
     }
@@ -281,13 +270,13 @@ TEST_F(Samba, NmbdIsFoundAskedForStatusAndDefendsItsName)
     EXPECT_TRUE(contains(out, "10.88.0.2")) << out;
 
     // Its adapter status, as it answers it.
-    EXPECT_EQ(ctl({"status", "10.88.0.2"}, &out), 0) << out;
+    EXPECT_EQ(lab.halyardctl({"status", "10.88.0.2"}, &out), 0) << out;
     EXPECT_TRUE(contains(out, "STATION")) << out;
     EXPECT_TRUE(contains(out, "LABGRP")) << out;
 
     // Our claim of its name is refused by its defence: the name is gone from
     // our table and the log says who holds it.
-    EXPECT_EQ(ctl({"add", "STATION<20>"}, &out), 0) << out;
+    EXPECT_EQ(lab.halyardctl({"add", "STATION<20>"}, &out), 0) << out;
     EXPECT_TRUE(lab.wait_log("Halyard: name already exists on network: ", 60.0))
         << lab.log() << lab_read_file(nmbd_out);
     // The name in the daemon's printable form (lower case, no suffix for a
@@ -300,7 +289,7 @@ TEST_F(Samba, NmbdIsFoundAskedForStatusAndDefendsItsName)
         }
     }
     EXPECT_TRUE(at_address) << lab.log();
-    EXPECT_EQ(ctl({"check", "STATION<20>"}, &out), 1) << out;
+    EXPECT_EQ(lab.halyardctl({"check", "STATION<20>"}, &out), 1) << out;
 
     EXPECT_TRUE(stop_station(nmbd)) << lab_read_file(nmbd_out);
     check_capture(tshark, 3);

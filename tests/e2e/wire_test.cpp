@@ -145,16 +145,6 @@ class Wire : public ::testing::Test {
 protected:
     void SetUp() override { LAB_SETUP_OR_SKIP(lab, 2); }
 
-    int ctl(const std::vector<std::string>& args, std::string* out = nullptr)
-    {
-        std::vector<std::string> argv{HALYARDCTL_BINARY};
-        argv.insert(argv.end(), args.begin(), args.end());
-        std::string text;
-        int st = lab.run(lab_daemon, argv, &text, 60.0);
-        if (out != nullptr)
-            *out = text;
-        return st != -1 && WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    }
 
     // Datagrams on fd that satisfy `want`, until `count` of them came or
     // `seconds` passed; others are dropped.
@@ -226,7 +216,7 @@ TEST_F(Wire, ClaimsAndReleasesAreBroadcastOnEveryInterface)
         std::vector<std::string> args{"add", c.arg};
         if (c.group)
             args.push_back("--group");
-        ASSERT_EQ(ctl(args, &out), 0) << out;
+        ASSERT_EQ(lab.halyardctl(args, &out), 0) << out;
         std::vector<LabDatagram> got[3];
         for (int s = 1; s <= 2; ++s) {
             got[s] = collect(fd[s], 2, 20.0,
@@ -249,7 +239,7 @@ TEST_F(Wire, ClaimsAndReleasesAreBroadcastOnEveryInterface)
     }
 
     // Releases carry ids 1, 2, 3 from the daemon's start, once per interface.
-    ASSERT_EQ(ctl({"add", "third<20>"}), 0);
+    ASSERT_EQ(lab.halyardctl({"add", "third<20>"}), 0);
     struct Del {
         const char* arg;
         const char* name;
@@ -262,7 +252,7 @@ TEST_F(Wire, ClaimsAndReleasesAreBroadcastOnEveryInterface)
     for (const auto& d : dels) {
         SCOPED_TRACE(d.arg);
         std::string out;
-        ASSERT_EQ(ctl({"del", d.arg}, &out), 0) << out;
+        ASSERT_EQ(lab.halyardctl({"del", d.arg}, &out), 0) << out;
         for (int s = 1; s <= 2; ++s) {
             auto got = collect(fd[s], 1, 20.0,
                                [&](const Bytes& b) { return is_packet_for(b, 0x30, d.name, d.type); });
@@ -281,14 +271,14 @@ TEST_F(Wire, QueriesAreAnsweredWithTheAddressOnTheAskersSubnetAndScope)
     ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
     int watch = lab.udp_socket(lab_station2, 137);
     ASSERT_GE(watch, 0) << lab.last_error();
-    ASSERT_EQ(ctl({"add", "fileserv<20>"}), 0);
+    ASSERT_EQ(lab.halyardctl({"add", "fileserv<20>"}), 0);
     // The claim carries the scope as written: 34 + N, N = 33 + 5 + 8 + 1.
     auto claim = collect(watch, 1, 20.0, [](const Bytes& b) { return b.size() > 2 && b[2] == 0x29; });
     ASSERT_EQ(claim.size(), 1u) << lab.log();
     EXPECT_EQ(claim[0].bytes, registration(id_of(claim[0].bytes), 0x29, "fileserv", 0x20, 0,
                                            addr_of(2, true), "Corp.Example"));
     EXPECT_EQ(claim[0].bytes.size(), 81u);
-    ASSERT_EQ(ctl({"add", "workgrp<1e>", "--group"}), 0);
+    ASSERT_EQ(lab.halyardctl({"add", "workgrp<1e>", "--group"}), 0);
 
     for (int s = 1; s <= 2; ++s) {
         SCOPED_TRACE("station " + std::to_string(s));
@@ -341,8 +331,8 @@ TEST_F(Wire, QueriesAreAnsweredWithTheAddressOnTheAskersSubnetAndScope)
 TEST_F(Wire, LocalNamesAreDefendedAndGivenUpOnAConflict)
 {
     ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
-    ASSERT_EQ(ctl({"add", "fileserv<20>"}), 0);
-    ASSERT_EQ(ctl({"add", "workgrp<1e>", "--group"}), 0);
+    ASSERT_EQ(lab.halyardctl({"add", "fileserv<20>"}), 0);
+    ASSERT_EQ(lab.halyardctl({"add", "workgrp<1e>", "--group"}), 0);
     // Claims still pending are not defended: wait until both are owned.
     ASSERT_TRUE(ask_until_answered(1, name_query(1, "fileserv", 0x20)).has_value()) << lab.log();
     ASSERT_TRUE(ask_until_answered(1, name_query(2, "workgrp", 0x1e)).has_value()) << lab.log();
@@ -383,12 +373,12 @@ TEST_F(Wire, LocalNamesAreDefendedAndGivenUpOnAConflict)
                                         addr_of(c.station, true)));
     }
     std::string out;
-    EXPECT_EQ(ctl({"check", "fileserv<20>"}, &out), 0) << out;
+    EXPECT_EQ(lab.halyardctl({"check", "fileserv<20>"}, &out), 0) << out;
 
     // A registration response from a station soon after a claim: the name is
     // dropped and the conflict logged with the name's text form (capitals
     // shown in lower case) and the sender's address and port.
-    ASSERT_EQ(ctl({"add", "CLASH<20>"}), 0);
+    ASSERT_EQ(lab.halyardctl({"add", "CLASH<20>"}), 0);
     int fd = lab.udp_socket(lab_station1, 1234);
     ASSERT_GE(fd, 0);
     ASSERT_TRUE(lab.send_to(fd, "10.88.0.1", 137,
@@ -404,8 +394,8 @@ TEST_F(Wire, LocalNamesAreDefendedAndGivenUpOnAConflict)
         }
     }
     EXPECT_TRUE(found) << lab.log();
-    EXPECT_EQ(ctl({"check", "CLASH<20>"}, &out), 1) << out;
-    EXPECT_EQ(ctl({"check", "fileserv<20>"}, &out), 0) << out;
+    EXPECT_EQ(lab.halyardctl({"check", "CLASH<20>"}, &out), 1) << out;
+    EXPECT_EQ(lab.halyardctl({"check", "fileserv<20>"}, &out), 0) << out;
 }
 
 // Sends `bytes` from fd to the daemon's first address, then a directed
@@ -432,7 +422,7 @@ TEST_F(Wire, ConflictsFromItselfOrLaterThanTenSecondsAreIgnored)
     ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
     int watch = lab.udp_socket(lab_station1, 137);
     ASSERT_GE(watch, 0) << lab.last_error();
-    ASSERT_EQ(ctl({"add", "keep<20>"}), 0);
+    ASSERT_EQ(lab.halyardctl({"add", "keep<20>"}), 0);
     auto claims = collect(watch, 2, 20.0, [](const Bytes& b) { return is_packet_for(b, 0x29, "keep", 0x20); });
     ASSERT_EQ(claims.size(), 2u) << lab.log();
     auto last_claim_seen = std::chrono::steady_clock::now();
@@ -443,7 +433,7 @@ TEST_F(Wire, ConflictsFromItselfOrLaterThanTenSecondsAreIgnored)
     EXPECT_TRUE(send_and_sync(lab, own,
                               nb_response(1, 0xAD, 0x86, "keep", 0x20, 0, addr_of(1, true)), 0x6001));
     std::string out;
-    EXPECT_EQ(ctl({"check", "keep<20>"}, &out), 0) << out;
+    EXPECT_EQ(lab.halyardctl({"check", "keep<20>"}, &out), 0) << out;
 
     // One from a station, but more than 10 s after the latest claim.
     std::this_thread::sleep_until(last_claim_seen + std::chrono::seconds(12));
@@ -451,7 +441,7 @@ TEST_F(Wire, ConflictsFromItselfOrLaterThanTenSecondsAreIgnored)
     ASSERT_GE(fd, 0);
     EXPECT_TRUE(send_and_sync(lab, fd,
                               nb_response(2, 0xAD, 0x86, "keep", 0x20, 0, addr_of(1, false)), 0x6002));
-    EXPECT_EQ(ctl({"check", "keep<20>"}, &out), 0) << out;
+    EXPECT_EQ(lab.halyardctl({"check", "keep<20>"}, &out), 0) << out;
     EXPECT_EQ(lab.log().find("already exists"), std::string::npos) << lab.log();
 }
 
@@ -473,8 +463,8 @@ Bytes statistics(uint32_t counter)
 TEST_F(Wire, NodeStatusRequestsAreAnswered)
 {
     ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
-    ASSERT_EQ(ctl({"add", "fileserv<20>"}), 0);
-    ASSERT_EQ(ctl({"add", "workgrp<1e>", "--group"}), 0);
+    ASSERT_EQ(lab.halyardctl({"add", "fileserv<20>"}), 0);
+    ASSERT_EQ(lab.halyardctl({"add", "workgrp<1e>", "--group"}), 0);
     int fd = lab.udp_socket(lab_station1, 0);
     ASSERT_GE(fd, 0);
     int fd2 = lab.udp_socket(lab_station2, 0);
@@ -545,7 +535,7 @@ TEST_F(Wire, ALongTableIsAnsweredInPartWithinOneDatagram)
     for (int i = 0; i < 80; ++i) {
         snprintf(name, sizeof name, "n%02d<20>", i);
         std::string out;
-        ASSERT_EQ(ctl({"add", name}, &out), 0) << out;
+        ASSERT_EQ(lab.halyardctl({"add", name}, &out), 0) << out;
     }
     int fd = lab.udp_socket(lab_station1, 0);
     ASSERT_GE(fd, 0);
@@ -597,7 +587,7 @@ TEST_F(Wire, LocalLookupsAndStatusRequestsGoOnTheWire)
         SCOPED_TRACE(c.arg);
         std::string out;
         int st = -1;
-        std::thread client([&] { st = ctl({"lookup", c.arg}, &out); });
+        std::thread client([&] { st = lab.halyardctl({"lookup", c.arg}, &out); });
         std::vector<LabDatagram> got[3];
         for (int s = 1; s <= 2; ++s)
             got[s] = collect(fd[s], 1, 20.0, [&](const Bytes& b) { return is_packet_for(b, 0x01, c.name, c.type); });
@@ -623,7 +613,7 @@ TEST_F(Wire, LocalLookupsAndStatusRequestsGoOnTheWire)
     // reach the client.
     std::string out;
     int st = -1;
-    std::thread client([&] { st = ctl({"status", "10.88.0.2"}, &out); });
+    std::thread client([&] { st = lab.halyardctl({"status", "10.88.0.2"}, &out); });
     auto got = collect(fd[1], 1, 20.0, [](const Bytes& b) {
         return b.size() >= 4 && b[2] == 0x00 && b[3] == 0x00;
     });
@@ -677,7 +667,7 @@ TEST_F(Wire, MalformedDatagramsDoNotStopTheService)
 {
     pid_t pid = lab.start_daemon({"-z", "proc=3"});
     ASSERT_GT(pid, 0) << lab.last_error();
-    ASSERT_EQ(ctl({"add", "fileserv<20>"}), 0);
+    ASSERT_EQ(lab.halyardctl({"add", "fileserv<20>"}), 0);
     ASSERT_TRUE(ask_until_answered(1, name_query(1, "fileserv", 0x20)).has_value()) << lab.log();
 
     const Bytes valid[] = {
@@ -792,7 +782,7 @@ TEST_F(Wire, MalformedDatagramsDoNotStopTheService)
     // conflict over the earlier name, which the daemon rightly gives up).
     EXPECT_EQ(lab.registered_pid(), pid);
     std::string out;
-    ASSERT_EQ(ctl({"add", "after<20>"}, &out), 0) << out;
+    ASSERT_EQ(lab.halyardctl({"add", "after<20>"}, &out), 0) << out;
     auto a = ask_until_answered(1, name_query(0x7777, "after", 0x20));
     ASSERT_TRUE(a.has_value()) << lab.log();
     EXPECT_EQ(a->bytes, nb_response(0x7777, 0x85, 0x00, "after", 0x20, 0, addr_of(1, true)));

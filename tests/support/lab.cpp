@@ -757,3 +757,14 @@ void Lab::kill_leftovers()
             wait_exit(pid, 10.0);
     }
 }
+
+int Lab::halyardctl(const std::vector<std::string>& args, std::string* out)
+{
+    std::vector<std::string> argv{HALYARDCTL_BINARY};
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::string text;
+    int st = run(lab_daemon, argv, &text, 60.0);
+    if (out != nullptr)
+        *out = text;
+    return st != -1 && WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+}

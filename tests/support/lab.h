@@ -145,6 +145,9 @@ public:
     // in *out; its wait status, or -1 (killed at the deadline).
     int run(LabSide side, const std::vector<std::string>& argv,
             std::string* out = nullptr, double seconds = 30.0);
+    // halyardctl with args on the daemon's side: its exit status (-1 when
+    // it did not exit), its output in *out.
+    int halyardctl(const std::vector<std::string>& args, std::string* out = nullptr);
 
     static const char* daemon_addr(int station) { return station == 2 ? "10.89.0.1" : "10.88.0.1"; }
     static const char* station_addr(int station) { return station == 2 ? "10.89.0.2" : "10.88.0.2"; }
