@@ -250,6 +250,11 @@ void dg_set_work(dg_recv_fn recv, dg_redo_fn redo)
     redo_work = redo;
 }
 
+time_t dg_now()
+{
+    return clock_now();
+}
+
 void dg_set_clock(dg_time_fn now, dg_alarm_fn arm)
 {
     clock_now = now != nullptr ? now : sys_time;

@@ -61,6 +61,7 @@ void dg_set_work(dg_recv_fn recv, dg_redo_fn redo);
 using dg_time_fn = time_t (*)();
 using dg_alarm_fn = unsigned (*)(unsigned seconds);
 void dg_set_clock(dg_time_fn now, dg_alarm_fn arm);
+time_t dg_now();  // the time on that clock
 
 // Start-up and shutdown.
 
