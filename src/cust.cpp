@@ -41,11 +41,11 @@ namespace {
 // Our commands hold at most DC_MAXADDR addresses. Every caller passes a
 // host's addresses, and a host holds at most 20: a longer list keeps its
 // first 20, the same cut as an EQUIV request that lists more.
-int copy_addrs(DelayCmd* rec, const uint32_t* addrs, int n)
+void copy_addrs(DelayCmd* rec, const uint32_t* addrs, int n)
 {
-    int ct = n < 0 || addrs == nullptr ? 0 : n > DC_MAXADDR ? DC_MAXADDR : n;
-    memcpy(rec->addrs, addrs, sizeof(uint32_t) * static_cast<size_t>(ct));
-    return rec->addr_ct = ct;
+    rec->addr_ct = n < 0 || addrs == nullptr ? 0 : n > DC_MAXADDR ? DC_MAXADDR : n;
+    if (rec->addr_ct > 0)
+        memcpy(rec->addrs, addrs, sizeof(uint32_t) * static_cast<size_t>(rec->addr_ct));
 }
 
 DelayCmd* make_cmd(int kind, const uint8_t* name)

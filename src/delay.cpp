@@ -227,12 +227,3 @@ void check_verify(const uint32_t* addrs, int n)
         verify_response(rec, VERIFY_NO_ANS, VERIFY_NO_ERR);
     rm_delay(rec);
 }
-
-void delay_clear()
-{
-    while (d_list != nullptr) {
-        DelayCmd* rec = d_list;
-        d_list = rec->next;
-        delete rec;
-    }
-}

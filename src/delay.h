@@ -67,5 +67,3 @@ void cmd_timeout(time_t now);
 // The next send of the record's command: two per agent, in the order of
 // nda_addr; 0, or -1 when every agent has had its two.
 int send_cmd(DelayCmd* rec);
-// For tests: frees every record (an armed timer then finds the list empty).
-void delay_clear();
