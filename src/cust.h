@@ -26,3 +26,12 @@ int same_addr(uint32_t address, const UniAddr* peer);
 // Once per run: an ENS client with two or more interfaces and no agents
 // broadcasts the equivalence of its addresses.
 void ens_bcast();
+
+// One request to an agent (to: its address at ndport), id the record's ENS
+// id; the result of the send, or -1 when it could not be built.
+int send_query(uint32_t id, const uint8_t* name, const UniAddr* to);
+int send_add(uint32_t id, const uint8_t* name, uint32_t flags, const uint32_t* addrs, int n,
+             const UniAddr* to);
+int send_delete(uint32_t id, const uint8_t* name, const uint32_t* addrs, int n, const UniAddr* to);
+int send_equiv(uint32_t id, const uint32_t* addrs, int n, const UniAddr* to);
+int send_purge(uint32_t id, uint32_t address, const UniAddr* to);

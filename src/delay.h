@@ -46,3 +46,26 @@ void delay_verify(const UniAddr* peer, uint32_t id, const uint8_t* name, uint32_
 // A host with these addresses answered its status request: answers the
 // first verification waiting for one of them.
 void check_verify(const uint32_t* addrs, int n);
+
+// Making and serving the list.
+// A zeroed record with the next ENS id (the first is 1); null, traced, when
+// memory is short.
+DelayCmd* dc_alloc();
+// Starts a record whose kind and fields are set: its due time from now, the
+// first send for the kinds that send, then into the list. A sending kind
+// with no agent to send to is freed at once.
+void dc_start(DelayCmd* rec, time_t now);
+// Into the list by due time, after the records due at the same second; serves
+// the list at once when no timer is armed for it.
+void insert_delay(DelayCmd* rec);
+// The timer function: every record due is timed out, then the timer is armed
+// for the new head.
+void serve_delay(int32_t arg = 0);
+// The head is due: its wait ends, or its command is sent again (3 s more) or
+// given up.
+void cmd_timeout(time_t now);
+// The next send of the record's command: two per agent, in the order of
+// nda_addr; 0, or -1 when every agent has had its two.
+int send_cmd(DelayCmd* rec);
+// For tests: frees every record (an armed timer then finds the list empty).
+void delay_clear();
