@@ -10,6 +10,8 @@
 #include "shr/fxdump.h"
 #include "shr/uniinet.h"
 #include "src/claim.h"
+#include "src/cust.h"
+#include "src/delay.h"
 #include "src/enstable.h"
 #include "src/maininit.h"
 #include "src/namelogin.h"
@@ -81,6 +83,16 @@ void lookup_data(uint8_t* data, int32_t status, uint32_t address, int group)
 uint32_t first_address()
 {
     return my_addr_ct > 0 ? my_addr[0].addr : 0;
+}
+
+// Our interface addresses for the agents, which keep at most 20 per host:
+// further interfaces are left out rather than overrun the command.
+int own_addresses(uint32_t* out)
+{
+    int n = std::min(my_addr_ct, DC_MAXADDR);
+    for (int i = 0; i < n; i++)
+        out[i] = my_addr[i].addr;
+    return n;
 }
 
 // Starts the wait of a lookup or status request; its answer comes later.
@@ -281,7 +293,10 @@ void do_delname(ns_hdr* h, uint8_t* data)
     const nt_entry* e = nt_search(data);
     if (e != nullptr)
         name_release(e);
-    // With agents configured the name is also deleted there (nda_delete), not in this build.
+    if (e != nullptr && nda_ct > 0) {
+        uint32_t addrs[DC_MAXADDR];
+        nda_delete(data, addrs, own_addresses(addrs));
+    }
     int status = nt_del(data);
     answer(h, NS_DELNAME, 4);
     put32(data, 0, status);
@@ -352,7 +367,8 @@ void do_lookup(ns_hdr* h, uint8_t* data)
             put_response(h, data);
             return;
         }
-        // The agents would be asked here (nda_lquery), not in this build.
+        if (nda_lquery(name, l_id, h->xid) == 0)
+            return;   // answered from the agents' cached answer
     }
     name_query(name);
     wait_for(name, 0, NS_LOOKUP, h->xid);
@@ -460,7 +476,10 @@ void do_claim(int32_t)
         TRACE(proc, 2, "found claimer, count %d, nda_ct %d\n", e->count, nda_ct);
         if (e->count >= 2) {
             e->flags &= ~NT_PENDING;
-            // With agents configured the name is also registered there (nda_add), not in this build.
+            if (nda_ct > 0) {
+                uint32_t addrs[DC_MAXADDR];
+                nda_add(e->name, e->flags, addrs, own_addresses(addrs));
+            }
             continue;
         }
         name_claim(e);

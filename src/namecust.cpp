@@ -1,5 +1,6 @@
 #include "src/namecust.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <netinet/in.h>
@@ -8,8 +9,12 @@
 #include "nmtrace.h"
 #include "shr/logging.h"
 #include "src/maininit.h"
+#include "src/cust.h"
+#include "src/delay.h"
 #include "src/dorequest.h"
+#include "src/ens.h"
 #include "src/enstable.h"
+#include "src/ensrecv.h"
 #include "src/getnpack.h"
 #include "src/namelogin.h"
 #include "src/nbndgio.h"
@@ -37,14 +42,6 @@ int open_socket(uint16_t port)
 int name_init()
 {
     TRACE(proc, 1, "name_init: transport_tcpip %d, transport_vznbu %d\n", transport_tcpip, transport_vznbu);
-    if (nda_ct > 0) {
-        // Agents are not spoken to by this build: say so once and run as
-        // without them, rather than half-serve them.
-        log_new();
-        log_msg("%s: peer name directory not available in this build; %d agent(s) ignored", prog,
-                nda_ct);
-        nda_ct = 0;
-    }
     int fd = -1;
     if (transport_tcpip)
         fd = open_socket(nmport);
@@ -63,8 +60,25 @@ int name_init()
         if (ens_a_lookup(my_addr[i].addr) == nullptr)
             ens_a_add(my_addr[i].addr, nullptr);
     }
-    // agents: the ENS socket, the equivalence of the own addresses, the
-    // probe timer and the equivalence broadcast come with the peer directory.
+    if (nda_ct > 0) {
+        ens_fd = open_socket(ensport);
+        if (ens_fd < 0) {
+            TRACE(proc, 1, "name_init: can't get ens_fd\n");
+            dg_exit(0);
+        }
+        dg_custfd(ens_fd, ens_recv);
+        if (my_addr_ct > 1) {
+            // The agents keep at most 20 addresses per host; further
+            // interfaces are left out of the equivalence rather than overrun it.
+            uint32_t list[DC_MAXADDR];
+            int n = std::min(my_addr_ct, DC_MAXADDR);
+            for (int i = 0; i < n; i++)
+                list[i] = my_addr[i].addr;
+            nda_equiv(list, n);
+        }
+        set_probe_timer();
+    }
+    ens_bcast();
     return fd;
 }
 

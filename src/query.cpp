@@ -7,6 +7,7 @@
 #include "nmtrace.h"
 #include "shr/uniinet.h"
 #include "src/dorequest.h"
+#include "src/ens.h"
 #include "src/enstable.h"
 #include "src/ensunk.h"
 #include "src/maininit.h"
@@ -294,5 +295,6 @@ void check_adapstat(const npkt* rec)
         rm_lu(id);
         finish_adapstat(&st, as_recs, n, xid);
     }
-    // With agents configured the names also go to the ENS table (ens_gotnames), not in this build.
+    if (nda_ct > 0)
+        ens_gotnames(as_recs, n, from);
 }

@@ -4,10 +4,14 @@
 #include "nmtrace.h"
 #include "shr/uniinet.h"
 #include "src/claim.h"
+#include "src/cust.h"
+#include "src/delay.h"
 #include "src/enstable.h"
+#include "src/ensunk.h"
 #include "src/getnpack.h"
 #include "src/maininit.h"
 #include "src/namelogin.h"
+#include "src/nbndgio.h"
 #include "src/ndump.h"
 #include "src/ntable.h"
 #include "src/query.h"
@@ -155,7 +159,8 @@ void check_query(const npkt* rec)
         TRACE(proc, 3, "check_query: ignoring my own query\n");
         return;
     }
-    // agents: handled with the peer directory (unknown senders learnt)
+    if (nda_ct > 0 && ens_a_lookup(from) == nullptr)
+        unk_as_query(rec->name, from);
     const nt_entry* e = name_present(rec->name);
     if (e != nullptr) {
         if (e->flags & NT_PENDING)
@@ -164,7 +169,20 @@ void check_query(const npkt* rec)
         answer_query(rec->name, e->flags, matching_addr(from), &rec->addr, rec->pktid);
         return;
     }
-    // agents: handled with the peer directory (proxy answers, agent queries)
+    if (nda_ct == 0)
+        return;
+    EnsName* n = ens_n_lookup(rec->name);
+    if (n == nullptr) {
+        nda_query(rec);   // the agents may know it; they answer later
+        return;
+    }
+    // A host with one address is the only one on its network: the owner
+    // answers for itself there.
+    if (my_addr_ct == 1 || n->host->addrs == nullptr)
+        return;
+    uint32_t owner = n->host->addrs->address;
+    TRACE(proc, 2, "check_query: answering request as proxy for %s\n", nm_ntoa(owner));
+    answer_query(n->name, n->flags, owner, &rec->addr, rec->pktid);
 }
 
 // RFC 1002 5.1.1.3: a claim of one of our names is answered with a negative
@@ -189,16 +207,44 @@ void check_claim(const npkt* rec)
         defend_name(e->name, e->flags, matching_addr(from), &rec->addr, rec->pktid);
         return;
     }
-    // agents: handled with the peer directory (claims checked with the agents)
+    if (nda_ct > 0)
+        nda_claim(rec);
 }
 
 // RFC 1002 5.1.1.5: another station's release. Our own table never changes
-// by it; only the ENS tables kept with agents would.
+// by it; the name goes from the ENS table and from the agents.
 void check_delete(const npkt* rec)
 {
     if (!scope_ok(rec, "check_delete"))
         return;
     if (nda_ct == 0)
         return;
-    // agents: handled with the peer directory
+    uint32_t from = 0;
+    if (uatoian(&from, nullptr, &rec->addr) != 0)
+        return;
+    const EnsAddr* a = ens_a_lookup(from);
+    if (a == nullptr) {
+        unk_as_query(nullptr, from);
+        return;
+    }
+    EnsHost* host = a->host;
+    if (host == nullptr)
+        return;   // our own release, received back
+    EnsName* n = ens_n_lookup(rec->name);
+    while (n != nullptr && n->host != host)
+        n = ens_n_next(rec->name, n);
+    if (n == nullptr) {
+        TRACE(proc, 1, "check_delete: weirdness -- can't find name/addr match\n");
+        return;
+    }
+    uint32_t addrs[DC_MAXADDR];
+    int ct = 0;
+    for (const EnsAddr* x = host->addrs; x != nullptr && ct < DC_MAXADDR; x = x->host_next)
+        addrs[ct++] = x->address;
+    nda_delete(rec->name, addrs, ct);
+    ens_n_del(rec->name, host);
+    if (host->names == nullptr) {
+        TRACE(proc, 3, "check_delete: host %s has no name -- deleting it\n", nm_ntoa(addrs[0]));
+        ens_free(host);
+    }
 }

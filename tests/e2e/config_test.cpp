@@ -121,14 +121,20 @@ TEST_F(Config, MissingFileIsLoggedAndTheDaemonStillStarts)
         << lab.log();
 }
 
-TEST_F(Config, AgentsAreAnnouncedAsNotAvailableAndIgnored)
+// A client request answered means the start-up is through, ENS socket included.
+TEST_F(Config, AgentsOpenTheEnsSocketOnlyWhenConfigured)
 {
-    ASSERT_TRUE(lab.write_config(lab.default_config() + "\n[transport tcpip]\nNB-nd-addr 10.88.0.2 10.88.0.3\n"));
     pid_t pid = lab.start_daemon();
     ASSERT_GT(pid, 0) << lab.last_error();
-    EXPECT_TRUE(lab.wait_log("Halyard: peer name directory not available in this build; 2 agent(s) ignored"))
-        << lab.log();
-    EXPECT_FALSE(Lab::udp_port_bound(pid, 228)) << "an ENS socket was opened";
+    ASSERT_EQ(lab.halyardctl({"list"}), 0) << lab.log();
+    EXPECT_FALSE(Lab::udp_port_bound(pid, 228)) << "an ENS socket without agents";
+    ASSERT_TRUE(lab.stop_daemon(pid));
+
+    ASSERT_TRUE(lab.write_config(lab.default_config() + "\n[transport tcpip]\nNB-nd-addr 10.88.0.2 10.88.0.3\n"));
+    pid = lab.start_daemon();
+    ASSERT_GT(pid, 0) << lab.last_error();
+    ASSERT_EQ(lab.halyardctl({"list"}), 0) << lab.log();
+    EXPECT_TRUE(Lab::udp_port_bound(pid, 228)) << lab.log();
 }
 
 }  // namespace
