@@ -1,0 +1,357 @@
+#include "tests/support/ndasim.h"
+
+#include <arpa/inet.h>
+
+#include <cstdio>
+#include <cstring>
+
+namespace ndasim {
+
+void put_int(Bytes& b, int32_t v)
+{
+    uint32_t u = uint32_t(v);
+    for (int i = 0; i < 4; ++i)
+        b.push_back(uint8_t(u >> (8 * i)));
+}
+
+void put_block(Bytes& b, const Bytes& raw)
+{
+    b.insert(b.end(), raw.begin(), raw.end());
+    if (raw.size() % 2 != 0)
+        b.push_back(0);
+}
+
+void put_name(Bytes& b, const Bytes& name16)
+{
+    put_int(b, 16);
+    put_block(b, name16);
+}
+
+void put_ip(Bytes& b, const std::string& dotted)
+{
+    in_addr a{};
+    inet_pton(AF_INET, dotted.c_str(), &a);
+    const uint8_t* p = reinterpret_cast<const uint8_t*>(&a.s_addr);
+    put_block(b, Bytes{4, p[0], p[1], p[2], p[3]});
+}
+
+void put_addr_list(Bytes& b, const std::vector<std::string>& dotted)
+{
+    for (const auto& d : dotted) {
+        put_int(b, 1);
+        put_ip(b, d);
+    }
+    put_int(b, 0);
+}
+
+void put_string(Bytes& b, const std::string& text)
+{
+    Bytes raw(text.begin(), text.end());
+    raw.push_back(0);
+    put_block(b, raw);
+}
+
+Bytes header(uint32_t id, uint32_t action, int32_t ans, int32_t err)
+{
+    Bytes b;
+    put_int(b, int32_t(version));
+    put_int(b, int32_t(id));
+    put_int(b, int32_t(action));
+    put_int(b, ans);
+    put_int(b, err);
+    return b;
+}
+
+Bytes datagram(uint32_t id, uint32_t action, int32_t ans, int32_t err, const Bytes& body)
+{
+    Bytes b = header(id, action, ans, err);
+    b.insert(b.end(), body.begin(), body.end());
+    return b;
+}
+
+Bytes nb_name(const std::string& text, uint8_t type)
+{
+    Bytes n(16, ' ');
+    memcpy(n.data(), text.data(), text.size() < 15 ? text.size() : 15);
+    n[15] = type;
+    return n;
+}
+
+Bytes permanent_name(const std::string& dotted)
+{
+    Bytes n(16, 0);
+    in_addr a{};
+    inet_pton(AF_INET, dotted.c_str(), &a);
+    memcpy(n.data() + 10, &a.s_addr, 4);
+    return n;
+}
+
+std::string name_text(const Bytes& name16)
+{
+    if (name16.size() != 16)
+        return "(" + std::to_string(name16.size()) + "-byte name)";
+    std::string t;
+    size_t end = 15;
+    while (end > 0 && name16[end - 1] == ' ')
+        --end;
+    char hex[8];
+    for (size_t i = 0; i < end; ++i) {
+        uint8_t c = name16[i];
+        if (c >= 0x21 && c < 0x7f && c != '\\') {
+            t.push_back(char(c));
+        } else {
+            snprintf(hex, sizeof hex, "\\x%02x", c);
+            t += hex;
+        }
+    }
+    snprintf(hex, sizeof hex, "<%02x>", name16[15]);
+    return t + hex;
+}
+
+int32_t Reader::get_int()
+{
+    if (left() < 4) {
+        ok = false;
+        at = b.size();
+        return 0;
+    }
+    uint32_t u = 0;
+    for (int i = 0; i < 4; ++i)
+        u |= uint32_t(b[at + size_t(i)]) << (8 * i);
+    at += 4;
+    return int32_t(u);
+}
+
+Bytes Reader::get_name()
+{
+    if (get_int() != 16 || left() < 16) {
+        ok = false;
+        return {};
+    }
+    Bytes n(b.begin() + long(at), b.begin() + long(at) + 16);
+    at += 16;
+    return n;
+}
+
+std::string Reader::get_ip()
+{
+    // The length byte, four address bytes and the pad: six in all.
+    if (left() < 6 || b[at] != 4) {
+        ok = false;
+        return {};
+    }
+    char text[INET_ADDRSTRLEN];
+    snprintf(text, sizeof text, "%u.%u.%u.%u", b[at + 1], b[at + 2], b[at + 3], b[at + 4]);
+    at += 6;
+    return text;
+}
+
+std::vector<std::string> Reader::get_addr_list()
+{
+    std::vector<std::string> out;
+    for (int i = 0; i < 64 && ok; ++i) {
+        int32_t tag = get_int();
+        if (!ok || tag == 0)
+            return out;
+        if (tag != 1) {
+            ok = false;
+            return out;
+        }
+        std::string a = get_ip();
+        if (ok)
+            out.push_back(a);
+    }
+    ok = false;  // no end within 64 pairs
+    return out;
+}
+
+Message decode(const Bytes& raw)
+{
+    Message m;
+    m.raw = raw;
+    Reader r(m.raw);
+    m.version = uint32_t(r.get_int());
+    m.id = uint32_t(r.get_int());
+    uint32_t action = uint32_t(r.get_int());
+    m.ans = r.get_int();
+    m.err = r.get_int();
+    m.header_ok = r.ok;
+    m.response = (action & response_bit) != 0;
+    m.action = int32_t(action & ~response_bit);
+    if (!m.header_ok)
+        return m;
+    if (m.response) {
+        // Responses to the agent's own requests: VERIFY has no body.
+        m.body_ok = r.left() == 0;
+        return m;
+    }
+    switch (m.action) {
+    case query:
+        m.name = r.get_name();
+        m.ints.push_back(r.get_int());
+        break;
+    case add:
+        m.name = r.get_name();
+        m.ints.push_back(r.get_int());
+        m.addrs = r.get_addr_list();
+        break;
+    case del:
+        m.name = r.get_name();
+        m.addrs = r.get_addr_list();
+        break;
+    case equiv:
+        m.addrs = r.get_addr_list();
+        break;
+    case purge:
+        m.addrs.push_back(r.get_ip());
+        break;
+    case verify:
+        m.name = r.get_name();
+        m.addrs.push_back(r.get_ip());
+        break;
+    default:
+        r.ok = false;
+        break;
+    }
+    m.body_ok = r.ok && r.left() == 0;
+    return m;
+}
+
+std::string Message::describe() const
+{
+    char buf[160];
+    snprintf(buf, sizeof buf, "%zu bytes from %s:%u: version 0x%x id %u action %d%s ans %d err %d",
+             raw.size(), from.c_str(), port, version, id, action, response ? " (response)" : "",
+             ans, err);
+    std::string t = buf;
+    if (!name.empty())
+        t += " name " + name_text(name);
+    for (int32_t i : ints)
+        t += " int " + std::to_string(i);
+    for (const auto& a : addrs)
+        t += " ip " + a;
+    if (!body_ok)
+        t += " (body not decoded)";
+    return t;
+}
+
+double seconds(Clock::time_point a, Clock::time_point b)
+{
+    return std::chrono::duration<double>(b - a).count();
+}
+
+bool Agent::open(Lab& lab, LabSide side, const std::string& addr, uint16_t port)
+{
+    lab_ = &lab;
+    addr_ = addr;
+    fd_ = lab.udp_socket(side, port, addr);
+    return fd_ >= 0;
+}
+
+std::optional<Message> Agent::take(double secs, int32_t action, bool response)
+{
+    auto matches = [&](const Message& m) {
+        return m.header_ok && m.response == response && (action == any || m.action == action);
+    };
+    for (auto it = queue_.begin(); it != queue_.end(); ++it) {
+        if (matches(*it)) {
+            Message m = *it;
+            queue_.erase(it);
+            return m;
+        }
+    }
+    if (lab_ == nullptr || fd_ < 0)
+        return std::nullopt;
+    auto until = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                    std::chrono::duration<double>(secs));
+    for (int i = 0; i < 100000; ++i) {
+        double left = seconds(Clock::now(), until);
+        auto d = lab_->recv(fd_, left > 0 ? left : 0);
+        if (!d)
+            return std::nullopt;
+        Message m = decode(d->bytes);
+        m.when = Clock::now();
+        m.from = d->from;
+        m.port = d->port;
+        history_.push_back(m);
+        if (matches(m))
+            return m;
+        queue_.push_back(m);
+        if (left <= 0 && i > 0)
+            break;
+    }
+    return std::nullopt;
+}
+
+std::optional<Message> Agent::next(double secs, int32_t action)
+{
+    return take(secs, action, false);
+}
+
+std::optional<Message> Agent::next_response(double secs, int32_t action)
+{
+    return take(secs, action, true);
+}
+
+void Agent::drain(double secs)
+{
+    // Nothing matches a request of action 0, so everything lands in the queue.
+    take(secs, 0, false);
+    queue_.clear();
+}
+
+std::vector<Message> Agent::requests(int32_t action) const
+{
+    std::vector<Message> out;
+    for (const auto& m : history_)
+        if (m.header_ok && !m.response && (action == any || m.action == action))
+            out.push_back(m);
+    return out;
+}
+
+bool Agent::reply(const Message& req, int32_t ans, int32_t err, const Bytes& body)
+{
+    return send_raw(req.from, req.port,
+                    datagram(req.id, uint32_t(req.action) | response_bit, ans, err, body));
+}
+
+bool Agent::reply_query_positive(const Message& req, bool group, const std::string& owner)
+{
+    Bytes body;
+    put_int(body, group ? 1 : 0);
+    put_int(body, 1);  // the marker, non-zero
+    put_ip(body, owner);
+    return reply(req, 0, 0, body);
+}
+
+bool Agent::reply_add_refused(const Message& req, bool group, const std::string& owner)
+{
+    Bytes body;
+    put_int(body, group ? 1 : 0);
+    put_ip(body, owner);
+    return reply(req, -1, 0, body);
+}
+
+bool Agent::send_verify(const std::string& daemon, uint32_t id, const Bytes& name16,
+                        const std::string& address, uint16_t port)
+{
+    Bytes body;
+    put_name(body, name16);
+    put_ip(body, address);
+    return send_raw(daemon, port, datagram(id, verify, 0, 0, body));
+}
+
+bool Agent::send_equiv(const std::string& daemon, uint32_t id,
+                       const std::vector<std::string>& addresses, uint16_t port)
+{
+    Bytes body;
+    put_addr_list(body, addresses);
+    return send_raw(daemon, port, datagram(id, equiv, 0, 0, body));
+}
+
+bool Agent::send_raw(const std::string& to, uint16_t port, const Bytes& bytes)
+{
+    return lab_ != nullptr && fd_ >= 0 && lab_->send_to(fd_, to, port, bytes);
+}
+
+}  // namespace ndasim

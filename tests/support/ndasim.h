@@ -1,0 +1,159 @@
+#pragma once
+
+// A name-directory agent simulated for the end-to-end tests.
+//
+// It owns a UDP socket in a lab station's namespace at the agent port,
+// records every ENS datagram it receives (decoded here, with an encoder and
+// decoder of its own, independent of the daemon's packet modules), and
+// answers as the test scripts it: positive or negative QUERY answers, ADD
+// accepted or refused with another owner, silence, a late answer, and VERIFY
+// and EQUIV requests of its own sent to the daemon's ENS port.
+//
+// ENS on the wire: 32-bit little-endian ints; a 20-byte header of version
+// 0x00010001, id, action (bit 31 set in a response), ans, err; items padded
+// to even lengths: name = int 16 + 16 bytes; ip = length byte 4, the four
+// address bytes, a pad byte; an address list = pairs (int 1, ip), int 0.
+//
+// Everything is synchronous and bounded: next() waits at most the given
+// seconds; datagrams that do not match what is asked for are kept for later
+// calls, never dropped.
+
+#include "tests/support/lab.h"
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace ndasim {
+
+using Bytes = std::vector<uint8_t>;
+using Clock = std::chrono::steady_clock;
+
+constexpr uint32_t version = 0x00010001;
+constexpr uint32_t response_bit = 0x80000000u;
+constexpr int32_t any = -1;
+
+enum Action : int32_t {
+    query = 1,
+    verify = 2,
+    add = 3,
+    del = 4,
+    equiv = 5,
+    purge = 7,
+};
+
+// Encoder: every item as the wire has it.
+void put_int(Bytes& b, int32_t v);
+void put_block(Bytes& b, const Bytes& raw);       // raw bytes, a pad byte when odd
+void put_name(Bytes& b, const Bytes& name16);     // int 16, the 16 bytes
+void put_ip(Bytes& b, const std::string& dotted); // 4, a.b.c.d, pad
+void put_addr_list(Bytes& b, const std::vector<std::string>& dotted);
+void put_string(Bytes& b, const std::string& text);  // text, NUL, pad when odd
+Bytes header(uint32_t id, uint32_t action, int32_t ans = 0, int32_t err = 0);
+// A whole datagram: header then body.
+Bytes datagram(uint32_t id, uint32_t action, int32_t ans, int32_t err, const Bytes& body);
+
+// The 16-byte NetBIOS name: text blank-padded to 15, then the type byte.
+Bytes nb_name(const std::string& text, uint8_t type);
+// The permanent name of an address: ten zero bytes, the address, two zeros.
+Bytes permanent_name(const std::string& dotted);
+// "fileserv<20>": the text up to the first blank, then the type in hex;
+// other bytes than printable ASCII as \xhh.
+std::string name_text(const Bytes& name16);
+
+// Decoder over one datagram; a read past the end sets ok to false and gives
+// a zero value.
+struct Reader {
+    const Bytes& b;
+    size_t at = 0;
+    bool ok = true;
+
+    explicit Reader(const Bytes& bytes) : b(bytes) {}
+    size_t left() const { return at <= b.size() ? b.size() - at : 0; }
+    int32_t get_int();
+    Bytes get_name();
+    std::string get_ip();
+    std::vector<std::string> get_addr_list();  // at most 64 pairs
+};
+
+// One datagram received by the agent, decoded.
+struct Message {
+    Clock::time_point when;
+    std::string from;
+    uint16_t port = 0;
+    Bytes raw;
+    bool header_ok = false;  // 20 bytes or more
+    uint32_t version = 0;
+    uint32_t id = 0;
+    int32_t action = 0;      // without bit 31
+    bool response = false;   // bit 31 was set
+    int32_t ans = 0;
+    int32_t err = 0;
+    // The body by action: QUERY name, int; ADD name, int flags, address
+    // list; DELETE name, address list; EQUIV address list; PURGE ip;
+    // VERIFY request name, ip. ints holds every int item that is not part
+    // of an address list, in order.
+    Bytes name;
+    std::vector<int32_t> ints;
+    std::vector<std::string> addrs;  // the address list, or the one ip item
+    bool body_ok = false;            // decoded with nothing left over
+    std::string describe() const;    // one line for failure messages
+};
+
+Message decode(const Bytes& raw);
+
+// Seconds from a to b.
+double seconds(Clock::time_point a, Clock::time_point b);
+
+class Agent {
+public:
+    Agent() = default;
+    Agent(const Agent&) = delete;
+    Agent& operator=(const Agent&) = delete;
+
+    // Binds addr:port in side's namespace (the socket is the lab's). False,
+    // with the lab's reason in lab.last_error(), on failure.
+    bool open(Lab& lab, LabSide side, const std::string& addr, uint16_t port = 227);
+
+    // The next request (bit 31 clear) of that action (any: every action) that
+    // arrived or arrives within `seconds`; nothing when none did.
+    std::optional<Message> next(double seconds, int32_t action = any);
+    // The same for responses (to the agent's own VERIFY requests).
+    std::optional<Message> next_response(double seconds, int32_t action = any);
+    // Whatever arrives within `seconds` goes to the queue; the queue emptied.
+    void drain(double seconds);
+    // Every datagram received so far, in order of arrival.
+    const std::vector<Message>& history() const { return history_; }
+    // Of those, the requests of one action.
+    std::vector<Message> requests(int32_t action) const;
+
+    // Answers to a request, to its sender and with its id.
+    bool reply(const Message& req, int32_t ans, int32_t err, const Bytes& body = {});
+    bool reply_query_positive(const Message& req, bool group, const std::string& owner);
+    bool reply_query_negative(const Message& req) { return reply(req, -1, 0); }
+    bool reply_add_accepted(const Message& req) { return reply(req, 0, 0); }
+    bool reply_add_refused(const Message& req, bool group, const std::string& owner);
+
+    // Requests of its own to the daemon's ENS port.
+    bool send_verify(const std::string& daemon, uint32_t id, const Bytes& name16,
+                     const std::string& address, uint16_t port = 228);
+    bool send_equiv(const std::string& daemon, uint32_t id,
+                    const std::vector<std::string>& addresses, uint16_t port = 228);
+    bool send_raw(const std::string& to, uint16_t port, const Bytes& bytes);
+
+    const std::string& address() const { return addr_; }
+
+private:
+    std::optional<Message> take(double seconds, int32_t action, bool response);
+
+    Lab* lab_ = nullptr;
+    int fd_ = -1;
+    std::string addr_;
+    std::deque<Message> queue_;     // received, not yet taken
+    std::vector<Message> history_;  // everything received
+};
+
+}  // namespace ndasim
