@@ -81,6 +81,8 @@ struct Reader {
 
 // One datagram received by the agent, decoded.
 struct Message {
+    // When the agent read it: exact only while the test is waiting in
+    // next(); a datagram that sat in the socket meanwhile looks later.
     Clock::time_point when;
     std::string from;
     uint16_t port = 0;
