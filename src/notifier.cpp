@@ -124,7 +124,18 @@ const char* notifier()
     ns_pid = getpid();
     if (tcfile != nullptr)
         fflush(tcfile);  // or the child would write the daemon's buffered lines again
+    // A hang-up sent before the relay has its handlers would end it without
+    // removing the FIFOs: it is held until they are in place.
+    sigset_t held, old_mask;
+    sigemptyset(&held);
+    for (int sig : vz_terminating)
+        sigaddset(&held, sig);
+    sigprocmask(SIG_BLOCK, &held, &old_mask);
     pid_t pid = fork();
+    if (pid > 0)
+        ntf_pid = pid;   // before a held termination runs dg_exit, which hangs it up
+    if (pid != 0)
+        sigprocmask(SIG_SETMASK, &old_mask, nullptr);
     if (pid < 0) {
         TRACE(proc, 1, "notifier: fork failed\n");
         close_fifos();
@@ -134,7 +145,6 @@ const char* notifier()
     }
 
     if (pid > 0) {
-        ntf_pid = pid;
         close_fifos();
         close(a[1]);
         close(b[0]);
@@ -155,6 +165,7 @@ const char* notifier()
     to_ns = a[1];
     alarm(0);
     ntf_signals();
+    sigprocmask(SIG_SETMASK, &old_mask, nullptr);
     ntf_process();
     ntf_exit(0);
 }

@@ -188,7 +188,7 @@ TEST_F(Fifo, TheRelayEndsWithTheDaemonAndRemovesTheFifos)
     // An orderly stop hangs the relay up.
     pid_t pid = lab.start_daemon();
     ASSERT_GT(pid, 0) << lab.last_error();
-    ASSERT_EQ(access("/var/opt/KORRbase/ns_serverfifo", F_OK), 0);
+    ASSERT_EQ(lab.halyardctl({"type"}), 0) << "the relay runs";
     int status = -1;
     ASSERT_TRUE(lab.stop_daemon(pid, 20.0, &status));
     EXPECT_TRUE(gone_within("/var/opt/KORRbase/ns_serverfifo", 20));
