@@ -99,8 +99,10 @@ int own_addresses(uint32_t* out)
 void wait_for(const uint8_t* name, uint32_t address, uint32_t op, uint32_t xid)
 {
     add_lu(name, address, op, l_id, xid);
-    // With the timer table full the record waits for a network answer only.
-    dg_timer(LOOKUP_WAIT, fail_lookup, l_id);
+    // With the timer table full nothing would end the wait: the client gets
+    // its "not found" now, and no record stays behind for good.
+    if (dg_timer(LOOKUP_WAIT, fail_lookup, l_id) < 0)
+        fail_lookup(l_id);
     l_id = l_id == INT32_MAX ? 0 : l_id + 1;   // long gone by the time it wraps
 }
 

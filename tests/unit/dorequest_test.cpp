@@ -363,6 +363,27 @@ TEST_F(Requests, AdapterStatusIsRefusedAnsweredOrTimedOut)
     EXPECT_EQ(responses(), (std::vector<std::string>{"1009 3 4 0 -6"}));
 }
 
+namespace {
+void no_op(int32_t) {}
+}  // namespace
+
+// Found by fuzzing: lookups beyond the timer table's room stayed listed for
+// good when no answer came, one record per request.
+TEST_F(Requests, LookupsWithoutRoomForATimerFailAtOnce)
+{
+    while (dg_timer(100, no_op, 0) == 0) {
+    }
+    send(NS_LOOKUP, 1, name16("FAR"));
+    do_request(SIGINT);
+    send(NS_ADAPSTAT, 2, stat_request(name16("*", 0), "10.88.0.9"));
+    do_request(SIGINT);
+    EXPECT_EQ(responses(), (std::vector<std::string>{"1004 1 72 0 -6", "1009 2 4 0 -6"}));
+    int32_t id = 0;
+    uint32_t xid = 0;
+    EXPECT_EQ(get_luname(name16("FAR").data(), &id, &xid), -1);
+    EXPECT_EQ(get_luaddr(inet_addr("10.88.0.9"), &id, &xid), -1);
+}
+
 TEST_F(Requests, EachNewNameIsClaimedTwiceOneSecondApart)
 {
     send(NS_ADDNAME, 1, with_flags(name16("ONE"), 0));

@@ -1,0 +1,44 @@
+// Configuration files through namelogin: the input is written as the file,
+// read with every setting cleared before and after, the log and the trace
+// written as they would be.
+#include <cstdio>
+
+#include "fuzz/fuzzenv.h"
+#include "nmtrace.h"
+#include "src/namelogin.h"
+
+namespace {
+
+constexpr const char* CONF_PATH = "/etc/opt/KORRbase/config.vz";
+FILE* devnull = nullptr;
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    fz_private_net();
+    fz_quiet();
+    devnull = fopen("/dev/null", "w");
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    if (size > 16384)
+        return -1;
+    FILE* f = fopen(CONF_PATH, "w");
+    if (f == nullptr)
+        __builtin_trap();
+    if (size > 0 && fwrite(data, 1, size, f) != size)
+        __builtin_trap();
+    fclose(f);
+    tcfile = devnull;
+    tc_proc = tc_err = 9;
+    name_settings_clear();
+    namelogin(CONF_PATH);
+    name_settings_clear();
+    tcfile = nullptr;
+    tc_proc = tc_err = 0;
+    fz_truncate_log();
+    return 0;
+}

@@ -1,0 +1,174 @@
+// ENS datagrams from the agents through ens_recv, with one agent configured
+// and one command of every kind waiting for its response. The ENS socket is
+// closed inside a private network namespace: the answers we send fail.
+//
+// Input: one option byte, then the datagram (at most 1500 bytes).
+//   bit 0  the sender is a stranger, not the agent
+//   bit 1  every trace level at 9
+// An id field below 16 is taken as an index: the id of the waiting command
+// made that many commands after the input began (1 to 7 are the waiting
+// ones), so that responses can find their command.
+#include <arpa/inet.h>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+
+#include "fuzz/fuzzenv.h"
+#include "nmtrace.h"
+#include "shr/uniinet.h"
+#include "src/cust.h"
+#include "src/delay.h"
+#include "src/dorequest.h"
+#include "src/ensrecv.h"
+#include "src/enstable.h"
+#include "src/getnpack.h"
+#include "src/maininit.h"
+#include "src/namecust.h"
+#include "src/namelogin.h"
+#include "src/ntable.h"
+#include "src/query.h"
+
+namespace {
+
+if_entry ifs[2];
+FILE* devnull = nullptr;
+uint8_t query_area[NPKT_AREA];
+uint8_t claim_area[NPKT_AREA];
+npkt query_pkt, claim_pkt;
+
+void name16(uint8_t* out, const char* text, uint8_t type = 0x20)
+{
+    memset(out, ' ', 16);
+    memcpy(out, text, strlen(text));
+    out[15] = type;
+}
+
+// Another station's query for REMOTE and its registration of CLAIMED, both
+// from 10.88.0.7, as decode_npack leaves them.
+void make_packets()
+{
+    uint8_t name[16];
+    npkt out;
+    name16(name, "REMOTE");
+    init_outpkt(&out, query_area, NT_QUERY, name);
+    build_query(&out, 0x1234, 0);
+    decode_npack(&query_pkt, query_area, out.size);
+    iantoua(&query_pkt.addr, inet_addr("10.88.0.7"), 137);
+
+    name16(name, "CLAIMED");
+    uint8_t* p = claim_area;
+    p[0] = 0x43;
+    p[1] = 0x21;
+    p[2] = NT_REGISTER | 0x01;   // RD
+    p[3] = 0x10;                 // B
+    fill_counts(p, 1, 0, 0, 1);
+    int off = 12 + fill_nbname(p + 12, name);
+    off += fill_quest_hdr(p + off, RR_NB, RR_IN);
+    p[off++] = 0xC0;
+    p[off++] = 12;
+    off += fill_rr_header(p + off, RR_NB, RR_IN, 300000, 6);
+    off += fill_rr_nb(p + off, 0, inet_addr("10.88.0.7"));
+    decode_npack(&claim_pkt, claim_area, off);
+    iantoua(&claim_pkt.addr, inet_addr("10.88.0.7"), 137);
+}
+
+void clear_enstable()
+{
+    for (int i = 0; i < 100000; i++) {
+        EnsAddr* a = ens_a_old(0, LONG_MAX);
+        if (a == nullptr)
+            break;
+        ens_free(a->host);
+    }
+}
+
+// Makes the seven waiting commands; the id the first one got, less one.
+uint32_t start_commands()
+{
+    DelayCmd* probe = dc_alloc();
+    uint32_t base = probe != nullptr ? probe->xid : 0;
+    delete probe;
+    uint8_t name[16];
+    uint32_t addrs[2] = {inet_addr("10.88.0.1"), inet_addr("10.88.1.1")};
+    name16(name, "FAR");
+    add_lu(name, 0, NS_LOOKUP, 1, 11);
+    nda_lquery(name, 1, 11);
+    name16(name, "HOST");
+    nda_add(name, 0, addrs, 1);
+    name16(name, "OLD");
+    nda_delete(name, addrs, 2);
+    nda_equiv(addrs, 2);
+    nda_purge(inet_addr("10.88.0.50"));
+    nda_query(&query_pkt);
+    nda_claim(&claim_pkt);
+    return base;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    fz_private_net();
+    fz_quiet();
+    fz_fake_clock();
+    fz_ntf_pipes();
+    devnull = fopen("/dev/null", "w");
+    ifs[0] = {inet_addr("10.88.0.1"), inet_addr("10.88.0.255"), inet_addr("255.255.255.0")};
+    ifs[1] = {inet_addr("10.88.1.1"), inet_addr("10.88.1.255"), inet_addr("255.255.255.0")};
+    my_addr = ifs;
+    my_addr_ct = 2;
+    transport_tcpip = 1;
+    nmport = 137;
+    ndport = 227;
+    ensport = 228;
+    nda_addr[0] = inet_addr("10.88.0.200");
+    nda_ct = 1;
+    for (const if_entry& e : ifs)
+        ens_a_add(e.addr, nullptr);
+    make_packets();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    if (size < 1 || size > 1 + 1500)
+        return -1;
+    uint8_t opt = data[0];
+    if (opt & 2) {
+        tcfile = devnull;
+        tc_in = tc_out = tc_proc = tc_err = 9;
+    }
+    uint8_t name[16];
+    name16(name, "HOST");
+    nt_add(name, 0);
+    name16(name, "TEAM", 0x1C);
+    nt_add(name, NT_GROUP);
+    uint32_t base = start_commands();
+
+    size_t len = size - 1;
+    uint8_t* bytes = len > 0 ? new uint8_t[len] : nullptr;
+    if (len > 0)
+        memcpy(bytes, data + 1, len);
+    if (len >= 8) {
+        uint32_t id = uint32_t(bytes[4] | bytes[5] << 8 | bytes[6] << 16 | uint32_t(bytes[7]) << 24);
+        if (id < 16) {
+            id += base;
+            for (int i = 0; i < 4; i++)
+                bytes[4 + i] = uint8_t(id >> (8 * i));
+        }
+    }
+    UniAddr sender{};
+    iantoua(&sender, (opt & 1) ? inet_addr("10.88.0.99") : nda_addr[0], ndport);
+    ens_recv(ens_fd, bytes, int(len), &sender);
+    delete[] bytes;
+
+    rm_lu(1);
+    fz_advance(70, 1);   // retries, waits and cached answers run out
+    fz_ntf_drain();
+    fz_clear_names();
+    clear_enstable();
+    tcfile = nullptr;
+    tc_in = tc_out = tc_proc = tc_err = 0;
+    fz_truncate_log();
+    return 0;
+}

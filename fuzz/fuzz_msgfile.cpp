@@ -1,0 +1,69 @@
+// Message files: the input is the file. msg_get and fixup_string read it
+// directly, then log_catmsg and print_catmsg use it as the site's message
+// file for messages whose default texts take strings, ints and a long.
+#include <cstdio>
+#include <cstring>
+#include <initializer_list>
+
+#include "fuzz/fuzzenv.h"
+#include "shr/logcatmsg.h"
+#include "shr/logging.h"
+
+namespace {
+
+constexpr const char* MSG_PATH = "/opt/KORRlibs/lib/kbsrvmsg";
+FILE* devnull = nullptr;
+
+void write_file(const uint8_t* data, size_t size)
+{
+    // The same file rewritten in place: the lookup keeps it open and
+    // rewinds it for every message.
+    FILE* f = fopen(MSG_PATH, "w");
+    if (f == nullptr)
+        __builtin_trap();
+    if (size > 0 && fwrite(data, 1, size, f) != size)
+        __builtin_trap();
+    fclose(f);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    fz_private_net();
+    fz_quiet();   // private /opt and the log in private /var/opt
+    devnull = fopen("/dev/null", "w");
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    if (size > 16384)
+        return -1;
+    FILE* mem = fmemopen(nullptr, size + 1, "w+");
+    if (mem == nullptr)
+        __builtin_trap();
+    if (size > 0)
+        fwrite(data, 1, size, mem);
+    fflush(mem);
+    for (int number : {-1, 0, 1, 7, 100, 185, 999})
+        msg_get(mem, LOG_SET, number, "default");
+    msg_get(mem, 0, 1, "default");
+    fclose(mem);
+
+    char* text = new char[size + 1];
+    memcpy(text, data, size);
+    text[size] = '\0';
+    fixup_string(text);
+    delete[] text;
+
+    write_file(data, size);
+    for (int number = 0; number < 8; number++) {
+        log_catmsg(LOG_SET, number, "%s: error in config file at line %d", "Halyard", 42);
+        print_catmsg(devnull, LOG_SET, number, "%s: cannot open %s (%ld, %u, %c)", "Halyard", "x.vz", 123456789L,
+                     7u, 'q');
+        print_catmsg(devnull, LOG_SET, number, "    expecting positive port number");
+    }
+    fz_truncate_log();
+    return 0;
+}

@@ -1,0 +1,117 @@
+// Name-service datagrams as the daemon receives them: decode_npack, then
+// process_npkt with local names, pending lookups and status requests, and
+// (by the first byte) agents configured and the trace on. Sends go to
+// closed sockets inside a private network namespace.
+//
+// Input: one option byte, then the datagram (at most 1500 bytes).
+//   bit 0  one agent configured      bit 1  the sender is our own address
+//   bit 2  every trace level at 9    bit 3  the sender is off our subnets
+//   bit 4  lookups are not strict
+#include <arpa/inet.h>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+
+#include "fuzz/fuzzenv.h"
+#include "nmtrace.h"
+#include "shr/uniinet.h"
+#include "src/dorequest.h"
+#include "src/enstable.h"
+#include "src/getnpack.h"
+#include "src/maininit.h"
+#include "src/namelogin.h"
+#include "src/nbndgio.h"
+#include "src/ntable.h"
+#include "src/service.h"
+
+namespace {
+
+if_entry ifs[2];
+FILE* devnull = nullptr;
+
+void name16(uint8_t* out, const char* text, uint8_t type)
+{
+    memset(out, ' ', 16);
+    memcpy(out, text, strlen(text));
+    out[15] = type;
+}
+
+// The hosts learnt from status answers: gone before the next input.
+void clear_enstable()
+{
+    for (int i = 0; i < 100000; i++) {
+        EnsAddr* a = ens_a_old(0, LONG_MAX);
+        if (a == nullptr)
+            break;
+        ens_free(a->host);
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    fz_private_net();
+    fz_quiet();
+    fz_fake_clock();
+    fz_ntf_pipes();
+    devnull = fopen("/dev/null", "w");
+    ifs[0] = {inet_addr("10.88.0.1"), inet_addr("10.88.0.255"), inet_addr("255.255.255.0")};
+    ifs[1] = {inet_addr("10.88.1.1"), inet_addr("10.88.1.255"), inet_addr("255.255.255.0")};
+    my_addr = ifs;
+    my_addr_ct = 2;
+    transport_tcpip = 1;
+    nmport = 137;
+    ndport = 227;
+    ensport = 228;
+    for (const if_entry& e : ifs)
+        ens_a_add(e.addr, nullptr);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    if (size < 1 || size > 1 + NPKT_AREA)
+        return -1;
+    uint8_t opt = data[0];
+    nda_ct = opt & 1;
+    nda_addr[0] = inet_addr("10.88.0.200");
+    strict = (opt & 16) ? 0 : 1;
+    if (opt & 4) {
+        tcfile = devnull;
+        tc_in = tc_out = tc_proc = tc_err = 9;
+    }
+    uint8_t name[16];
+    name16(name, "HOST", 0x20);
+    nt_add(name, 0);
+    name16(name, "TEAM", 0x1C);
+    nt_add(name, NT_GROUP);
+    name16(name, "NEWNAME", 0x20);
+    nt_add(name, NT_PENDING);
+    name16(name, "FAR", 0x20);
+    add_lu(name, 0, NS_LOOKUP, 1, 11);
+    add_lu(name, inet_addr("10.88.0.7"), NS_ADAPSTAT, 2, 12);
+
+    // An exact copy: a read past the datagram is a read past the buffer.
+    npkt rec{};
+    int len = int(size - 1);
+    uint8_t* bytes = new uint8_t[size_t(len) + 1];
+    memcpy(bytes, data + 1, size_t(len));
+    if (decode_npack(&rec, bytes, len) >= 0) {
+        const char* from = (opt & 2) ? "10.88.0.1" : (opt & 8) ? "192.0.2.9" : "10.88.0.7";
+        iantoua(&rec.addr, inet_addr(from), 137);
+        process_npkt(&rec);
+    }
+    delete[] bytes;
+
+    rm_lu(1);
+    rm_lu(2);
+    fz_advance(40, 1);   // claims, retries and waits run out
+    fz_ntf_drain();
+    fz_clear_names();
+    clear_enstable();
+    tcfile = nullptr;
+    tc_in = tc_out = tc_proc = tc_err = 0;
+    fz_truncate_log();
+    return 0;
+}

@@ -1,0 +1,36 @@
+// The readers of name-service responses on a datagram of up to 1500 bytes:
+// find_ip_rfc and find_as_rfc (the client library's and the daemon's), and
+// find_flags and find_type of the decoder.
+#include <cstring>
+
+#include "fuzz/fuzzenv.h"
+#include "src/getnpack.h"
+
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    fz_private_net();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    if (size > NPKT_AREA)
+        return -1;
+    // An exact copy, and a null pointer for the empty datagram.
+    uint8_t* bytes = size > 0 ? new uint8_t[size] : nullptr;
+    if (size > 0)
+        memcpy(bytes, data, size);
+    int len = int(size);
+    uint32_t addr = 0;
+    int group = 0;
+    find_ip_rfc(bytes, len, &addr, &group);
+    static as_stats st;
+    static as_name recs[AS_MAXNAMES];
+    int n = find_as_rfc(bytes, len, &st, recs);
+    if (n > AS_MAXNAMES)
+        __builtin_trap();   // more names than the room it was given
+    find_flags(bytes, len);
+    find_type(bytes, len);
+    delete[] bytes;
+    return 0;
+}

@@ -1,0 +1,72 @@
+// Client messages as the notifier hands them on: the bytes go into the
+// daemon's request pipe and do_request reads and answers them, interrupt
+// after interrupt, until the pipe is empty. Responses are read and dropped.
+// The name-service socket is closed inside a private network namespace.
+//
+// Input: one option byte, then the stream (at most 64 KiB).
+//   bit 0  one agent configured      bit 1  every trace level at 9
+#include <arpa/inet.h>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+
+#include "fuzz/fuzzenv.h"
+#include "nmtrace.h"
+#include "src/dorequest.h"
+#include "src/maininit.h"
+#include "src/namelogin.h"
+#include "src/ntable.h"
+
+namespace {
+
+if_entry ifs[2];
+FILE* devnull = nullptr;
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    fz_private_net();
+    fz_quiet();
+    fz_fake_clock();
+    fz_ntf_pipes();
+    devnull = fopen("/dev/null", "w");
+    ifs[0] = {inet_addr("10.88.0.1"), inet_addr("10.88.0.255"), inet_addr("255.255.255.0")};
+    ifs[1] = {inet_addr("10.88.1.1"), inet_addr("10.88.1.255"), inet_addr("255.255.255.0")};
+    my_addr = ifs;
+    my_addr_ct = 2;
+    transport_tcpip = 1;
+    nmport = 137;
+    ssport = 139;
+    ndport = 227;
+    ensport = 228;
+    nda_addr[0] = inet_addr("10.88.0.200");
+    strcpy(nb_scope, "sales.corp");
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    if (size < 1 || size > 1 + 65536)
+        return -1;
+    uint8_t opt = data[0];
+    nda_ct = opt & 1;
+    if (opt & 2) {
+        tcfile = devnull;
+        tc_in = tc_out = tc_proc = tc_err = 9;
+    }
+    fz_ntf_feed(data + 1, size - 1);
+    // Each interrupt reads until a lookup or a status request; a request
+    // cut short ends the pass.
+    for (int i = 0; i < 4096 && fz_ntf_pending(); i++) {
+        do_request(SIGINT);
+        fz_ntf_drain();
+    }
+    fz_advance(20, 1);   // claim cycles and lookup time-outs run out
+    fz_ntf_drain();
+    fz_clear_names();
+    tcfile = nullptr;
+    tc_in = tc_out = tc_proc = tc_err = 0;
+    fz_truncate_log();
+    return 0;
+}

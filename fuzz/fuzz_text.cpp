@@ -1,0 +1,65 @@
+// Texts and wire domains, the first byte choosing the reader (modulo 3):
+//   0  uni_aton on the rest as a text, its result back through uni_ntoa
+//   1  nm_strtonb on the rest as a text, its result back through nm_nbtostr
+//   2  d_to_vd: the second byte the output room (1 to 256), the rest the
+//      wire domain, zero-padded to room + 1 bytes, the most it may read
+#include <algorithm>
+#include <cstring>
+
+#include "fuzz/fuzzenv.h"
+#include "misc/nencode.h"
+#include "shr/uniconv.h"
+
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    fz_private_net();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    if (size < 1 || size > 4096)
+        return -1;
+    int which = data[0] % 3;
+    if (which == 2) {
+        if (size < 2)
+            return -1;
+        int room = data[1] + 1;
+        size_t len = size - 2;
+        size_t have = std::max(len, size_t(room) + 1);
+        uint8_t* in = new uint8_t[have]();
+        memcpy(in, data + 2, len);
+        char* out = new char[size_t(room)];
+        if (d_to_vd(out, in, room) == 0 && strlen(out) >= size_t(room))
+            __builtin_trap();   // the text and its zero byte must fit
+        delete[] out;
+        delete[] in;
+        return 0;
+    }
+    // The text as its callers pass it: NUL-terminated, nothing after it.
+    char* text = new char[size];
+    memcpy(text, data + 1, size - 1);
+    text[size - 1] = '\0';
+    if (which == 0) {
+        const UniAddr* ua = uni_aton(text);
+        if (ua != nullptr) {
+            if (ua->len > UNI_MAXADDR)
+                __builtin_trap();
+            UniAddr copy = *ua;
+            const char* back = uni_ntoa(&copy);
+            if (strlen(back) >= UNI_TEXTSIZE)
+                __builtin_trap();
+            uni_aton(back);
+        }
+    } else {
+        uint8_t name[NB_NAMELEN];
+        if (nm_strtonb(name, text) == 0) {
+            char back[NM_TEXTSIZE];
+            nm_nbtostr(back, name);
+            if (strlen(back) >= NM_TEXTSIZE)
+                __builtin_trap();
+        }
+    }
+    delete[] text;
+    return 0;
+}

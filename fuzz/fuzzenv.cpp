@@ -1,0 +1,149 @@
+#include "fuzz/fuzzenv.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <initializer_list>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "nmtrace.h"
+#include "shr/logging.h"
+#include "src/maininit.h"
+#include "src/namecust.h"
+#include "src/notifier.h"
+#include "src/ntable.h"
+
+namespace {
+
+constexpr const char* LOG_PATH = "/var/opt/KORRbase/log.nb";
+
+time_t fake_now = 1000000;
+time_t fake_time() { return fake_now; }
+unsigned fake_alarm(unsigned) { return 0; }
+
+int to_daemon = -1;
+int from_daemon = -1;
+bool dirs_private = false;
+
+[[noreturn]] void die(const char* what)
+{
+    fprintf(stderr, "fuzzenv: %s: %s\n", what, strerror(errno));
+    abort();
+}
+
+}  // namespace
+
+void fz_private_net()
+{
+    if (unshare(CLONE_NEWNET) != 0)
+        die("unshare(CLONE_NEWNET) (the harness runs only as root, off the machine's network)");
+    // The sockets of the daemon stay closed: sends fail, nothing is sent.
+    dg_fd = -1;
+    ens_fd = -1;
+}
+
+void fz_private_dirs()
+{
+    if (unshare(CLONE_NEWNS) != 0)
+        die("unshare(CLONE_NEWNS)");
+    // Nothing mounted from here on may reach the machine's namespace.
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+        die("mount --make-rprivate /");
+    for (const char* place : {"/etc/opt", "/var/opt", "/opt"}) {
+        if (mount("halyard-fuzz", place, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755,size=16m") != 0)
+            die(place);
+    }
+    for (const char* dir : {"/etc/opt/KORRbase", "/var/opt/KORRbase", "/var/opt/KORRbase/rtdb", "/opt/KORRlibs",
+                            "/opt/KORRlibs/lib"}) {
+        if (mkdir(dir, 0755) != 0)
+            die(dir);
+    }
+    dirs_private = true;
+}
+
+void fz_quiet()
+{
+    if (tcfile != nullptr)
+        fclose(tcfile);
+    tcfile = nullptr;
+    tc_in = tc_out = tc_proc = tc_lock = tc_err = tc_nblib = 0;
+    if (!dirs_private)
+        fz_private_dirs();
+    open_log(LOG_PATH);
+}
+
+void fz_truncate_log()
+{
+    // The log is opened and closed for each message: emptying the file
+    // keeps it small.
+    if (truncate(LOG_PATH, 0) != 0 && errno != ENOENT)
+        die("truncate log");
+}
+
+void fz_fake_clock()
+{
+    dg_set_clock(fake_time, fake_alarm);
+}
+
+void fz_advance(int seconds, int step)
+{
+    for (int done = 0; done < seconds; done += step) {
+        fake_now += step;
+        check_calls(fake_now);
+    }
+}
+
+time_t fz_now()
+{
+    return fake_now;
+}
+
+void fz_ntf_pipes()
+{
+    int a[2], b[2];
+    if (pipe(a) != 0 || pipe(b) != 0)
+        die("pipe");
+    from_ntf = a[0];
+    to_daemon = a[1];
+    to_ntf = b[1];
+    from_daemon = b[0];
+    for (int fd : {from_ntf, to_daemon, to_ntf, from_daemon}) {
+        if (fcntl(fd, F_SETFL, O_NONBLOCK) != 0)
+            die("fcntl O_NONBLOCK");
+    }
+    // Room for a long listing; a response that still does not fit is lost,
+    // as the daemon's unchecked write would lose it.
+    fcntl(to_ntf, F_SETPIPE_SZ, 1 << 20);
+    fcntl(from_ntf, F_SETPIPE_SZ, 1 << 20);
+}
+
+size_t fz_ntf_feed(const uint8_t* data, size_t size)
+{
+    ssize_t n = size > 0 ? write(to_daemon, data, size) : 0;
+    return n > 0 ? size_t(n) : 0;
+}
+
+void fz_ntf_drain()
+{
+    static uint8_t sink[65536];
+    while (read(from_daemon, sink, sizeof sink) > 0) {
+    }
+}
+
+bool fz_ntf_pending()
+{
+    int n = 0;
+    return ioctl(from_ntf, FIONREAD, &n) == 0 && n > 0;
+}
+
+void fz_clear_names()
+{
+    while (n_table != nullptr)
+        nt_del(n_table->name);
+}

@@ -1,0 +1,42 @@
+#pragma once
+
+// The set-up the fuzz harnesses share: a private network namespace (only a
+// loopback that is down), private empty places for the daemon's files, a
+// clock of our own for the timer table, and the daemon's relay pipes.
+// Every helper aborts when it cannot do its part: a harness must never run
+// on the machine's own network or directories.
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+
+// Leaves the machine's network: unshare(CLONE_NEWNET), abort on failure.
+void fz_private_net();
+// A new mount namespace with fresh tmpfs mounts over /etc/opt, /var/opt and
+// /opt, and the daemon's directories below them; abort on failure.
+void fz_private_dirs();
+// Trace file closed, log written to a file in /var/opt/KORRbase (made
+// private first) that fz_truncate_log empties, so the log's formatting runs.
+void fz_quiet();
+void fz_truncate_log();
+
+// The timer table on a fake clock whose alarm never arms.
+void fz_fake_clock();
+// Moves the fake clock on by seconds and runs every timer due, step by step,
+// so that retries and time-outs run their course.
+void fz_advance(int seconds, int step);
+time_t fz_now();
+
+// The daemon's ends of the relay pipes (from_ntf non-blocking, to_ntf
+// non-blocking with a large buffer); fz_ntf_feed writes a request stream
+// (at most the pipe's room), fz_ntf_drain discards every response waiting.
+void fz_ntf_pipes();
+size_t fz_ntf_feed(const uint8_t* data, size_t size);
+void fz_ntf_drain();
+bool fz_ntf_pending();  // request bytes still wait in the pipe
+
+// Empties the local name table.
+void fz_clear_names();
