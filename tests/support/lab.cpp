@@ -21,6 +21,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <gtest/gtest.h>
+
 #include "tests/support/paths.h"
 
 namespace {
@@ -255,6 +257,12 @@ std::string lab_describe_status(int wstatus)
 Lab::~Lab()
 {
     kill_leftovers();
+    reap();
+    // Every process of the lab has ended now, so every report is complete.
+    std::string reports = sanitizer_reports();
+    if (!reports.empty())
+        ADD_FAILURE() << "sanitizer findings in the lab:\n" << reports;
+    end_sanitizer_reports();
     for (int fd : sockets_)
         close(fd);
     // The namespaces end with their last descriptor; their veths go with them.
@@ -280,6 +288,9 @@ std::string Lab::setup(int stations)
         return "a lab has one or two stations";
     if (mounted_)
         return "lab set up twice";
+    why = setup_sanitizer_reports();
+    if (!why.empty())
+        return why;
     const char* ip = find_ip();
     if (ip == nullptr)
         return "the ip command (iproute2) is not installed";
@@ -500,8 +511,89 @@ void Lab::reap()
 {
     int status = 0;
     pid_t r;
-    for (int i = 0; i < 1000 && (r = waitpid(-1, &status, WNOHANG)) > 0; ++i)
+    for (int i = 0; i < 1000 && (r = waitpid(-1, &status, WNOHANG)) > 0; ++i) {
+        // Noted here, whoever asks for the status later.
+        if (WIFEXITED(status) && WEXITSTATUS(status) == lab_sanitizer_status)
+            sanitizer_exits_ += "process " + std::to_string(r) + " exited with status " +
+                                std::to_string(lab_sanitizer_status) + " (a sanitizer's finding)\n";
         exits_.emplace_back(r, status);
+    }
+}
+
+namespace {
+constexpr const char* sanitizer_vars[2] = {"ASAN_OPTIONS", "UBSAN_OPTIONS"};
+}  // namespace
+
+std::string Lab::setup_sanitizer_reports()
+{
+    const char* tmp = getenv("TMPDIR");
+    std::string templ = std::string(tmp != nullptr && tmp[0] == '/' ? tmp : "/tmp") +
+                        "/halyard-lab-reports.XXXXXX";
+    std::vector<char> path(templ.begin(), templ.end());
+    path.push_back('\0');
+    if (mkdtemp(path.data()) == nullptr)
+        return errtext("mkdtemp for the sanitizer reports");
+    report_dir_ = path.data();
+    // A daemon started as another user writes its report here as well.
+    if (chmod(report_dir_.c_str(), 01777) != 0)
+        return errtext("chmod of the sanitizer report directory");
+    // Later options override earlier ones; unsanitized programs ignore both.
+    // UBSan's log_path names the same files: in a build with both, it
+    // reaches ASan's report path.
+    std::string extra = ":log_path=" + report_dir_ + "/report:exitcode=" +
+                        std::to_string(lab_sanitizer_status);
+    for (int i = 0; i < 2; ++i) {
+        const char* old = getenv(sanitizer_vars[i]);
+        had_env_[i] = old != nullptr;
+        saved_env_[i] = old != nullptr ? old : "";
+        std::string value = saved_env_[i] + extra;
+        if (setenv(sanitizer_vars[i], value.c_str(), 1) != 0)
+            return errtext("setenv");
+    }
+    return "";
+}
+
+std::string Lab::sanitizer_reports()
+{
+    reap();
+    std::string text = sanitizer_exits_;
+    if (report_dir_.empty())
+        return text;
+    if (DIR* d = opendir(report_dir_.c_str())) {
+        while (dirent* e = readdir(d)) {
+            if (e->d_name[0] == '.')
+                continue;
+            std::string file = report_dir_ + "/" + e->d_name;
+            std::string report = lab_read_file(file);
+            if (report.size() > 16384)
+                report = report.substr(0, 16384) + "\n[... cut]\n";
+            text += "--- " + file + "\n" + report;
+        }
+        closedir(d);
+    }
+    return text;
+}
+
+void Lab::end_sanitizer_reports()
+{
+    if (report_dir_.empty())
+        return;
+    // Only the files the sanitizers wrote; nothing can be mounted here.
+    if (DIR* d = opendir(report_dir_.c_str())) {
+        while (dirent* e = readdir(d)) {
+            if (e->d_name[0] != '.')
+                unlink((report_dir_ + "/" + e->d_name).c_str());
+        }
+        closedir(d);
+    }
+    rmdir(report_dir_.c_str());
+    report_dir_.clear();
+    for (int i = 0; i < 2; ++i) {
+        if (had_env_[i])
+            setenv(sanitizer_vars[i], saved_env_[i].c_str(), 1);
+        else
+            unsetenv(sanitizer_vars[i]);
+    }
 }
 
 bool Lab::wait_exit(pid_t pid, double seconds, int* wstatus, pid_t* which)

@@ -27,6 +27,15 @@
 //       auto answer = lab.recv(fd, 10.0);
 //   }
 // Every wait is bounded by a deadline in seconds; nothing asserts on speed.
+//
+// Sanitizer reports: the daemon's descriptors 0 to 2 lead to /dev/null once
+// it has detached, so a sanitized build's report would vanish. Each lab
+// points the sanitizers of every program it starts (the daemon, its
+// notifier, halyardctl) at a report directory of its own and makes them end
+// a process with lab_sanitizer_status. The lab's destructor fails the
+// running test when a report file appeared or a process of the lab ended
+// with that status (UBSan in a build with ASan writes only to descriptor 2,
+// so for it the status is all that shows).
 
 #include <sys/types.h>
 
@@ -44,6 +53,9 @@ inline constexpr const char* lab_plist_path =
 
 // The network namespaces of a lab.
 enum LabSide { lab_daemon = 0, lab_station1 = 1, lab_station2 = 2 };
+
+// The exit status the lab gives the sanitizers for a finding.
+inline constexpr int lab_sanitizer_status = 66;
 
 struct LabDatagram {
     std::vector<uint8_t> bytes;
@@ -153,6 +165,10 @@ public:
     static const char* station_addr(int station) { return station == 2 ? "10.89.0.2" : "10.88.0.2"; }
     static const char* daemon_ifname(int station) { return station == 2 ? "hd1" : "hd0"; }
 
+    // The sanitizer reports so far: each report file's name and text, and
+    // each reaped process that ended with lab_sanitizer_status; "" if none.
+    std::string sanitizer_reports();
+
     const std::string& last_error() const { return error_; }
     int stations() const { return stations_; }
 
@@ -160,6 +176,8 @@ private:
     int ns_fd(LabSide side) const;
     void reap();
     void kill_leftovers();
+    std::string setup_sanitizer_reports();
+    void end_sanitizer_reports();
 
     bool mounted_ = false;
     bool config_written_ = false;
@@ -168,6 +186,10 @@ private:
     int station_ns_[2] = {-1, -1};
     std::vector<int> sockets_;
     std::vector<std::pair<pid_t, int>> exits_;   // reaped, not yet reported
+    std::string report_dir_;                     // sanitizers' log_path directory
+    std::string sanitizer_exits_;                // processes ended by a sanitizer
+    std::string saved_env_[2];                   // ASAN_OPTIONS, UBSAN_OPTIONS before
+    bool had_env_[2] = {false, false};
     std::string error_;
 };
 
