@@ -896,19 +896,6 @@ TEST_F(EnsLabOne, OneInterfaceSendsNoEquivAndAnswersNoProxyQueries)
 // ---------------------------------------------------------------------------
 // Bad input on the ENS port.
 
-// A small deterministic generator, so a failure can be reproduced.
-struct Rng {
-    uint32_t state;
-    uint32_t next()
-    {
-        state ^= state << 13;
-        state ^= state >> 17;
-        state ^= state << 5;
-        return state;
-    }
-    uint32_t below(uint32_t n) { return n == 0 ? 0 : next() % n; }
-};
-
 TEST_F(EnsLab, MalformedEnsDatagramsAreDroppedAndTheDaemonKeepsServing)
 {
     Agent agent;
