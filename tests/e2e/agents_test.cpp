@@ -129,6 +129,9 @@ TEST_F(AgentSim, EncodesAndDecodesTheWireForm)
     ndasim::put_string(s, "ab");
     ndasim::put_block(s, {7, 7});
     EXPECT_EQ(s, (Bytes{'a', 'b', 0, 0, 7, 7}));
+    // An ip item whose pad byte is not zero is not the wire form.
+    EXPECT_TRUE(ndasim::decode(ndasim::datagram(8, ndasim::purge, 0, 0, {4, 10, 88, 0, 1, 0})).body_ok);
+    EXPECT_FALSE(ndasim::decode(ndasim::datagram(8, ndasim::purge, 0, 0, {4, 10, 88, 0, 1, 7})).body_ok);
 }
 
 // ---------------------------------------------------------------------------
