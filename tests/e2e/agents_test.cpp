@@ -129,6 +129,9 @@ TEST_F(AgentSim, EncodesAndDecodesTheWireForm)
     ndasim::put_string(s, "ab");
     ndasim::put_block(s, {7, 7});
     EXPECT_EQ(s, (Bytes{'a', 'b', 0, 0, 7, 7}));
+    // An ip item whose pad byte is not zero is not the wire form.
+    EXPECT_TRUE(ndasim::decode(ndasim::datagram(8, ndasim::purge, 0, 0, {4, 10, 88, 0, 1, 0})).body_ok);
+    EXPECT_FALSE(ndasim::decode(ndasim::datagram(8, ndasim::purge, 0, 0, {4, 10, 88, 0, 1, 7})).body_ok);
 }
 
 // ---------------------------------------------------------------------------
@@ -254,6 +257,32 @@ protected:
         return lab.start_daemon({"-z", "proc=5"});
     }
 
+    // The usual start: one agent on station 1, a socket at station 1's
+    // name-service port when `station` is given, the daemon with that agent
+    // (interfaces reversed if asked), and with two interfaces the start-up
+    // EQUIV checked and answered, so that it is not sent again.
+    ::testing::AssertionResult start_with_agent(Agent& agent, int* station, bool reversed = false)
+    {
+        if (auto opened = open_agent(agent, 1); !opened)
+            return opened;
+        if (station != nullptr && (*station = lab.udp_socket(lab_station1, 137)) < 0)
+            return ::testing::AssertionFailure() << "station socket: " << lab.last_error();
+        if (start({"10.88.0.5"}, "", reversed) <= 0)
+            return ::testing::AssertionFailure() << "daemon: " << lab.last_error();
+        if (lab.stations() < 2)
+            return ::testing::AssertionSuccess();
+        // Their equivalence, in the order of the configuration.
+        Addrs want = reversed ? Addrs{"10.89.0.1", "10.88.0.1"} : Addrs{"10.88.0.1", "10.89.0.1"};
+        auto m = agent.next(20.0, ndasim::equiv);
+        if (!m)
+            return ::testing::AssertionFailure() << "no EQUIV at start\n" << lab.trace();
+        if (!m->body_ok || m->addrs != want)
+            return ::testing::AssertionFailure() << "EQUIV at start: " << m->describe();
+        if (!agent.reply(*m, 0, 0))
+            return ::testing::AssertionFailure() << "reply failed";
+        return ::testing::AssertionSuccess();
+    }
+
     // The ENS table as the daemon dumps it into its trace: one line per name
     // entry, "name  addr addr".
     std::vector<std::string> ens_table()
@@ -352,26 +381,10 @@ protected:
     void SetUp() override { LAB_SETUP_OR_SKIP(lab, 1); }
 };
 
-// The answer to a start-up EQUIV, so that it is not sent again.
-::testing::AssertionResult take_start_equiv(Agent& agent, const Addrs& want)
-{
-    auto m = agent.next(20.0, ndasim::equiv);
-    if (!m)
-        return ::testing::AssertionFailure() << "no EQUIV at start";
-    if (!m->body_ok || m->addrs != want)
-        return ::testing::AssertionFailure() << "EQUIV at start: " << m->describe();
-    if (!agent.reply(*m, 0, 0))
-        return ::testing::AssertionFailure() << "reply failed";
-    return ::testing::AssertionSuccess();
-}
-
 TEST_F(EnsLab, LocalNamesAreRegisteredAtTheAgentAndGivenUpWhenItKnowsAnotherOwner)
 {
     Agent agent;
-    ASSERT_TRUE(open_agent(agent, 1));
-    ASSERT_GT(start({"10.88.0.5"}), 0) << lab.last_error();
-    // Two interfaces: their equivalence, in the order of the configuration.
-    ASSERT_TRUE(take_start_equiv(agent, {"10.88.0.1", "10.89.0.1"})) << lab.trace();
+    ASSERT_TRUE(start_with_agent(agent, nullptr));
 
     struct Case {
         const char* arg;
@@ -439,11 +452,8 @@ TEST_F(EnsLab, LocalNamesAreRegisteredAtTheAgentAndGivenUpWhenItKnowsAnotherOwne
 TEST_F(EnsLab, LookupsAskTheAgentAndKeepItsAnswersForAMinute)
 {
     Agent agent;
-    ASSERT_TRUE(open_agent(agent, 1));
-    int watch = lab.udp_socket(lab_station1, 137);
-    ASSERT_GE(watch, 0) << lab.last_error();
-    ASSERT_GT(start({"10.88.0.5"}), 0) << lab.last_error();
-    ASSERT_TRUE(take_start_equiv(agent, {"10.88.0.1", "10.89.0.1"})) << lab.trace();
+    int watch = -1;
+    ASSERT_TRUE(start_with_agent(agent, &watch));
 
     // An unknown name: a QUERY to the agent and a broadcast query; the
     // agent's answer reaches the client.
@@ -589,12 +599,9 @@ TEST_F(EnsLab, ACommandGoesTwiceToEachAgentThreeSecondsApartThenIsGivenUp)
 TEST_F(EnsLab, VerifyAndEquivRequestsOfTheAgent)
 {
     Agent agent;
-    ASSERT_TRUE(open_agent(agent, 1));
-    int station = lab.udp_socket(lab_station1, 137);
-    ASSERT_GE(station, 0) << lab.last_error();
+    int station = -1;
     // The interfaces in the other order: the start-up EQUIV follows it.
-    ASSERT_GT(start({"10.88.0.5"}, "", true), 0) << lab.last_error();
-    ASSERT_TRUE(take_start_equiv(agent, {"10.89.0.1", "10.88.0.1"})) << lab.trace();
+    ASSERT_TRUE(start_with_agent(agent, &station, true));
     ASSERT_EQ(lab.halyardctl({"add", "fileserv<20>"}), 0);
     auto add = agent.next(20.0, ndasim::add);
     ASSERT_TRUE(add.has_value()) << lab.trace();
@@ -695,11 +702,8 @@ TEST_F(EnsLab, AnEnsClientWithoutAgentsBroadcastsItsAddressesOnce)
 TEST_F(EnsLab, ClaimsOfOtherStationsAreCheckedAtTheAgent)
 {
     Agent agent;
-    ASSERT_TRUE(open_agent(agent, 1));
-    int station = lab.udp_socket(lab_station1, 137);
-    ASSERT_GE(station, 0) << lab.last_error();
-    ASSERT_GT(start({"10.88.0.5"}), 0) << lab.last_error();
-    ASSERT_TRUE(take_start_equiv(agent, {"10.88.0.1", "10.89.0.1"})) << lab.trace();
+    int station = -1;
+    ASSERT_TRUE(start_with_agent(agent, &station));
 
     // Refused: defended on the owner's behalf, the owner's address in the answer.
     ASSERT_TRUE(lab.send_to(station, "10.88.0.255", 137,
@@ -751,11 +755,8 @@ TEST_F(EnsLab, ClaimsOfOtherStationsAreCheckedAtTheAgent)
 TEST_F(EnsLab, HostsAreLearnedFromStatusAnswersAndForgottenByTheirReleases)
 {
     Agent agent;
-    ASSERT_TRUE(open_agent(agent, 1));
-    int station = lab.udp_socket(lab_station1, 137);
-    ASSERT_GE(station, 0) << lab.last_error();
-    ASSERT_GT(start({"10.88.0.5"}), 0) << lab.last_error();
-    ASSERT_TRUE(take_start_equiv(agent, {"10.88.0.1", "10.89.0.1"})) << lab.trace();
+    int station = -1;
+    ASSERT_TRUE(start_with_agent(agent, &station));
     const Bytes perm2 = ndasim::permanent_name("10.88.0.2");
     const Bytes perm3 = ndasim::permanent_name("10.88.0.3");
 
@@ -864,10 +865,8 @@ TEST_F(EnsLab, HostsAreLearnedFromStatusAnswersAndForgottenByTheirReleases)
 TEST_F(EnsLabOne, OneInterfaceSendsNoEquivAndAnswersNoProxyQueries)
 {
     Agent agent;
-    ASSERT_TRUE(open_agent(agent, 1));
-    int station = lab.udp_socket(lab_station1, 137);
-    ASSERT_GE(station, 0) << lab.last_error();
-    ASSERT_GT(start({"10.88.0.5"}), 0) << lab.last_error();
+    int station = -1;
+    ASSERT_TRUE(start_with_agent(agent, &station));
 
     // A host learned from its status: its names are registered.
     ASSERT_TRUE(lab.send_to(station, "10.88.0.1", 137,
@@ -895,19 +894,6 @@ TEST_F(EnsLabOne, OneInterfaceSendsNoEquivAndAnswersNoProxyQueries)
 
 // ---------------------------------------------------------------------------
 // Bad input on the ENS port.
-
-// A small deterministic generator, so a failure can be reproduced.
-struct Rng {
-    uint32_t state;
-    uint32_t next()
-    {
-        state ^= state << 13;
-        state ^= state >> 17;
-        state ^= state << 5;
-        return state;
-    }
-    uint32_t below(uint32_t n) { return n == 0 ? 0 : next() % n; }
-};
 
 TEST_F(EnsLab, MalformedEnsDatagramsAreDroppedAndTheDaemonKeepsServing)
 {

@@ -3,6 +3,7 @@
 // defences, node status, and a burst of malformed datagrams.
 
 #include "tests/support/lab.h"
+#include "tests/support/nswire.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -16,8 +17,6 @@
 #include <vector>
 
 namespace {
-
-using Bytes = std::vector<uint8_t>;
 
 void put16(Bytes& b, uint16_t v)
 {
@@ -649,19 +648,6 @@ TEST_F(Wire, LocalLookupsAndStatusRequestsGoOnTheWire)
     EXPECT_NE(out.find("WORKGROUP"), std::string::npos) << out;
     EXPECT_NE(out.find("good sends 5"), std::string::npos) << out;
 }
-
-// A small deterministic generator, so a failure can be reproduced.
-struct Rng {
-    uint32_t state;
-    uint32_t next()
-    {
-        state ^= state << 13;
-        state ^= state >> 17;
-        state ^= state << 5;
-        return state;
-    }
-    uint32_t below(uint32_t n) { return n == 0 ? 0 : next() % n; }
-};
 
 TEST_F(Wire, MalformedDatagramsDoNotStopTheService)
 {

@@ -69,6 +69,42 @@ Bytes datagram(uint32_t id, uint32_t action, int32_t ans, int32_t err, const Byt
     return b;
 }
 
+Bytes cat(std::initializer_list<Bytes> parts)
+{
+    Bytes all;
+    for (const Bytes& p : parts)
+        all.insert(all.end(), p.begin(), p.end());
+    return all;
+}
+
+Bytes int_item(int32_t v)
+{
+    Bytes b;
+    put_int(b, v);
+    return b;
+}
+
+Bytes name_item(const Bytes& name16)
+{
+    Bytes b;
+    put_name(b, name16);
+    return b;
+}
+
+Bytes ip_item(const std::string& dotted)
+{
+    Bytes b;
+    put_ip(b, dotted);
+    return b;
+}
+
+Bytes addr_list(const std::vector<std::string>& dotted)
+{
+    Bytes b;
+    put_addr_list(b, dotted);
+    return b;
+}
+
 Bytes nb_name(const std::string& text, uint8_t type)
 {
     Bytes n(16, ' ');
@@ -135,8 +171,8 @@ Bytes Reader::get_name()
 
 std::string Reader::get_ip()
 {
-    // The length byte, four address bytes and the pad: six in all.
-    if (left() < 6 || b[at] != 4) {
+    // The length byte, four address bytes and the pad (zero): six in all.
+    if (left() < 6 || b[at] != 4 || b[at + 5] != 0) {
         ok = false;
         return {};
     }

@@ -23,6 +23,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <vector>
@@ -55,6 +56,14 @@ void put_string(Bytes& b, const std::string& text);  // text, NUL, pad when odd
 Bytes header(uint32_t id, uint32_t action, int32_t ans = 0, int32_t err = 0);
 // A whole datagram: header then body.
 Bytes datagram(uint32_t id, uint32_t action, int32_t ans, int32_t err, const Bytes& body);
+
+// The same items as values, to write a datagram in one expression:
+// cat({header(1, add), name_item(n), int_item(0), addr_list({"10.88.0.1"})}).
+Bytes cat(std::initializer_list<Bytes> parts);
+Bytes int_item(int32_t v);
+Bytes name_item(const Bytes& name16);
+Bytes ip_item(const std::string& dotted);
+Bytes addr_list(const std::vector<std::string>& dotted);
 
 // The 16-byte NetBIOS name: text blank-padded to 15, then the type byte.
 Bytes nb_name(const std::string& text, uint8_t type);

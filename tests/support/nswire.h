@@ -1,12 +1,26 @@
 #pragma once
 
-// Name-service datagrams written out byte by byte for unit tests, and the
-// datagrams a loopback socket has received.
+// Name-service datagrams written out byte by byte for the tests, the
+// datagrams a loopback socket has received, and random bytes for fuzzing.
 
 #include <cstdint>
 #include <vector>
 
 using Bytes = std::vector<uint8_t>;
+
+// A small xorshift generator: the same bytes on every run for a seed, for
+// tests that feed the daemon random datagrams.
+struct Rng {
+    uint32_t state;
+    uint32_t next()
+    {
+        state ^= state << 13;
+        state ^= state >> 17;
+        state ^= state << 5;
+        return state;
+    }
+    uint32_t below(uint32_t n) { return n == 0 ? 0 : next() % n; }
+};
 
 // A 16-byte name: the text blank-padded to 15, then the type byte.
 Bytes ns_name(const char* text, uint8_t type = 0x20);

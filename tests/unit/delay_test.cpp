@@ -19,38 +19,23 @@
 #include "src/namelogin.h"
 #include "src/nbndgio.h"
 #include "src/notifier.h"
+#include "tests/support/ndasim.h"
 #include "tests/support/nswire.h"
 #include "tests/support/privnet.h"
 
 namespace {
 
+using ndasim::addr_list;
+using ndasim::cat;
+using ndasim::header;
+using ndasim::int_item;
+using ndasim::ip_item;
+using ndasim::name_item;
+
 time_t fake_now = 1000;
 time_t fake_time() { return fake_now; }
 unsigned fake_alarm(unsigned) { return 0; }
 void tick(int seconds) { check_calls(fake_now += seconds); }
-
-// ENS items as the wire has them: little-endian ints, padded to even.
-Bytes cat(std::initializer_list<Bytes> parts)
-{
-    Bytes b;
-    for (const Bytes& p : parts)
-        b.insert(b.end(), p.begin(), p.end());
-    return b;
-}
-Bytes le(uint32_t v) { return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}; }
-Bytes hdr(uint32_t id, uint32_t action, int32_t ans = 0, int32_t err = 0)
-{
-    return cat({{1, 0, 1, 0}, le(id), le(action), le(uint32_t(ans)), le(uint32_t(err))});
-}
-Bytes name_item(const char* text, uint8_t type = 0x20) { return cat({le(16), ns_name(text, type)}); }
-Bytes ip_item(const char* dotted) { return cat({{4}, ip_bytes(dotted), {0}}); }
-Bytes list(std::vector<const char*> addrs)
-{
-    Bytes b;
-    for (const char* a : addrs)
-        b = cat({b, le(1), ip_item(a)});
-    return cat({b, le(0)});
-}
 
 const Bytes SERVER = ns_name("SERVER"), TEAM = ns_name("TEAM", 0x1C);
 const uint32_t HOST = inet_addr("127.0.0.9");  // the station, and the host verified
@@ -121,7 +106,7 @@ TEST(Delay, EachCommandSendsItsExactRequestWithIdsFromOne)
         uint32_t two[2] = {inet_addr("10.88.0.1"), inet_addr("10.88.1.1")};
         std::vector<uint32_t> many(25, two[1]);
         many[19] = two[0], many[20] = two[0];
-        std::vector<const char*> first20(20, "10.88.1.1");
+        std::vector<std::string> first20(20, "10.88.1.1");
         first20[19] = "10.88.0.1";
         nda_putpcache(TEAM.data(), HOST, 1, fake_now);
         npkt claims[3] = {from_station(lab, 0x29, TEAM, true), from_station(lab, 0x29, TEAM, false),
@@ -132,24 +117,25 @@ TEST(Delay, EachCommandSendsItsExactRequestWithIdsFromOne)
             std::vector<Bytes> want;
         } cases[] = {
             {"ADD, one name, one address", [&] { nda_add(SERVER.data(), 0, two, 1); },
-             {cat({hdr(1, 3), name_item("SERVER"), le(0), list({"10.88.0.1"})})}},
+             {cat({header(1, 3), name_item(SERVER), int_item(0), addr_list({"10.88.0.1"})})}},
             {"ADD of a group name", [&] { nda_add(SERVER.data(), 1, two, 2); },
-             {cat({hdr(2, 3), name_item("SERVER"), le(1), list({"10.88.0.1", "10.88.1.1"})})}},
+             {cat({header(2, 3), name_item(SERVER), int_item(1), addr_list({"10.88.0.1", "10.88.1.1"})})}},
             {"DELETE", [&] { nda_delete(SERVER.data(), two, 1); },
-             {cat({hdr(3, 4), name_item("SERVER"), list({"10.88.0.1"})})}},
-            {"EQUIV", [&] { nda_equiv(two, 2); }, {cat({hdr(4, 5), list({"10.88.0.1", "10.88.1.1"})})}},
+             {cat({header(3, 4), name_item(SERVER), addr_list({"10.88.0.1"})})}},
+            {"EQUIV", [&] { nda_equiv(two, 2); },
+             {cat({header(4, 5), addr_list({"10.88.0.1", "10.88.1.1"})})}},
             {"EQUIV of 25 addresses keeps the first 20", [&] { nda_equiv(many.data(), 25); },
-             {cat({hdr(5, 5), list(first20)})}},
-            {"PURGE", [&] { nda_purge(two[0]); }, {cat({hdr(6, 7), ip_item("10.88.0.1")})}},
+             {cat({header(5, 5), addr_list(first20)})}},
+            {"PURGE", [&] { nda_purge(two[0]); }, {cat({header(6, 7), ip_item("10.88.0.1")})}},
             {"QUERY, local lookup", [&] { EXPECT_EQ(nda_lquery(SERVER.data(), 5, 6), -1); },
-             {cat({hdr(7, 1), name_item("SERVER"), le(0)})}},
+             {cat({header(7, 1), name_item(SERVER), int_item(0)})}},
             {"QUERY, station's query", [&] { auto q = from_station(lab, 0x01, SERVER); nda_query(&q); },
-             {cat({hdr(8, 1), name_item("SERVER"), le(0)})}},
+             {cat({header(8, 1), name_item(SERVER), int_item(0)})}},
             {"claim by the cached owner", [&] { nda_claim(&claims[0]); }, {}},
             {"claim by the cached owner, other group flag", [&] { nda_claim(&claims[1]); },
-             {cat({hdr(9, 3), name_item("TEAM", 0x1C), le(0), list({"127.0.0.9"})})}},
+             {cat({header(9, 3), name_item(TEAM), int_item(0), addr_list({"127.0.0.9"})})}},
             {"claim of a name not cached", [&] { nda_claim(&claims[2]); },
-             {cat({hdr(10, 3), name_item("SERVER"), le(1), list({"127.0.0.9"})})}},
+             {cat({header(10, 3), name_item(SERVER), int_item(1), addr_list({"127.0.0.9"})})}},
         };
         for (const auto& c : cases) {
             SCOPED_TRACE(c.why);
@@ -172,7 +158,7 @@ TEST(Delay, TwoSilentAgentsGetTwoSendsEachThreeSecondsApartAnAnsweredCommandNone
         DelayCmd stranger{};
         nda_add(SERVER.data(), 0, &nda_addr[0], 1);
         nda_purge(nda_addr[0]);  // answered at once
-        Bytes add = cat({hdr(1, 3), name_item("SERVER"), le(0), list({"127.0.0.2"})});
+        Bytes add = cat({header(1, 3), name_item(SERVER), int_item(0), addr_list({"127.0.0.2"})});
         EXPECT_EQ(rm_delay(find_delay(2)), 0);
         EXPECT_EQ(rm_delay(&stranger), -1);
         EXPECT_EQ(find_delay(2), nullptr);
@@ -212,8 +198,9 @@ TEST(Delay, CachedAnswersAreGivenAtOnceAndNothingIsAsked)
         ASSERT_EQ(read(resp[0], m, sizeof m), 24 + 72) << "one answer, to the positive one";
         UniAddr owner{};
         iantoua(&owner, inet_addr("10.88.0.7"), -1);
-        Bytes want = cat({le(0), Bytes(reinterpret_cast<uint8_t*>(&owner), reinterpret_cast<uint8_t*>(&owner + 1)), le(1)});
-        EXPECT_EQ(Bytes(m + 12, m + 16), le(78)) << "the client's xid";
+        const uint8_t* o = reinterpret_cast<const uint8_t*>(&owner);
+        Bytes want = cat({int_item(0), Bytes(o, o + sizeof owner), int_item(1)});
+        EXPECT_EQ(Bytes(m + 12, m + 16), int_item(78)) << "the client's xid";
         EXPECT_EQ(Bytes(m + 24, m + 96), want) << "status 0, the owner, group";
 
         for (const Bytes* name : {&TEAM, &NOBODY}) {
@@ -257,11 +244,11 @@ TEST(Delay, VerificationsAreAnsweredFromTheTableOrNegativelyAfterTwoSeconds)
             check_verify(learned, 1);  // not the address waited for
             EXPECT_TRUE(lab.at_agent(0).empty());
             check_verify(learned, 2);
-            Bytes neg = hdr(id, 0x80000002, -1, 3);
+            Bytes neg = header(id, 0x80000002, -1, 3);
             EXPECT_EQ(neg.size(), 20u);
             std::vector<Bytes> now, later{neg};
             if (c.known)
-                now = {c.ans == 0 ? hdr(id, 0x80000002, 0, 0) : neg}, later = {};
+                now = {c.ans == 0 ? header(id, 0x80000002, 0, 0) : neg}, later = {};
             EXPECT_EQ(lab.at_agent(0), now);
             tick(2);
             EXPECT_EQ(lab.at_agent(0), later);
@@ -290,7 +277,8 @@ TEST(Delay, TheEquivBroadcastGoesOutOnceForAnAgentlessClientWithTwoInterfaces)
             {"not an ENS client", 0, 0, 2, {}},
             {"agents configured", 1, 1, 2, {}},
             {"one interface", 1, 0, 1, {}},
-            {"an agentless client with two", 1, 0, 2, {cat({hdr(0, 5), list({"10.88.0.1", "10.88.1.1"})})}},
+            {"an agentless client with two", 1, 0, 2,
+             {cat({header(0, 5), addr_list({"10.88.0.1", "10.88.1.1"})})}},
             {"only once", 1, 0, 2, {}},
         };
         for (const auto& c : cases) {

@@ -12,6 +12,7 @@
 #include "src/maininit.h"
 #include "src/namecust.h"
 #include "src/namelogin.h"
+#include "tests/support/ndasim.h"
 #include "tests/support/nswire.h"
 #include "tests/support/privnet.h"
 
@@ -37,8 +38,7 @@ as_name entry(const char* text, uint32_t flags = 0, uint8_t type = 0x20)
 as_name perm(const char* dotted)
 {
     as_name e{};
-    uint32_t a = ip(dotted);
-    memcpy(e.name + 10, &a, 4);
+    memcpy(e.name, ndasim::permanent_name(dotted).data(), 16);
     e.flags = AS_PERMANENT;
     return e;
 }
@@ -59,65 +59,25 @@ std::string name_text(const uint8_t* n)
     return s + t;
 }
 
-// One ENS request as text, decoded byte by byte: "ADD NAME<20> 0 a b",
-// "DELETE NAME<20> a", "EQUIV a b", "PURGE a"; "bad" for anything else.
+// One ENS request as text, through the simulated agent's decoder:
+// "ADD NAME<20> 0 a b", "DELETE NAME<20> a", "EQUIV a b", "PURGE a"; "bad"
+// for anything else.
 std::string ens_text(const Bytes& d)
 {
-    size_t pos = 0;
-    bool ok = true;
-    auto i32 = [&]() -> uint32_t {
-        if (pos + 4 > d.size()) {
-            ok = false;
-            return 0;
-        }
-        pos += 4;
-        return uint32_t(d[pos - 4]) | uint32_t(d[pos - 3]) << 8 | uint32_t(d[pos - 2]) << 16 |
-               uint32_t(d[pos - 1]) << 24;
-    };
-    auto ipitem = [&]() -> std::string {
-        if (pos + 6 > d.size() || d[pos] != 4 || d[pos + 5] != 0) {
-            ok = false;
-            return "";
-        }
-        pos += 6;
-        return " " + dotted(&d[pos - 5]);
-    };
-    auto name = [&]() -> std::string {
-        if (i32() != 16 || pos + 16 > d.size()) {
-            ok = false;
-            return "";
-        }
-        pos += 16;
-        return " " + name_text(&d[pos - 16]);
-    };
-    auto list = [&]() {
-        std::string s;
-        while (ok && i32() == 1)
-            s += ipitem();
-        return s;
-    };
-    if (i32() != 0x00010001)
-        return "bad";
-    i32();  // id
-    uint32_t action = i32();
-    if (i32() != 0 || i32() != 0)
+    ndasim::Message m = ndasim::decode(d);
+    if (!m.body_ok || m.version != ndasim::version || m.response || m.ans != 0 || m.err != 0)
         return "bad";
     std::string s;
-    switch (action) {
-    case 3:
-        s = "ADD" + name();
-        s += " " + std::to_string(i32());
-        s += list();
-        break;
-    case 4:
-        s = "DELETE" + name();
-        s += list();
-        break;
-    case 5: s = "EQUIV" + list(); break;
-    case 7: s = "PURGE" + ipitem(); break;
+    switch (m.action) {
+    case ndasim::add: s = "ADD " + name_text(m.name.data()) + " " + std::to_string(m.ints[0]); break;
+    case ndasim::del: s = "DELETE " + name_text(m.name.data()); break;
+    case ndasim::equiv: s = "EQUIV"; break;
+    case ndasim::purge: s = "PURGE"; break;
     default: return "bad";
     }
-    return ok && pos == d.size() ? s : "bad";
+    for (const std::string& a : m.addrs)
+        s += " " + a;
+    return s;
 }
 
 struct Net {

@@ -23,6 +23,7 @@
 #include "src/notifier.h"
 #include "src/ntable.h"
 #include "tests/support/lab.h"
+#include "tests/support/ndasim.h"
 #include "tests/support/nswire.h"
 #include "tests/support/privnet.h"
 
@@ -31,33 +32,18 @@
 // receives is read up to an "end" marker that the test sends after it.
 namespace {
 
+using ndasim::addr_list;
+using ndasim::cat;
+using ndasim::header;
+using ndasim::int_item;
+using ndasim::ip_item;
+using ndasim::name_item;
+
 time_t fake_now = 1000;
 time_t fake_time() { return fake_now; }
 unsigned fake_alarm(unsigned) { return 0; }
 
-Bytes le(uint32_t v)
-{
-    return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)};
-}
-Bytes cat(std::initializer_list<Bytes> parts)
-{
-    Bytes all;
-    for (const Bytes& p : parts)
-        all.insert(all.end(), p.begin(), p.end());
-    return all;
-}
-Bytes header(uint32_t id, uint32_t action, int32_t ans = 0, int32_t err = 0)
-{
-    return cat({{0x01, 0x00, 0x01, 0x00}, le(id), le(action), le(uint32_t(ans)), le(uint32_t(err))});
-}
-Bytes ip(const char* dotted)
-{
-    return cat({{4}, ip_bytes(dotted), {0}});
-}
-uint32_t id_of(const Bytes& d)
-{
-    return d.size() >= 8 ? uint32_t(d[4] | d[5] << 8 | d[6] << 16 | d[7] << 24) : 0;
-}
+uint32_t id_of(const Bytes& d) { return ndasim::decode(d).id; }
 
 struct Ens {
     int agent = -1;
@@ -162,7 +148,7 @@ TEST(EnsRecv, RequestsCutShortAreDroppedAndAnswerNothing)
 {
     IN_CHILD(true, {
         Ens e;
-        Bytes verify = cat({le(16), ns_name("SERVER"), ip("127.0.0.1")});
+        Bytes verify = cat({name_item(ns_name("SERVER")), ip_item("127.0.0.1")});
         for (size_t len = 0; len < 25; len++) {   // 25: the ip's pad may be missing
             SCOPED_TRACE(len);
             e.from_agent(cat({header(9, 2), Bytes(verify.begin(), verify.begin() + long(len))}));
@@ -170,7 +156,7 @@ TEST(EnsRecv, RequestsCutShortAreDroppedAndAnswerNothing)
             EXPECT_NE(t.find("ens_recv (verify_req): bad packet\n"), std::string::npos) << t;
         }
         // int 1, ip at 4, int 1 at 10, ip at 14, int 0 at 20.
-        Bytes equiv = cat({le(1), ip("10.88.0.1"), le(1), ip("10.88.0.2"), le(0)});
+        Bytes equiv = addr_list({"10.88.0.1", "10.88.0.2"});
         for (size_t len = 0; len < equiv.size(); len++) {
             SCOPED_TRACE(len);
             e.from_agent(cat({header(9, 5), Bytes(equiv.begin(), equiv.begin() + long(len))}));
@@ -197,7 +183,7 @@ TEST(EnsRecv, VerifyForOwnAddressIsAnsweredAtOnceFromTheLocalTable)
         };
         for (const auto& c : cases) {
             SCOPED_TRACE(c.why);
-            e.from_agent(cat({header(0x55, 2), le(16), ns_name(c.name), ip("127.0.0.1")}));
+            e.from_agent(cat({header(0x55, 2), name_item(ns_name(c.name)), ip_item("127.0.0.1")}));
             EXPECT_EQ(e.sent(), std::vector<Bytes>{c.want});
             std::string t = e.trace();
             EXPECT_NE(t.find("verify_req called, nda I(127.0.0.2."), std::string::npos) << t;
@@ -211,24 +197,16 @@ TEST(EnsRecv, EquivRequestsForwardTheFirstTwentyAddresses)
 {
     IN_CHILD(true, {
         Ens e;
-        Bytes req = header(3, 5);
-        Bytes want_list;
-        for (int i = 1; i <= 25; i++) {
-            std::string a = "10.88.1." + std::to_string(i);
-            Bytes pair = cat({le(1), ip(a.c_str())});
-            req.insert(req.end(), pair.begin(), pair.end());
-            if (i <= 20)
-                want_list.insert(want_list.end(), pair.begin(), pair.end());
-        }
-        Bytes end = le(0);
-        req.insert(req.end(), end.begin(), end.end());
-        e.from_agent(req);
+        std::vector<std::string> addrs;
+        for (int i = 1; i <= 25; i++)
+            addrs.push_back("10.88.1." + std::to_string(i));
+        e.from_agent(cat({header(3, 5), addr_list(addrs)}));
         auto got = e.sent();
         ASSERT_EQ(got.size(), 1u) << "one EQUIV to the agent, no response to the asker";
-        EXPECT_EQ(got[0], cat({header(id_of(got[0]), 5), want_list, le(0)}));
+        EXPECT_EQ(got[0], cat({header(id_of(got[0]), 5), addr_list({addrs.begin(), addrs.begin() + 20})}));
         EXPECT_EQ(got[0].size(), 20u + 20 * 10 + 4);
 
-        e.from_agent(cat({header(4, 5), le(0)}));
+        e.from_agent(cat({header(4, 5), int_item(0)}));
         EXPECT_TRUE(e.sent().empty()) << "an empty list groups nothing";
     });
 }
@@ -275,11 +253,12 @@ TEST(EnsRecv, QueryResponsesAnswerTheWaitingLookupAndAreCached)
             bool answered;   // the client got its answer
             const char* line;
         } cases[] = {
-            {"positive, group", "HOST1", cat({le(1), le(1), ip("10.88.0.9")}), 0, 1, true,
-             "query_resp: answering local query\n"},
-            {"positive, marker 0", "HOST2", cat({le(1), le(0), ip("10.88.0.9")}), 0, -1, false,
+            {"positive, group", "HOST1", cat({int_item(1), int_item(1), ip_item("10.88.0.9")}), 0, 1,
+             true, "query_resp: answering local query\n"},
+            {"positive, marker 0", "HOST2", cat({int_item(1), int_item(0), ip_item("10.88.0.9")}), 0,
+             -1, false, "ens_recv (query_resp): bad packet\n"},
+            {"positive, no ip", "HOST3", cat({int_item(0), int_item(1)}), 0, -1, false,
              "ens_recv (query_resp): bad packet\n"},
-            {"positive, no ip", "HOST3", cat({le(0), le(1)}), 0, -1, false, "ens_recv (query_resp): bad packet\n"},
             {"negative", "HOST4", {}, -1, 0, false, "ens_recv: got QUERY response, ans -1, err 0\n"},
         };
         int32_t lu = 40;
@@ -291,7 +270,7 @@ TEST(EnsRecv, QueryResponsesAnswerTheWaitingLookupAndAreCached)
             EXPECT_EQ(nda_lquery(name.data(), lu, 700 + uint32_t(lu)), -1);
             auto got = e.sent();
             ASSERT_EQ(got.size(), 1u);
-            EXPECT_EQ(got[0], cat({header(id_of(got[0]), 1), le(16), name, le(0)}));
+            EXPECT_EQ(got[0], cat({header(id_of(got[0]), 1), name_item(name), int_item(0)}));
             e.trace();
             e.from_agent(cat({header(id_of(got[0]), 0x80000001, c.ans), c.body}));
             EXPECT_NE(e.trace().find(c.line), std::string::npos);
@@ -315,9 +294,9 @@ TEST(EnsRecv, QueryResponsesAnswerTheWaitingLookupAndAreCached)
                 EXPECT_EQ(h.xid, 700 + uint32_t(lu));
                 EXPECT_EQ(h.op, NS_LOOKUP | NS_RESPONSE);
                 const uint8_t* d = msg + NS_HDRSIZE;
-                EXPECT_EQ(Bytes(d, d + 4), le(0));
+                EXPECT_EQ(Bytes(d, d + 4), int_item(0));
                 EXPECT_EQ(Bytes(d + 4, d + 12), Bytes({'I', 0, 4, 0, 10, 88, 0, 9}));
-                EXPECT_EQ(Bytes(d + 68, d + 72), le(1));
+                EXPECT_EQ(Bytes(d + 68, d + 72), int_item(1));
             } else {
                 EXPECT_EQ(n, -1) << "no answer to the client yet";
                 rm_lu(lu);
@@ -344,10 +323,12 @@ TEST(EnsRecv, AddRefusalsForOwnNamesAreLoggedAndRemoveTheName)
             const char* owner;   // the second log line's address; null: no log
             int cached;
         } cases[] = {
-            {"own address, owner given", "127.0.0.1", -1, cat({le(0), ip("10.88.0.9")}), true, "10.88.0.9", 1},
+            {"own address, owner given", "127.0.0.1", -1, cat({int_item(0), ip_item("10.88.0.9")}), true,
+             "10.88.0.9", 1},
             {"own address, no owner", "127.0.0.1", -1, {}, true, "unknown", -1},
             {"own address, accepted", "127.0.0.1", 0, {}, false, nullptr, -1},
-            {"another host's name", "10.88.0.20", -1, cat({le(0), ip("10.88.0.9")}), false, nullptr, 1},
+            {"another host's name", "10.88.0.20", -1, cat({int_item(0), ip_item("10.88.0.9")}), false,
+             nullptr, 1},
         };
         for (const auto& c : cases) {
             SCOPED_TRACE(c.why);
@@ -409,7 +390,8 @@ TEST(EnsRecv, ClaimsRefusedByTheAgentAreDefendedForTheOwner)
         Bytes drest{0, 0x20, 0, 1, 0, 0, 0, 0, 0, 6, 0x80, 0, 10, 88, 0, 9};
         Bytes defence = ns_packet(0x1234, 0xAD, 0x86, {0, 1, 0, 0}, ns_name("SERVER"), {0}, drest);
         const struct { const char* why; int32_t ans; Bytes body; std::vector<Bytes> want; uint32_t cached; } cases[] = {
-            {"refused, owner a group", -1, cat({le(1), ip("10.88.0.9")}), {defence}, inet_addr("10.88.0.9")},
+            {"refused, owner a group", -1, cat({int_item(1), ip_item("10.88.0.9")}), {defence},
+             inet_addr("10.88.0.9")},
             {"accepted", 0, {}, {}, inet_addr("127.0.0.9")},
         };
         for (const auto& c : cases) {
@@ -420,8 +402,8 @@ TEST(EnsRecv, ClaimsRefusedByTheAgentAreDefendedForTheOwner)
             nda_claim(&rec);
             auto got = e.sent();
             ASSERT_EQ(got.size(), 1u);
-            EXPECT_EQ(got[0], cat({header(id_of(got[0]), 3), le(16), ns_name("SERVER"), le(0), le(1),
-                                   ip("127.0.0.9"), le(0)}));
+            EXPECT_EQ(got[0], cat({header(id_of(got[0]), 3), name_item(ns_name("SERVER")), int_item(0),
+                                   addr_list({"127.0.0.9"})}));
             e.from_agent(cat({header(id_of(got[0]), 0x80000003, c.ans), c.body}));
             dg_dsend(reinterpret_cast<const uint8_t*>("end"), 3, &rec.addr);
             EXPECT_EQ(ns_received(claimer), c.want);

@@ -10,12 +10,19 @@
 #include "nmtrace.h"
 #include "shr/uniinet.h"
 #include "src/namecust.h"
+#include "tests/support/ndasim.h"
 #include "tests/support/nswire.h"
 #include "tests/support/privnet.h"
 
 // Built datagrams go out through ens_fd, so those tests run in a child in a
 // private network namespace: ens_fd on 127.0.0.1, the agent on 127.0.0.2.
 namespace {
+
+using ndasim::cat;
+using ndasim::header;
+using ndasim::int_item;
+using ndasim::ip_item;
+using ndasim::name_item;
 
 struct Agent {
     int fd = -1;
@@ -43,22 +50,6 @@ struct Agent {
     }
 };
 
-Bytes le(uint32_t v)
-{
-    return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)};
-}
-Bytes cat(std::initializer_list<Bytes> parts)
-{
-    Bytes all;
-    for (const Bytes& p : parts)
-        all.insert(all.end(), p.begin(), p.end());
-    return all;
-}
-Bytes header(uint32_t id, uint32_t action, uint32_t ans = 0, uint32_t err = 0)
-{
-    return cat({{0x01, 0x00, 0x01, 0x00}, le(id), le(action), le(ans), le(err)});
-}
-
 TEST(PktAsm, RequestsAndResponsesOnTheWireByteForByte)
 {
     IN_CHILD(true, {
@@ -78,7 +69,8 @@ TEST(PktAsm, RequestsAndResponsesOnTheWireByteForByte)
         EXPECT_EQ(pkta_int(0), 4);
         EXPECT_EQ(pkta_length(), 58);
         EXPECT_EQ(pkta_request(&a.to, 7, ENS_ADD), 58);
-        Bytes add = cat({header(7, 3), le(16), name, le(1), le(1), {4, 10, 88, 0, 5, 0}, le(0)});
+        Bytes add = cat({header(7, 3), name_item(name), int_item(1), int_item(1), ip_item("10.88.0.5"),
+                          int_item(0)});
         EXPECT_EQ(add.size(), 58u);
         EXPECT_EQ(a.received(), add);
 
@@ -157,7 +149,7 @@ TEST(PktAsm, AFullAreaRefusesItemsWholeAndKeepsWhatFits)
 // sanitized build catches any read past them.
 TEST(PktDis, HeaderResultForEveryLengthUpToTheFullHeader)
 {
-    Bytes full = header(0x11223344, 0x80000003, uint32_t(-1), 3);
+    Bytes full = header(0x11223344, 0x80000003, -1, 3);
     for (int len = 0; len <= 20; len++) {
         SCOPED_TRACE(len);
         Bytes cut(full.begin(), full.begin() + len);
@@ -206,7 +198,7 @@ Items read_items(const Bytes& body)
 TEST(PktDis, ItemsCutAtEveryLength)
 {
     Bytes name = ns_name("HOST", 0x1b);
-    Bytes body = cat({le(16), name, le(0x87654321), {4, 10, 88, 0, 7, 0}});
+    Bytes body = cat({name_item(name), int_item(int32_t(0x87654321)), ip_item("10.88.0.7")});
     ASSERT_EQ(body.size(), 30u);
     for (size_t len = 0; len <= body.size(); len++) {
         SCOPED_TRACE(len);
@@ -269,7 +261,7 @@ TEST(PktDis, NamesMustCarryTheCount16)
 {
     for (int32_t count : {0, 15, 17, -16}) {
         SCOPED_TRACE(count);
-        Bytes d = cat({header(1, 2), le(uint32_t(count)), Bytes(20, 'A')});
+        Bytes d = cat({header(1, 2), int_item(count), Bytes(20, 'A')});
         pktd_hdr(d.data(), int(d.size()));
         uint8_t n[16];
         EXPECT_EQ(pktd_name(n), -2);
