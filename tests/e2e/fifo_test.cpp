@@ -27,9 +27,10 @@ std::vector<uint8_t> message(uint32_t op, uint32_t xid, const std::vector<uint8_
     h.len = len >= 0 ? len : int32_t(data.size());
     h.xid = xid;
     h.op = op;
-    std::vector<uint8_t> out(sizeof h);
+    std::vector<uint8_t> out(sizeof h + data.size());
     memcpy(out.data(), &h, sizeof h);
-    out.insert(out.end(), data.begin(), data.end());
+    if (!data.empty())
+        memcpy(out.data() + sizeof h, data.data(), data.size());
     return out;
 }
 
