@@ -437,8 +437,14 @@ TEST_F(Robust, AFloodOfBadDatagramsLeavesTheDaemonServingWithoutGrowing)
     EXPECT_EQ(lab.halyardctl({"list"}, &out), 0) << out;
     EXPECT_NE(out.find("AFTER"), std::string::npos) << out;
 
+#ifndef __SANITIZE_ADDRESS__
     EXPECT_LT(rss_after - rss_before, 256) << "VmRSS grew from " << rss_before << " KiB to "
                                            << rss_after << " KiB";
+#else
+    // The sanitizer's allocator keeps freed pages as it likes, so its resident
+    // size says little; a real leak fails this run through LeakSanitizer at
+    // the daemon's exit, and the plain run holds the size to 256 KiB.
+#endif
     EXPECT_LE(log_after, log_before + 3) << lab.log();
     int status = -1;
     EXPECT_TRUE(lab.stop_daemon(pid, 20.0, &status));
