@@ -14,6 +14,8 @@
 #include <cstring>
 
 #include "fuzz/fuzzenv.h"
+
+#include <span>
 #include "nmtrace.h"
 #include "shr/uniinet.h"
 #include "src/cust.h"
@@ -30,7 +32,6 @@
 
 namespace {
 
-if_entry ifs[2];
 FILE* devnull = nullptr;
 uint8_t query_area[NPKT_AREA];
 uint8_t claim_area[NPKT_AREA];
@@ -113,17 +114,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
     fz_fake_clock();
     fz_ntf_pipes();
     devnull = fopen("/dev/null", "w");
-    ifs[0] = {inet_addr("10.88.0.1"), inet_addr("10.88.0.255"), inet_addr("255.255.255.0")};
-    ifs[1] = {inet_addr("10.88.1.1"), inet_addr("10.88.1.255"), inet_addr("255.255.255.0")};
-    my_addr = ifs;
-    my_addr_ct = 2;
-    transport_tcpip = 1;
-    nmport = 137;
-    ndport = 227;
-    ensport = 228;
+    fz_daemon_host();
     nda_addr[0] = inet_addr("10.88.0.200");
     nda_ct = 1;
-    for (const if_entry& e : ifs)
+    for (const if_entry& e : std::span(my_addr, size_t(my_addr_ct)))
         ens_a_add(e.addr, nullptr);
     make_packets();
     return 0;

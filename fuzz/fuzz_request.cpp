@@ -19,7 +19,6 @@
 
 namespace {
 
-if_entry ifs[2];
 FILE* devnull = nullptr;
 
 }  // namespace
@@ -31,15 +30,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
     fz_fake_clock();
     fz_ntf_pipes();
     devnull = fopen("/dev/null", "w");
-    ifs[0] = {inet_addr("10.88.0.1"), inet_addr("10.88.0.255"), inet_addr("255.255.255.0")};
-    ifs[1] = {inet_addr("10.88.1.1"), inet_addr("10.88.1.255"), inet_addr("255.255.255.0")};
-    my_addr = ifs;
-    my_addr_ct = 2;
-    transport_tcpip = 1;
-    nmport = 137;
+    fz_daemon_host();
     ssport = 139;
-    ndport = 227;
-    ensport = 228;
     nda_addr[0] = inet_addr("10.88.0.200");
     strcpy(nb_scope, "sales.corp");
     return 0;

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <initializer_list>
 #include <sched.h>
@@ -15,6 +16,7 @@
 #include "nmtrace.h"
 #include "shr/logging.h"
 #include "src/maininit.h"
+#include "src/namelogin.h"
 #include "src/namecust.h"
 #include "src/notifier.h"
 #include "src/ntable.h"
@@ -146,4 +148,17 @@ void fz_clear_names()
 {
     while (n_table != nullptr)
         nt_del(n_table->name);
+}
+
+void fz_daemon_host()
+{
+    static if_entry ifs[2];
+    ifs[0] = {inet_addr("10.88.0.1"), inet_addr("10.88.0.255"), inet_addr("255.255.255.0")};
+    ifs[1] = {inet_addr("10.88.1.1"), inet_addr("10.88.1.255"), inet_addr("255.255.255.0")};
+    my_addr = ifs;
+    my_addr_ct = 2;
+    transport_tcpip = 1;
+    nmport = 137;
+    ndport = 227;
+    ensport = 228;
 }

@@ -38,5 +38,8 @@ size_t fz_ntf_feed(const uint8_t* data, size_t size);
 void fz_ntf_drain();
 bool fz_ntf_pending();  // request bytes still wait in the pipe
 
+// The settings of a configured daemon: two interfaces, 10.88.0.1/24 and
+// 10.88.1.1/24, the UDP transport and the default ports.
+void fz_daemon_host();
 // Empties the local name table.
 void fz_clear_names();

@@ -43,18 +43,6 @@ double since(Clock::time_point t)
     return std::chrono::duration<double>(Clock::now() - t).count();
 }
 
-struct Rng {
-    uint32_t state;
-    uint32_t next()
-    {
-        state ^= state << 13;
-        state ^= state >> 17;
-        state ^= state << 5;
-        return state;
-    }
-    uint32_t below(uint32_t n) { return n == 0 ? 0 : next() % n; }
-};
-
 // VmRSS of a process in KiB, -1 when it cannot be read.
 int64_t rss_kib(pid_t pid)
 {
