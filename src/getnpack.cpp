@@ -26,6 +26,43 @@ char name_text[288];
 
 constexpr int HDRLEN = 12;
 
+// A question name of one label of 32 letters A-P and no scope, the name
+// nearly every datagram carries: decoded straight from the datagram, with
+// the result the general conversion gives. False for anything else.
+bool plain_name(npkt* rec, const uint8_t* bytes, int len)
+{
+    if (len < HDRLEN + NB_ENCLEN + 2 || bytes[HDRLEN] != NB_ENCLEN || bytes[HDRLEN + 1 + NB_ENCLEN] != 0)
+        return false;
+    const uint8_t* p = bytes + HDRLEN + 1;
+    uint8_t name[NB_NAMELEN];
+    for (int i = 0; i < NB_NAMELEN; i++) {
+        // n_decode's arithmetic, checked on the way
+        unsigned hi = p[2 * i] - unsigned('A');
+        unsigned lo = p[2 * i + 1] - unsigned('A');
+        if ((hi | lo) > 15)
+            return false;
+        name[i] = static_cast<uint8_t>(hi << 4 | lo);
+    }
+    memcpy(rec->name, name, sizeof name);
+    return true;
+}
+
+// Any other name through its text form: the first label decoded, the rest
+// kept as the scope. -1 when the name does not convert.
+int convert_name(npkt* rec, const uint8_t* bytes, int len)
+{
+    memset(name_in, 0, sizeof name_in);
+    memcpy(name_in, bytes + HDRLEN, static_cast<size_t>(len - HDRLEN));
+    memset(name_text, 0, sizeof name_text);
+    // d_to_vd reads at most about twice its output size: well inside name_in.
+    if (d_to_vd(name_text, name_in, sizeof name_text) < 0)
+        return -1;
+    n_decode(rec->name, name_text);
+    if (name_text[NB_ENCLEN] == '.')
+        snprintf(rec->scope, sizeof rec->scope, "%s", name_text + NB_ENCLEN + 1);
+    return 0;
+}
+
 uint16_t get16(const uint8_t* p)
 {
     return static_cast<uint16_t>(p[0] << 8 | p[1]);
@@ -157,17 +194,9 @@ int decode_npack(npkt* rec, const uint8_t* bytes, int len)
     rec->pktid[1] = 0;
     rec->type = bytes[2] & 0xF8;
 
-    memset(name_in, 0, sizeof name_in);
-    memcpy(name_in, bytes + HDRLEN, static_cast<size_t>(len - HDRLEN));
-    memset(name_text, 0, sizeof name_text);
-    // d_to_vd reads at most about twice its output size: well inside name_in.
-    if (d_to_vd(name_text, name_in, sizeof name_text) < 0) {
+    if (!plain_name(rec, bytes, len) && convert_name(rec, bytes, len) < 0) {
         TRACE(proc, 3, "decode_npack: d_to_vd failed\n");
         return -1;
-    }
-    n_decode(rec->name, name_text);
-    if (name_text[NB_ENCLEN] == '.') {
-        snprintf(rec->scope, sizeof rec->scope, "%s", name_text + NB_ENCLEN + 1);
     }
 
     int nb_flags = find_flags(bytes, len);
@@ -226,12 +255,17 @@ int fill_rr_nb(uint8_t* pos, int nb_flags, uint32_t addr)
 
 int fill_nbname(uint8_t* pos, const uint8_t* name)
 {
+    if (nb_scope[0] == '\0') {
+        // Without a scope the name is one label: its length, the 32
+        // characters, the terminating zero (what vd_to_d makes of them).
+        pos[0] = NB_ENCLEN;
+        n_encode(reinterpret_cast<char*>(pos + 1), name);  // its '\0' ends the name
+        return NB_ENCLEN + 2;
+    }
     char text[NPKT_NAMETEXT];
     n_encode(text, name);
-    if (nb_scope[0] != '\0') {
-        // nb_scope holds at most 255 characters: 32 + 1 + 255 + 1 fit.
-        snprintf(text + NB_ENCLEN, sizeof text - NB_ENCLEN, ".%s", nb_scope);
-    }
+    // nb_scope holds at most 255 characters: 32 + 1 + 255 + 1 fit.
+    snprintf(text + NB_ENCLEN, sizeof text - NB_ENCLEN, ".%s", nb_scope);
     vd_to_d(pos, text);
     return static_cast<int>(strlen(reinterpret_cast<const char*>(pos))) + 1;
 }
@@ -242,7 +276,7 @@ void init_outpkt(npkt* rec, uint8_t* area, int type, const uint8_t* name)
     rec->nb_ver = nb_type;
     rec->type = type;
     memcpy(rec->name, name, sizeof rec->name);
-    snprintf(rec->scope, sizeof rec->scope, "%s", nb_scope);
+    memcpy(rec->scope, nb_scope, strnlen(nb_scope, sizeof rec->scope - 1));  // rec is zeroed: ends in '\0'
     rec->raw = area;
 }
 

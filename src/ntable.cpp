@@ -1,5 +1,6 @@
 #include "src/ntable.h"
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -18,6 +19,51 @@ int nbunx_fd = -1;
 namespace {
 
 constexpr size_t NAMELEN = sizeof(nt_entry::name);
+
+// Every datagram asking for a name looks it up here, so the entries are
+// also chained by a hash of their 16 bytes: with hundreds of names a lookup
+// reads a couple of entries, not half the list. The list keeps the order.
+constexpr size_t NT_BUCKETS = 512;
+std::array<nt_entry*, NT_BUCKETS> buckets{};
+
+nt_entry*& bucket_of(const uint8_t* name)
+{
+    // The two halves multiplied by odd constants; the top bits are the
+    // best mixed. Names differing in any byte land apart.
+    uint64_t a, b;
+    memcpy(&a, name, 8);
+    memcpy(&b, name + 8, 8);
+    uint64_t h = a * 0x9E3779B97F4A7C15u ^ b * 0xC2B2AE3D27D4EB4Fu;
+    h ^= h >> 29;
+    h *= 0xBF58476D1CE4E5B9u;
+    return buckets[(h >> 32) % NT_BUCKETS];
+}
+
+void index_add(nt_entry* e)
+{
+    nt_entry*& head = bucket_of(e->name);
+    e->hash_next = head;
+    head = e;
+}
+
+void index_del(const nt_entry* e)
+{
+    for (nt_entry** p = &bucket_of(e->name); *p != nullptr; p = &(*p)->hash_next) {
+        if (*p == e) {
+            *p = e->hash_next;
+            return;
+        }
+    }
+}
+
+// The list link that points at e (e is in the list).
+nt_entry** link_to(const nt_entry* e)
+{
+    nt_entry** link = &n_table;
+    while (*link != e)
+        link = &(*link)->next;
+    return link;
+}
 
 // The STREAMS request: command word, time-out, data length and data. Linux
 // has no STREAMS, so the structure and the request code are ours; the code
@@ -54,6 +100,7 @@ int drive(int cmd, const uint8_t* name, int32_t kind, nbunx_req* block)
 // out of the driver, free the entry (already unlinked by the caller).
 void drop(nt_entry* e)
 {
+    index_del(e);
     name_release(e);
     nbunx_namedel(e->name);
     delete e;
@@ -69,13 +116,13 @@ bool dropped(const uint8_t* name)
 
 nt_entry* nt_search(const uint8_t* name)
 {
-    nt_entry** link = &n_table;
-    while (*link != nullptr && memcmp((*link)->name, name, NAMELEN) != 0)
-        link = &(*link)->next;
-    nt_entry* e = *link;
+    nt_entry* e = bucket_of(name);
+    while (e != nullptr && memcmp(e->name, name, NAMELEN) != 0)
+        e = e->hash_next;
     if (e == nullptr)
         return nullptr;
     if (transport_vznbu && dropped(name)) {
+        nt_entry** link = link_to(e);
         *link = e->next;
         drop(e);
         return nullptr;
@@ -104,6 +151,7 @@ int nt_add(const uint8_t* name, uint32_t flags)
     while (*link != nullptr)
         link = &(*link)->next;
     *link = e;
+    index_add(e);
     if (transport_vznbu)
         nbunx_nameadd(name, flags);
     return 0;
@@ -118,6 +166,7 @@ int nt_del(const uint8_t* name)
     if (e == nullptr)
         return NT_ABSENT;
     *link = e->next;
+    index_del(e);
     // The entry's own bytes: name may point into the entry being freed.
     if (transport_vznbu)
         nbunx_namedel(e->name);

@@ -21,6 +21,7 @@ struct nt_entry {
     uint8_t name[16];   // compared as 16 bytes, exactly
     uint32_t flags;
     int32_t count;      // claim broadcasts sent for this name
+    nt_entry* hash_next;  // the next entry of the same lookup bucket (ntable's own)
 };
 
 // The first entry, null when the table is empty. Entries stay in the order

@@ -74,7 +74,7 @@ TEST(Claim, OneRequestPerInterfaceWithItsOwnAddressClaimIdsFromTheClockReleaseId
             SCOPED_TRACE(std::to_string(c.id) + " " + c.scope);
             snprintf(nb_scope, sizeof nb_scope, "%s", c.scope);
             fake_now = 0x6543A1B2;
-            nt_entry e{nullptr, {}, c.flags, 0};
+            nt_entry e{nullptr, {}, c.flags, 0, nullptr};
             memcpy(e.name, ns_name("SERVER").data(), 16);
             c.claim ? name_claim(&e) : name_release(&e);
             for (int i = 0; i < 2; i++) {

@@ -142,6 +142,43 @@ TEST_F(NameTable, KeepsOrderComparesExactlyRefusesDuplicates)
     EXPECT_TRUE(requests.empty() && released().empty());
 }
 
+// Hundreds of names, added and deleted in a shuffled order: every lookup
+// finds exactly the names present, and the table keeps the order of adding.
+TEST_F(NameTable, LookupsFollowAddsAndDeletesOfManyNames)
+{
+    Names all;
+    for (int i = 0; i < 1200; i++) {
+        Name n = nb("HOST");
+        memcpy(n.data() + 4, &i, sizeof i);  // names that differ in a few bytes only
+        n[15] = uint8_t(i * 7);
+        all.push_back(n);
+    }
+    for (const Name& n : all)
+        ASSERT_EQ(nt_add(n.data(), 0), 0);
+    Names order = all;
+    srand(11);
+    for (size_t i = order.size() - 1; i > 0; i--)
+        std::swap(order[i], order[size_t(rand()) % (i + 1)]);
+    Names kept(all);
+    for (size_t i = 0; i < order.size(); i += 2) {
+        ASSERT_EQ(nt_del(order[i].data()), 0);
+        kept.erase(std::find(kept.begin(), kept.end(), order[i]));
+    }
+    EXPECT_EQ(table(), kept);
+    for (size_t i = 0; i < order.size(); i++) {
+        const nt_entry* e = nt_search(order[i].data());
+        ASSERT_EQ(e == nullptr, i % 2 == 0) << i;
+        if (e != nullptr) {
+            EXPECT_EQ(name_of(e->name), order[i]);
+        }
+    }
+    for (size_t i = 0; i < order.size(); i += 2)  // back again, at the end
+        ASSERT_EQ(nt_add(order[i].data(), 0), 0);
+    for (const Name& n : all)
+        ASSERT_NE(nt_search(n.data()), nullptr);
+    EXPECT_EQ(table().size(), all.size());
+}
+
 TEST_F(NameTable, DriverMirrorsAddsDeletesAndChecks)
 {
     driver_on();
