@@ -2,9 +2,9 @@
 
 #include <cerrno>
 
-int vz_poll(struct pollfd* fds, int count)
+int vz_poll(struct pollfd* fds, int count, const sigset_t* wait_mask)
 {
-    int n = poll(fds, nfds_t(count), -1);
+    int n = wait_mask != nullptr ? ppoll(fds, nfds_t(count), nullptr, wait_mask) : poll(fds, nfds_t(count), -1);
     if (n < 0 && errno == EINTR)
         return -2;
     return n;

@@ -52,6 +52,35 @@ int custfd_ct = 0;
 
 int need_reinit = 0;
 
+// The routed signals are blocked while the loop works and let through only
+// in its wait (ppoll). A client's interrupt that came after the noted
+// signals were checked but before the wait began would otherwise sleep
+// until the next datagram or timer: on a quiet network the notifier gives
+// up on that request after its 12 seconds, and as each interrupt serves one
+// lookup, every later lookup would be served one interrupt late.
+sigset_t wait_mask;    // the mask during the wait
+sigset_t outer_mask;   // the mask before the loop, again when it ends
+bool loop_masking = false;
+
+void mask_routed_signals()
+{
+    sigset_t routed;
+    sigemptyset(&routed);
+    for (int i = 0; i < scall_ct; i++)
+        sigaddset(&routed, scalls[size_t(i)].sig);
+    sigprocmask(SIG_BLOCK, &routed, &outer_mask);
+    wait_mask = outer_mask;
+    for (int i = 0; i < scall_ct; i++)
+        sigdelset(&wait_mask, scalls[size_t(i)].sig);
+    loop_masking = true;
+}
+
+void unmask_routed_signals()
+{
+    sigprocmask(SIG_SETMASK, &outer_mask, nullptr);
+    loop_masking = false;
+}
+
 dg_recv_fn recv_work = nullptr;
 dg_redo_fn redo_work = nullptr;
 
@@ -156,6 +185,13 @@ int dg_signal(int sig, dg_signal_fn fn)
     std::atomic_signal_fence(std::memory_order_seq_cst);
     scall_ct = n + 1;
     vz_signal(sig, signal_hndlr);
+    if (loop_masking) {
+        sigset_t one;
+        sigemptyset(&one);
+        sigaddset(&one, sig);
+        sigprocmask(SIG_BLOCK, &one, nullptr);
+        sigdelset(&wait_mask, sig);
+    }
     return 0;
 }
 
@@ -167,6 +203,11 @@ void signal_hndlr(int sig)
         if (scalls[size_t(i)].sig == sig)
             scalls[size_t(i)].pending = 1;
     vz_signal(sig, signal_hndlr);  // delivery reset it to the default action
+}
+
+const sigset_t* dg_wait_mask()
+{
+    return loop_masking ? &wait_mask : nullptr;
 }
 
 void check_signals()
@@ -210,6 +251,7 @@ int do_reinit()
 int recv_datagrams()
 {
     TRACE(proc, 1, "recv_datagrams called\n");
+    mask_routed_signals();
     for (;;) {
         if (tcfile != nullptr && (tc_in != 0 || tc_out != 0 || tc_proc != 0))
             fflush(tcfile);
@@ -229,8 +271,10 @@ int recv_datagrams()
         uint8_t* data = nullptr;
         int n = get_dg(dg_fd, &from, &data);
         TRACE(proc, 3, "recv_datagrams: get_dg returned %d\n", n);
-        if (n == -1)
+        if (n == -1) {
+            unmask_routed_signals();
             return -1;
+        }
         if (n >= 0 && recv_work != nullptr)
             recv_work(&from, data, n);
     }

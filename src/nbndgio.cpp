@@ -118,7 +118,10 @@ int get_dg(int fd, UniAddr* from, uint8_t** data)
 {
     if (fd < 0) {
         // No name-service socket: only a signal can bring work.
-        pause();
+        if (const sigset_t* mask = dg_wait_mask())
+            sigsuspend(mask);
+        else
+            pause();
         TRACE(proc, 1, "get_dg: pause returned\n");
         return -2;
     }
@@ -131,7 +134,7 @@ int get_dg(int fd, UniAddr* from, uint8_t** data)
         fds[nfds++] = {c.fd, POLLIN, 0};
     fds[nfds++] = {fd, POLLIN, 0};  // last: client descriptors are served first
 
-    int r = vz_poll(fds.data(), int(nfds));
+    int r = vz_poll(fds.data(), int(nfds), dg_wait_mask());
     TRACE(in, 2, "vz_poll returns %d\n", r);
     if (r < 0) {
         TRACE(in, 1, "get_dg: vz_poll returned %d\n", r);

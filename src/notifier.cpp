@@ -165,6 +165,10 @@ const char* notifier()
     to_ns = a[1];
     alarm(0);
     ntf_signals();
+    // Started from the running loop (a re-initialisation), the mask also
+    // holds the daemon's routed signals: the relay's own handlers need them.
+    for (int sig : vz_terminating)
+        sigdelset(&old_mask, sig);
     sigprocmask(SIG_SETMASK, &old_mask, nullptr);
     ntf_process();
     ntf_exit(0);

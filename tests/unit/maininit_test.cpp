@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <string>
 #include <sys/time.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -213,6 +214,47 @@ TEST(Loop, APassRunsTimersSignalsReinitThenOneInputAtATime)
 
         EXPECT_EQ(recv_datagrams(), -1);
         EXPECT_EQ(events, (Events{"timer", "signal", "reinit", "cust ens", "name first", "name last"}));
+    });
+}
+
+// An interrupt that comes while the pass does its work, after the noted
+// signals were run and before the wait, must still wake the wait: the
+// client that sent it gets no answer otherwise while the network is quiet.
+int interrupt_runs = 0;
+void interrupting_signal(int)
+{
+    note("signal");
+    if (++interrupt_runs == 1)
+        raise(SIGUSR1);   // after this entry's mark was cleared
+    else
+        close(dg_fd);
+}
+
+TEST(Loop, AnInterruptDuringThePassStillWakesTheWait)
+{
+    IN_CHILD(true, {
+        uint16_t name_port;
+        dg_fd = udp_bound(&name_port);
+        ASSERT_GE(dg_fd, 0);
+        ASSERT_EQ(dg_signal(SIGUSR1, interrupting_signal), 0);
+        dg_set_work(loop_recv, loop_redo);
+        events.clear();
+        // Should the wait miss the interrupt, a datagram ends it after 10 s.
+        pid_t late = fork();
+        if (late == 0) {
+            sleep(10);
+            int s = socket(AF_INET, SOCK_DGRAM, 0);
+            send_to(s, name_port, "late");
+            _exit(0);
+        }
+        raise(SIGUSR1);
+        EXPECT_EQ(recv_datagrams(), -1);
+        EXPECT_EQ(events, (Events{"signal", "signal"}));
+        kill(late, SIGKILL);
+        waitpid(late, nullptr, 0);
+        sigset_t now;
+        sigprocmask(SIG_SETMASK, nullptr, &now);
+        EXPECT_FALSE(sigismember(&now, SIGUSR1)) << "the loop's end gives the mask back";
     });
 }
 
