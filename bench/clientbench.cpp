@@ -24,7 +24,7 @@ constexpr long MAX_DURATION = 3600;   // seconds
 {
     fprintf(stderr, "halyard-clientbench: %s%s\n"
                     "usage: halyard-clientbench --name NAME<hh> [--count N] [--duration SEC]"
-                    " [--dir DIR]\n",
+                    " [--timeout SEC] [--dir DIR]\n",
             what, val);
     exit(EXIT_USAGE);
 }
@@ -61,7 +61,7 @@ int main(int argc, char** argv)
 {
     const char* text = nullptr;
     const char* dir = nullptr;
-    long count = 10000, duration = 60;
+    long count = 10000, duration = 60, timeout = NSC_TIMEOUT;
     for (int i = 1; i < argc; i++) {
         const char* opt = argv[i];
         if (i + 1 >= argc)
@@ -75,6 +75,9 @@ int main(int argc, char** argv)
         } else if (strcmp(opt, "--duration") == 0) {
             if ((duration = parse_number(val, MAX_DURATION)) < 0)
                 usage_error("--duration: 1 to 3600 seconds: ", val);
+        } else if (strcmp(opt, "--timeout") == 0) {
+            if ((timeout = parse_number(val, 60)) < 0)
+                usage_error("--timeout: 1 to 60 seconds: ", val);
         } else if (strcmp(opt, "--dir") == 0) {
             dir = val;
         } else {
@@ -88,7 +91,7 @@ int main(int argc, char** argv)
         usage_error("--name: not a name NAME<hh>: ", text);
 
     NscConn conn;
-    nsc_setup(&conn, dir, 0);
+    nsc_setup(&conn, dir, int(timeout));
     std::vector<double> lat;
     lat.reserve(size_t(count));
     long ok = 0, failed = 0;
