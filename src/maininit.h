@@ -25,10 +25,10 @@ using dg_signal_fn = void (*)(int sig);
 constexpr int DG_MAX_SIGNALS = 5;
 int dg_signal(int sig, dg_signal_fn fn);  // 0, or -1 when full
 void signal_hndlr(int sig);               // marks the signal's entries
-void check_signals();
+void check_signals();                     // runs the marked entries' work
 // The signal mask for the receiver's wait once the loop runs (the routed
 // signals let through), or null before: then the wait keeps the mask as it is.
-const sigset_t* dg_wait_mask();                     // runs the marked entries' work
+const sigset_t* dg_wait_mask();
 
 // Descriptors polled beside the name-service socket; the handler gets every
 // datagram that arrives on its descriptor. Its result is ignored. Room for 5.

@@ -28,8 +28,8 @@ std::array<nt_entry*, NT_BUCKETS> buckets{};
 
 nt_entry*& bucket_of(const uint8_t* name)
 {
-    // The two halves multiplied by odd constants; the top bits are the
-    // best mixed. Names differing in any byte land apart.
+    // The two halves multiplied by odd constants and mixed: every byte
+    // counts, and names that differ in one byte only spread too.
     uint64_t a, b;
     memcpy(&a, name, 8);
     memcpy(&b, name + 8, 8);
@@ -97,7 +97,8 @@ int drive(int cmd, const uint8_t* name, int32_t kind, nbunx_req* block)
 }
 
 // The driver gave the name up, or could not say: announce it free, take it
-// out of the driver, free the entry (already unlinked by the caller).
+// out of the driver, free the entry (out of the list already: the caller
+// unlinked it; out of the lookup chains here).
 void drop(nt_entry* e)
 {
     index_del(e);
