@@ -88,6 +88,16 @@ void fz_truncate_log()
         die("truncate log");
 }
 
+FILE* fz_trace_sink()
+{
+    static char area[1 << 16];
+    static FILE* sink = nullptr;
+    if (sink == nullptr && (sink = fmemopen(area, sizeof area, "w")) == nullptr)
+        die("fmemopen");
+    rewind(sink);  // also clears the error of a full area
+    return sink;
+}
+
 void fz_fake_clock()
 {
     dg_set_clock(fake_time, fake_alarm);

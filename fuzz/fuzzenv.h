@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <ctime>
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
@@ -22,6 +23,11 @@ void fz_private_dirs();
 // private first) that fz_truncate_log empties, so the log's formatting runs.
 void fz_quiet();
 void fz_truncate_log();
+
+// A trace file in memory, rewound: trace lines are formatted as the daemon
+// formats them, without the system call a flushed line to a device costs.
+// What does not fit in its 64 KiB is dropped after formatting.
+FILE* fz_trace_sink();
 
 // The timer table on a fake clock whose alarm never arms.
 void fz_fake_clock();
