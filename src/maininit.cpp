@@ -349,7 +349,9 @@ void write_banner()
     if (tcfile == nullptr || (tc_in == 0 && tc_out == 0 && tc_proc == 0))
         return;
     time_t now = time(nullptr);
-    tc_printf("\n***** %s %s %s starting %s", prog, smbv_string, smbv_variant, ctime_text(&now));
+    // ctime ends in its own newline, so the banner has an empty line before the
+    // dimensions.
+    tc_printf("\n***** %s %s %s starting %s\n", prog, smbv_string, smbv_variant, ctime_text(&now));
     tc_printf("Trace Dimensions:\n");
     if (tc_in != 0)
         tc_printf("\tin   %d\n", tc_in);

@@ -188,12 +188,14 @@ TEST_F(Startup, TraceBannerListsTheSetLevels)
     ASSERT_GT(pid, 0) << lab.last_error();
     ASSERT_TRUE(lab.wait_trace("Trace Dimensions:\n")) << lab.trace();
     std::string trace = lab.trace();
-    EXPECT_EQ(trace.rfind("\n***** Halyard 2.0 ", 0), 0u) << trace;
-    size_t starting = trace.find(" starting ");
-    size_t dims = trace.find("\nTrace Dimensions:\n\tin   2\n\tproc 1\n\n");
-    EXPECT_NE(starting, std::string::npos) << trace;
-    EXPECT_NE(dims, std::string::npos) << trace;
-    EXPECT_LT(starting, dims);
+    // "\n***** Halyard 2.0 LX starting " + ctime text (24 characters and its
+    // newline), then an empty line, then the dimensions.
+    const std::string head = "\n***** Halyard 2.0 LX starting ";
+    const std::string dims = "\n\nTrace Dimensions:\n\tin   2\n\tproc 1\n\n";
+    ASSERT_GE(trace.size(), head.size() + 24 + dims.size()) << trace;
+    EXPECT_EQ(trace.substr(0, head.size()), head) << trace;
+    EXPECT_EQ(trace.substr(head.size() + 24, dims.size()), dims) << trace;
+    EXPECT_NE(trace.substr(head.size(), 24).find(':'), std::string::npos) << trace;
 }
 
 TEST_F(Startup, TraceFileNameCarriesTheDaemonsPid)
