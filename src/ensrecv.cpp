@@ -32,15 +32,9 @@ bool own_address(uint32_t address)
     return a != nullptr && a->host == nullptr;
 }
 
-// The agents send the group flag as an int; we keep it as 1 or 0, the form
-// the cache compares with a claim's group bit.
-int group_flag(int32_t g)
-{
-    return g != 0 ? 1 : 0;
-}
-
 // The body of a positive QUERY response and of an ADD refusal: int group,
-// then ip. True when both were there.
+// then ip. True when both were there. The group flag is kept as the agent
+// sent it: answers test its bit 0, clients get the value itself.
 bool read_group_ip(int* group, uint32_t* address, bool with_marker)
 {
     int32_t g = 0;
@@ -51,7 +45,7 @@ bool read_group_ip(int* group, uint32_t* address, bool with_marker)
         return false;
     if (pktd_ip(address) < 0)
         return false;
-    *group = group_flag(g);
+    *group = g;
     return true;
 }
 
@@ -59,10 +53,6 @@ void query_resp(const DelayCmd* rec)
 {
     TRACE(proc, 3, "ens_recv: got QUERY response, ans %d, err %d\n", pk_ans, pk_err);
     time_t now = dg_now();
-    // An answer under the id of another kind of command says nothing about
-    // that command's name: only our queries are answered and cached.
-    if (rec->kind != DC_QUERY && rec->kind != DC_LQUERY)
-        return;
     if (pk_ans < 0) {
         nda_putncache(rec->name, now);
         return;
@@ -73,6 +63,10 @@ void query_resp(const DelayCmd* rec)
         TRACE(proc, 1, "ens_recv (query_resp): bad packet\n");
         return;
     }
+    // A positive answer under the id of another kind of command is about no
+    // query of ours: nothing to answer and nothing to cache.
+    if (rec->kind != DC_QUERY && rec->kind != DC_LQUERY)
+        return;
     if (rec->kind == DC_QUERY) {
         const uint32_t pktid[2] = {uint32_t(rec->ctx1), rec->ctx2};
         answer_query(rec->name, uint32_t(group), address, &rec->peer, pktid);
@@ -137,6 +131,22 @@ void add_resp(const DelayCmd* rec)
     }
 }
 
+// The bodies of these three are not read.
+void delete_resp()
+{
+    TRACE(proc, 3, "ens_recv: got DELETE response, ans %d, err %d\n", pk_ans, pk_err);
+}
+
+void equiv_resp()
+{
+    TRACE(proc, 3, "ens_recv: got EQUIV response, ans %d, err %d\n", pk_ans, pk_err);
+}
+
+void purge_resp()
+{
+    TRACE(proc, 3, "ens_recv: got PURGE response, ans %d, err %d\n", pk_ans, pk_err);
+}
+
 void handle_response(const DelayCmd* rec)
 {
     switch (pk_action) {
@@ -148,14 +158,14 @@ void handle_response(const DelayCmd* rec)
     case ENS_ADD:
         add_resp(rec);
         break;
-    case ENS_DELETE:  // the bodies of these three are not read
-        TRACE(proc, 3, "ens_recv: got DELETE response, ans %d, err %d\n", pk_ans, pk_err);
+    case ENS_DELETE:
+        delete_resp();
         break;
     case ENS_EQUIV:
-        TRACE(proc, 3, "ens_recv: got EQUIV response, ans %d, err %d\n", pk_ans, pk_err);
+        equiv_resp();
         break;
     case ENS_PURGE:
-        TRACE(proc, 3, "ens_recv: got PURGE response, ans %d, err %d\n", pk_ans, pk_err);
+        purge_resp();
         break;
     default:
         TRACE(proc, 1, "ens_recv: unexpected response action: %d\n", pk_action);
@@ -209,9 +219,8 @@ void equiv_req()
         }
         n++;
     }
-    // An empty list groups nothing: no command for it.
-    if (n > 0)
-        nda_equiv(addrs, n);
+    // An empty list is passed on too: the agents decide what it means.
+    nda_equiv(addrs, n);
 }
 
 void handle_request(const UniAddr* sender, uint32_t id)

@@ -207,7 +207,9 @@ TEST(EnsRecv, EquivRequestsForwardTheFirstTwentyAddresses)
         EXPECT_EQ(got[0].size(), 20u + 20 * 10 + 4);
 
         e.from_agent(cat({header(4, 5), int_item(0)}));
-        EXPECT_TRUE(e.sent().empty()) << "an empty list groups nothing";
+        got = e.sent();
+        ASSERT_EQ(got.size(), 1u) << "an empty list is passed on too";
+        EXPECT_EQ(got[0], cat({header(id_of(got[0]), 5), int_item(0)}));
     });
 }
 
@@ -231,6 +233,40 @@ TEST(EnsRecv, ResponsesMatchTheirCommandOnce)
         fake_now += 100;
         check_calls(fake_now);
         EXPECT_TRUE(e.sent().empty()) << "an answered command is not sent again";
+
+        // QUERY answers under the id of another kind of command: a negative
+        // one is cached for that command's name, a bad body is reported.
+        const struct { int32_t ans; Bytes body; int cached; const char* line; } cases[] = {
+            {-1, {}, 0, "ens_recv: got QUERY response, ans -1, err 0\n"},
+            {0, int_item(1), -1, "ens_recv (query_resp): bad packet\n"},
+        };
+        for (const auto& c : cases) {
+            SCOPED_TRACE(c.line);
+            Bytes name = ns_name(c.ans < 0 ? "GONE" : "KEPT");
+            nda_delete(name.data(), &addr, 1);
+            got = e.sent();
+            ASSERT_EQ(got.size(), 1u);
+            e.trace();
+            e.from_agent(cat({header(id_of(got[0]), 0x80000001, c.ans), c.body}));
+            EXPECT_NE(e.trace().find(c.line), std::string::npos);
+            uint32_t a = 0;
+            int g = 0;
+            EXPECT_EQ(nda_getcache(&a, &g, name.data(), fake_now), c.cached);
+        }
+        for (uint32_t action : {0x80000005u, 0x80000007u}) {
+            uint32_t one = addr;
+            if (action == 0x80000005u)
+                nda_equiv(&one, 1);
+            else
+                nda_purge(one);
+            got = e.sent();
+            ASSERT_EQ(got.size(), 1u);
+            e.trace();
+            e.from_agent(header(id_of(got[0]), action, 1, 2));
+            EXPECT_NE(e.trace().find(action == 0x80000005u ? "ens_recv: got EQUIV response, ans 1, err 2\n"
+                                                           : "ens_recv: got PURGE response, ans 1, err 2\n"),
+                      std::string::npos);
+        }
     });
 }
 
@@ -253,7 +289,8 @@ TEST(EnsRecv, QueryResponsesAnswerTheWaitingLookupAndAreCached)
             bool answered;   // the client got its answer
             const char* line;
         } cases[] = {
-            {"positive, group", "HOST1", cat({int_item(1), int_item(1), ip_item("10.88.0.9")}), 0, 1,
+            // The group flag goes to the cache and the client as the agent sent it.
+            {"positive, group", "HOST1", cat({int_item(3), int_item(1), ip_item("10.88.0.9")}), 0, 1,
              true, "query_resp: answering local query\n"},
             {"positive, marker 0", "HOST2", cat({int_item(1), int_item(0), ip_item("10.88.0.9")}), 0,
              -1, false, "ens_recv (query_resp): bad packet\n"},
@@ -280,7 +317,7 @@ TEST(EnsRecv, QueryResponsesAnswerTheWaitingLookupAndAreCached)
             EXPECT_EQ(nda_getcache(&a, &g, name.data(), fake_now), c.cached);
             if (c.cached == 1) {
                 EXPECT_EQ(a, inet_addr("10.88.0.9"));
-                EXPECT_EQ(g, 1);
+                EXPECT_EQ(g, 3);
             }
             int32_t id = 0;
             uint32_t xid = 0;
@@ -296,7 +333,7 @@ TEST(EnsRecv, QueryResponsesAnswerTheWaitingLookupAndAreCached)
                 const uint8_t* d = msg + NS_HDRSIZE;
                 EXPECT_EQ(Bytes(d, d + 4), int_item(0));
                 EXPECT_EQ(Bytes(d + 4, d + 12), Bytes({'I', 0, 4, 0, 10, 88, 0, 9}));
-                EXPECT_EQ(Bytes(d + 68, d + 72), int_item(1));
+                EXPECT_EQ(Bytes(d + 68, d + 72), int_item(3));
             } else {
                 EXPECT_EQ(n, -1) << "no answer to the client yet";
                 rm_lu(lu);
