@@ -398,13 +398,13 @@ void do_nbscope(ns_hdr* h, uint8_t* data)
     memcpy(data, nb_scope, strnlen(nb_scope, sizeof nb_scope - 1));
 }
 
-// The dump needs the trace file: levels set while it could not be opened
-// answer as tracing off.
+// The status says whether tracing is on; the table is written only when
+// the trace file could be opened.
 void do_enstable(ns_hdr* h, uint8_t* data)
 {
     answer(h, NS_ENSTABLE, 4);
-    bool tracing = (tc_proc != 0 || tc_in != 0 || tc_out != 0) && tcfile != nullptr;
-    if (tracing)
+    bool tracing = tc_proc != 0 || tc_in != 0 || tc_out != 0;
+    if (tracing && tcfile != nullptr)
         dump_enstable(tcfile);
     put32(data, 0, tracing ? 0 : -1);
 }

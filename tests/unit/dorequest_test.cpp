@@ -416,4 +416,12 @@ TEST_F(Requests, TraceOnEnsTableDumpsAndAShortRequest)
                              "len\t4\n", "data\t00 00 00 00 ", "do_request: get_request failed\n"})
         EXPECT_NE(text.find(line), std::string::npos) << line << " in\n" << text;
     EXPECT_STREQ(opstring(0x1FFF), "Unrecognized | NS_RESPONSE");
+
+    // Tracing on with no trace file open: still status 0, nothing written.
+    FILE* saved = tcfile;
+    tcfile = nullptr;
+    send(NS_ENSTABLE, 2);
+    do_request(SIGINT);
+    tcfile = saved;
+    EXPECT_EQ(responses(), (std::vector<std::string>{"100a 2 4 0 0"}));
 }
