@@ -233,7 +233,6 @@ int neg_adapstat(npkt* out, const npkt* in)
     if (off < 0)
         return 0;
     off += fill_rr_header(p + off, RR_NULL, RR_IN, 0, 0);
-    out->flags &= ~NPKT_STAT;
     out->pktid[0] = in->pktid[0];
     out->size = off;
     return out->size;

@@ -201,7 +201,19 @@ TEST(AdapterStatus, AnswersAndRequestsOnTheWire)
         ASSERT_EQ(got.size(), 12u + 34 + 57 + 36);
         EXPECT_EQ(got[56], 2) << "a broadcast request for a local name is answered";
         answer(name16("OTHER"), true);   // silence: checked by the next datagram being the directed one
+        // The negative answer is still an adapter-status response in the
+        // out-level dump, although its record carries no status.
+        tcfile = tmpfile();
+        tc_out = 1;
         answer(name16("OTHER"), false);
+        std::string dump(4096, '\0');
+        rewind(tcfile);
+        dump.resize(fread(dump.data(), 1, dump.size(), tcfile));
+        EXPECT_NE(dump.find("\ttype Adapter Status Response\n"), std::string::npos) << dump;
+        EXPECT_NE(dump.find(" STAT\n"), std::string::npos) << dump;
+        fclose(tcfile);
+        tcfile = nullptr;
+        tc_out = 0;
         got = next();
         ASSERT_EQ(got.size(), 12u + 34 + 10);
         EXPECT_EQ(Bytes(got.begin(), got.begin() + 4), (Bytes{0x12, 0x34, 0x84, 0x03}));
