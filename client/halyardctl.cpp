@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "client/nsclient.h"
+#include "nversion.h"
 #include "shr/uniinet.h"
 
 namespace {
@@ -25,7 +26,7 @@ const char* const help_text =
     "\n"
     "SYNOPSIS\n"
     "    halyardctl [--json] [--dir DIR] [--timeout SECONDS] COMMAND [ARGUMENTS]\n"
-    "    halyardctl --help\n"
+    "    halyardctl --help | --version\n"
     "\n"
     "DESCRIPTION\n"
     "    halyardctl sends one request to the name server through its FIFOs and\n"
@@ -61,6 +62,7 @@ const char* const help_text =
     "                         message, 1 to 3600 (default 15)\n"
     "    --group              with add: a group name\n"
     "    -h, --help           show this text\n"
+    "    --version            show the version of Halyard\n"
     "\n"
     "EXIT STATUS\n"
     "    0  success\n"
@@ -436,6 +438,9 @@ int parse_args(int argc, char** argv, Opts* o)
                 o->group = true;
             } else if (strcmp(a, "-h") == 0 || strcmp(a, "--help") == 0) {
                 fputs(help_text, stdout);
+                exit(EX_OKAY);
+            } else if (strcmp(a, "--version") == 0) {
+                printf("halyardctl (Halyard) %s %s\n", smbv_string, smbv_variant);
                 exit(EX_OKAY);
             } else if (strcmp(a, "--dir") == 0 || strcmp(a, "--timeout") == 0) {
                 if (i + 1 >= argc)

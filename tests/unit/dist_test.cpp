@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "nmtrace.h"
+#include "nversion.h"
 #include "shr/logcatmsg.h"
 #include "shr/logging.h"
 #include "src/namelogin.h"
@@ -62,7 +63,8 @@ TEST(ManPages, FormatWithoutWarnings)
         GTEST_SKIP() << "groff and man are not installed (packages groff-base, man-db)";
     for (const char* page : man_pages) {
         SCOPED_TRACE(page);
-        std::string path = source(page), out;
+        // The pages as the build made them, with the version filled in.
+        std::string path = std::string(halyard_build_dir()) + "/" + page, out;
         // groff alone, then man as a reader sees it on an 80-column terminal.
         EXPECT_EQ(shell("groff -ww -man -z '" + path + "' 2>&1", &out), 0) << out;
         EXPECT_EQ(out, "");
@@ -87,6 +89,23 @@ std::string roff(std::string word)
     for (size_t i = word.find('-'); i != std::string::npos; i = word.find('-', i + 2))
         word.replace(i, 1, "\\-");
     return word;
+}
+
+// The manual pages, halyardctl and the README name the version the daemon
+// reports in its log and trace.
+TEST(ManPages, ShowTheVersionTheDaemonReports)
+{
+    const std::string version = std::string("Halyard ") + smbv_string + " " + smbv_variant;
+    for (const char* page : man_pages) {
+        SCOPED_TRACE(page);
+        std::string text = lab_read_file(std::string(halyard_build_dir()) + "/" + page);
+        EXPECT_NE(text.substr(0, text.find('\n')).find("\"" + version + "\""), std::string::npos);
+        EXPECT_EQ(text.find("@HALYARD"), std::string::npos);
+    }
+    std::string out;
+    EXPECT_EQ(shell(std::string(HALYARDCTL_BINARY) + " --version", &out), 0);
+    EXPECT_EQ(out, std::string("halyardctl (Halyard) ") + smbv_string + " " + smbv_variant + "\n");
+    EXPECT_NE(lab_read_file(source("README.md")).find(version), std::string::npos);
 }
 
 TEST(ManPages, ConfigPageNamesEveryDirective)
