@@ -15,6 +15,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <optional>
@@ -26,7 +27,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 // The README's bound on the daemon's resident size under any traffic.
-constexpr int64_t RSS_BOUND_KIB = 24 * 1024;
+constexpr int64_t RSS_BOUND_KIB = 16 * 1024;
 
 double since(Clock::time_point t)
 {
@@ -47,20 +48,35 @@ Bytes name_query(uint16_t id, const Bytes& name)
     return ns_packet(id, 0x01, 0x10, {1, 0, 0, 0}, name, {0}, {0, 0x20, 0, 1});
 }
 
-// A node-status answer with `n` names and the 46-byte statistics.
-Bytes status_answer(uint16_t id, int n)
+struct Entry {
+    Bytes name;
+    uint16_t flags;  // 0x0400 active, 0x0600 active and permanent
+};
+
+// A node-status answer with these names and the 46-byte statistics.
+Bytes status_answer(uint16_t id, const std::vector<Entry>& names)
 {
-    Bytes rdata{uint8_t(n)};
-    for (int i = 0; i < n; i++) {
-        Bytes e = nb(("HOST" + std::to_string(i)).c_str());
-        rdata.insert(rdata.end(), e.begin(), e.end());
-        rdata.push_back(0x04);
-        rdata.push_back(0x00);
+    Bytes rdata{uint8_t(names.size())};
+    for (const Entry& e : names) {
+        rdata.insert(rdata.end(), e.name.begin(), e.name.end());
+        rdata.push_back(uint8_t(e.flags >> 8));
+        rdata.push_back(uint8_t(e.flags));
     }
     rdata.resize(rdata.size() + 46, 0);
     Bytes rest{0, 0x21, 0, 1, 0, 0, 0, 0, uint8_t(rdata.size() >> 8), uint8_t(rdata.size())};
-    rest.insert(rest.end(), rdata.begin(), rdata.end());
+    size_t at = rest.size();
+    rest.resize(at + rdata.size());
+    std::copy(rdata.begin(), rdata.end(), rest.begin() + long(at));
     return ns_packet(id, 0x84, 0x00, {0, 1, 0, 0}, nb("*", 0), {0}, rest);
+}
+
+// n names HOST0 to HOSTn-1.
+Bytes status_answer(uint16_t id, int n)
+{
+    std::vector<Entry> names;
+    for (int i = 0; i < n; i++)
+        names.push_back({nb(("HOST" + std::to_string(i)).c_str()), 0x0400});
+    return status_answer(id, names);
 }
 
 // 10.90.0.0/15: room for 131,072 senders, routed through station 1.
@@ -265,3 +281,40 @@ TEST_F(Flood, AgentsThatNeverAnswerWhileClientsKeepLookingUp)
     EXPECT_TRUE(at_second) << "the ADD of LATER never reached the second agent";
     still_serving("silent agents");
 }
+
+// Our own status answer (a client asks one of our addresses) and forged ones
+// naming our address: none may make us a host of the table, or our own
+// queries and an agent's refusal of a local name would go unrecognised.
+TEST_F(Flood, StatusAnswersNamingAnOwnAddressNeverMakeAForeignHost)
+{
+    ASSERT_TRUE(start());
+    std::string out;
+    EXPECT_EQ(lab.halyardctl({"status", "10.88.0.1", "FLOOD<20>"}, &out), 0) << out;
+    const Bytes own = ndasim::permanent_name("10.88.0.1");
+    // Forged from a stranger, and from station 1, each listing our address.
+    Bytes forged = status_answer(1, {{nb("FORGED"), 0x0400}, {own, 0x0600},
+                                     {ndasim::permanent_name("10.90.0.7"), 0x0600}});
+    ASSERT_TRUE(lab.send_raw_udp(raw, sender(7), 137, inet_addr("10.88.0.1"), 137, forged));
+    int fd = lab.udp_socket(lab_station1, 137);
+    ASSERT_GE(fd, 0);
+    ASSERT_TRUE(lab.send_to(fd, "10.88.0.1", 137, status_answer(2, {{nb("FORGED2"), 0x0400}, {own, 0x0600}})));
+    ASSERT_TRUE(answered(0x4242, nb("FLOOD")));  // read after the forged ones
+    ASSERT_NE(ens_names(), size_t(-1));
+    std::string t = lab.trace();
+    std::string dump = t.substr(t.rfind("\nENS table --\n"));
+    EXPECT_EQ(dump.find("10.88.0.1"), std::string::npos) << dump;
+    EXPECT_EQ(dump.find("forged"), std::string::npos) << dump;
+
+    // An agent that knows another owner of a new local name still takes it
+    // from us: the log says so and the name is gone.
+    ASSERT_EQ(lab.halyardctl({"add", "MINE<20>"}), 0);
+    std::optional<ndasim::Message> add;
+    for (int i = 0; i < 100 && !(add && add->name == nb("MINE")); i++)
+        add = agents[0].next(20.0, ndasim::add);
+    ASSERT_TRUE(add.has_value() && add->name == nb("MINE")) << lab.trace();
+    ASSERT_TRUE(agents[0].reply_add_refused(*add, false, "10.88.0.9"));
+    EXPECT_TRUE(lab.wait_log("name already exists on network")) << lab.log();
+    EXPECT_TRUE(lab.wait_log("at address 10.88.0.9")) << lab.log();
+    still_serving("own addresses");
+}
+
