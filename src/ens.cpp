@@ -27,7 +27,7 @@ uint32_t probe_addr = 0;  // the address probed last
 // Requests asked and senders heard unasked, each in a table of fixed size
 // indexed by the address: a collision forgets the older entry, which at
 // worst counts an asked answer as unasked. Bounded whatever arrives.
-constexpr int SEEN_SLOTS = 1024;
+constexpr int SEEN_SLOTS = 4096;
 constexpr time_t ASK_WAIT = 10;        // an answer this late was not asked for
 constexpr time_t UNASKED_GAP = 60;     // one new host per unknown sender a minute
 constexpr int UNASKED_PER_SEC = 4;     // in total, with a burst of
@@ -43,9 +43,9 @@ time_t tokens_at = 0;
 
 Seen& slot_of(std::array<Seen, SEEN_SLOTS>& table, uint32_t address)
 {
-    return table[(address * 2654435761u) >> 22];  // the top 10 bits
+    return table[(address * 2654435761u) >> 20];  // the top 12 bits
 }
-static_assert(SEEN_SLOTS == 1 << 10);
+static_assert(SEEN_SLOTS == 1 << 12);
 
 EnsName* host_name(EnsHost* host, const uint8_t* name)
 {
