@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
+#include <chrono>
 #include <climits>
 #include <csignal>
 #include <poll.h>
@@ -300,6 +301,43 @@ TEST(Loop, TheAlarmWakesAnIdleLoopForItsTimer)
         EXPECT_EQ(rest.compare(0, start.size(), start), 0) << rest;
         ASSERT_GE(rest.size(), end.size());
         EXPECT_EQ(rest.substr(rest.size() - end.size()), end) << rest;
+    });
+}
+
+// The alarm of a timer that rings while the pass works (here: a routed
+// signal's work that takes two seconds) must still wake the wait; once it
+// was used up there and the due timer slept until the next datagram.
+void slow_signal(int)
+{
+    note("signal");
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while (std::chrono::steady_clock::now() < until)
+        usleep(50 * 1000);  // a ringing alarm cuts the sleep short
+}
+
+TEST(Loop, AnAlarmDuringThePassStillWakesTheWait)
+{
+    IN_CHILD(true, {
+        uint16_t name_port;
+        dg_fd = udp_bound(&name_port);
+        ASSERT_GE(dg_fd, 0);
+        ASSERT_EQ(dg_signal(SIGUSR1, slow_signal), 0);
+        dg_set_work(loop_recv, loop_redo);
+        events.clear();
+        // Should the wait miss the alarm, a datagram ends it after 10 s.
+        pid_t late = fork();
+        if (late == 0) {
+            sleep(10);
+            int s = socket(AF_INET, SOCK_DGRAM, 0);
+            send_to(s, name_port, "late");
+            _exit(0);
+        }
+        ASSERT_EQ(dg_timer(1, closing_timer, 0), 0);
+        raise(SIGUSR1);
+        EXPECT_EQ(recv_datagrams(), -1);
+        EXPECT_EQ(events, (Events{"signal", "timer"}));
+        kill(late, SIGKILL);
+        waitpid(late, nullptr, 0);
     });
 }
 
