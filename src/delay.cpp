@@ -106,6 +106,10 @@ bool link_rec(DelayCmd* rec)
         auto q = d_queries.find(key_of(rec->name));
         if (q != d_queries.end() && q->second == rec)
             d_queries.erase(q);
+        // An empty queue would hide the later ones from earliest().
+        auto it = d_slots.find(rec->expiry);
+        if (it != d_slots.end() && it->second.head == nullptr)
+            d_slots.erase(it);
         return false;
     }
 }
@@ -354,10 +358,7 @@ void check_verify(const uint32_t* addrs, int n)
     const EnsAddr* a = ens_a_lookup(rec->addrs[0]);
     if (a == nullptr || a->host == nullptr)
         return;  // the time-out answers
-    bool held = false;
-    for (EnsName* e = ens_n_lookup(rec->name); e != nullptr && !held; e = ens_n_next(rec->name, e))
-        held = e->host == a->host;
-    if (held)
+    if (ens_n_find(rec->name, a->host) != nullptr)
         verify_response(rec, 0, 0);
     else
         verify_response(rec, VERIFY_NO_ANS, VERIFY_NO_ERR);

@@ -40,6 +40,8 @@ int host_ct = 0;
 int name_ct = 0;
 int addr_ct = 0;
 
+bool same_name(const EnsName* e, const uint8_t* name) { return memcmp(e->name, name, 16) == 0; }
+
 NameKey key_of(const uint8_t* name)
 {
     NameKey k;
@@ -278,15 +280,24 @@ EnsAddr* ens_a_lookup(uint32_t address)
     return it != a_index.end() ? it->second : nullptr;
 }
 
+EnsName* ens_n_find(const uint8_t* name, const EnsHost* host)
+{
+    if (host == nullptr)
+        return nullptr;
+    for (EnsName* e = host->names; e != nullptr; e = e->host_next) {
+        if (same_name(e, name))
+            return e;
+    }
+    return nullptr;
+}
+
 int ens_n_del(const uint8_t* name, EnsHost* host)
 {
-    for (EnsName* e = ens_n_lookup(name); e != nullptr; e = ens_n_next(name, e)) {
-        if (e->host == host) {
-            drop_name(e);
-            return 0;
-        }
-    }
-    return -1;
+    EnsName* e = ens_n_find(name, host);
+    if (e == nullptr)
+        return -1;
+    drop_name(e);
+    return 0;
 }
 
 int ens_a_del(uint32_t address)

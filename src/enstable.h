@@ -82,6 +82,10 @@ EnsName* ens_n_lookup(const uint8_t* name);
 EnsName* ens_n_next(const uint8_t* name, EnsName* entry);
 EnsAddr* ens_a_lookup(uint32_t address);  // null when unknown
 
+// The newest entry of that name held by host, or null: a walk of the host's
+// names, never of every host that has the name (a group name may be
+// held by thousands).
+EnsName* ens_n_find(const uint8_t* name, const EnsHost* host);
 int ens_n_del(const uint8_t* name, EnsHost* host);  // 0, or -1 when there is none
 int ens_a_del(uint32_t address);                    // 0, or -1 when there is none
 void ens_free(EnsHost* host);                        // the host with all its entries
