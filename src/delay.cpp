@@ -11,6 +11,7 @@
 #include "shr/uniinet.h"
 #include "src/cust.h"
 #include "src/enstable.h"
+#include "src/hashkey.h"
 #include "src/maininit.h"
 #include "src/namelogin.h"
 #include "src/query.h"
@@ -28,22 +29,9 @@ std::map<time_t, Slot> d_slots;
 // Beside it, by ENS id (every response), by name for the outstanding
 // queries (merging), and by address for the verifications (every status
 // answer): with thousands of records nothing walks them.
-std::unordered_map<uint32_t, DelayCmd*> d_ids;
-struct NameKey {
-    std::array<uint8_t, 16> b;
-    bool operator==(const NameKey&) const = default;
-};
-struct NameHash {
-    size_t operator()(const NameKey& k) const
-    {
-        uint64_t h = 1469598103934665603ull;  // FNV-1a
-        for (uint8_t c : k.b)
-            h = (h ^ c) * 1099511628211ull;
-        return size_t(h);
-    }
-};
+std::unordered_map<uint32_t, DelayCmd*> d_ids;  // our own ids: no seed needed
 std::unordered_map<NameKey, DelayCmd*, NameHash> d_queries;
-std::unordered_multimap<uint32_t, DelayCmd*> d_verifies;
+std::unordered_multimap<uint32_t, DelayCmd*, AddrHash> d_verifies;
 int d_count = 0;             // records, merged ones included
 int d_pending = 0;           // 1 while a timer is armed for serve_delay
 uint32_t next_xid = 1;
@@ -73,12 +61,7 @@ bool is_query(int kind)
     return kind == DC_QUERY || kind == DC_LQUERY;
 }
 
-NameKey key_of(const uint8_t* name)
-{
-    NameKey k;
-    memcpy(k.b.data(), name, 16);
-    return k;
-}
+NameKey key_of(const uint8_t* name) { return hk_name(name); }
 
 DelayCmd* earliest()
 {

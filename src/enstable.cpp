@@ -7,6 +7,7 @@
 
 #include "misc/nencode.h"
 #include "nmtrace.h"
+#include "src/hashkey.h"
 #include "src/nbndgio.h"
 
 namespace {
@@ -18,21 +19,8 @@ std::array<EnsAddr*, ENS_ABUCKETS> ha_table{};
 // an index from the bytes of a name, and from an address, to the newest
 // entry of them. The address buckets are the first octet, so a whole LAN
 // shares one; every lookup would otherwise walk all its hosts.
-struct NameKey {
-    std::array<uint8_t, 16> b;
-    bool operator==(const NameKey&) const = default;
-};
-struct NameHash {
-    size_t operator()(const NameKey& k) const
-    {
-        uint64_t h = 1469598103934665603ull;  // FNV-1a
-        for (uint8_t c : k.b)
-            h = (h ^ c) * 1099511628211ull;
-        return size_t(h);
-    }
-};
 std::unordered_map<NameKey, EnsName*, NameHash> n_index;
-std::unordered_map<uint32_t, EnsAddr*> a_index;
+std::unordered_map<uint32_t, EnsAddr*, AddrHash> a_index;
 
 EnsHost* oldest = nullptr;  // least recently heard of first
 EnsHost* newest = nullptr;
@@ -42,12 +30,7 @@ int addr_ct = 0;
 
 bool same_name(const EnsName* e, const uint8_t* name) { return memcmp(e->name, name, 16) == 0; }
 
-NameKey key_of(const uint8_t* name)
-{
-    NameKey k;
-    memcpy(k.b.data(), name, 16);
-    return k;
-}
+NameKey key_of(const uint8_t* name) { return hk_name(name); }
 
 int hash_name(const uint8_t* n)
 {

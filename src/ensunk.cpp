@@ -4,6 +4,7 @@
 #include <new>
 #include <unordered_map>
 
+#include "src/hashkey.h"
 #include "src/query.h"
 
 namespace {
@@ -12,7 +13,7 @@ UnkRec* unk = nullptr;  // most recently heard first
 UnkRec* last = nullptr;
 int unk_ct = 0;
 // By address, so that a query from an unknown sender does not walk them all.
-std::unordered_map<uint32_t, UnkRec*> unk_index;
+std::unordered_map<uint32_t, UnkRec*, AddrHash> unk_index;
 dg_time_fn clock_fn = nullptr;
 
 time_t now_time() { return clock_fn != nullptr ? clock_fn() : time(nullptr); }
