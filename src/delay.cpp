@@ -25,13 +25,16 @@ struct Slot {
     DelayCmd* head;
     DelayCmd* tail;
 };
-std::map<time_t, Slot> d_slots;
 // Beside it, by ENS id (every response), by name for the outstanding
 // queries (merging), and by address for the verifications (every status
 // answer): with thousands of records nothing walks them.
-std::unordered_map<uint32_t, DelayCmd*> d_ids;  // our own ids: no seed needed
-std::unordered_map<NameKey, DelayCmd*, NameHash> d_queries;
-std::unordered_multimap<uint32_t, DelayCmd*, AddrHash> d_verifies;
+// Made once and never destroyed, so that the records are still reachable
+// (not reported as leaks) when the process ends with commands pending.
+std::map<time_t, Slot>& d_slots = *new std::map<time_t, Slot>;
+std::unordered_map<uint32_t, DelayCmd*>& d_ids = *new std::unordered_map<uint32_t, DelayCmd*>;  // our own ids
+std::unordered_map<NameKey, DelayCmd*, NameHash>& d_queries = *new std::unordered_map<NameKey, DelayCmd*, NameHash>;
+std::unordered_multimap<uint32_t, DelayCmd*, AddrHash>& d_verifies =
+    *new std::unordered_multimap<uint32_t, DelayCmd*, AddrHash>;
 int d_count = 0;             // records, merged ones included
 int d_pending = 0;           // 1 while a timer is armed for serve_delay
 uint32_t next_xid = 1;
