@@ -36,19 +36,43 @@ int sf_lockgrab(int fd, int mode)
     // back exactly as it was installed.
     struct sigaction old_action;
     sigaction(SIGALRM, nullptr, &old_action);
+    // The daemon's loop keeps the alarm blocked outside its wait: it is let
+    // through for this wait, or the wait could never time out. An alarm of
+    // the loop's already pending is no time-out of ours: it is taken aside
+    // and raised again afterwards, for the loop's wait.
+    sigset_t alrm, old_mask;
+    sigemptyset(&alrm);
+    sigaddset(&alrm, SIGALRM);
+    sigprocmask(SIG_BLOCK, nullptr, &old_mask);
+    bool blocked = sigismember(&old_mask, SIGALRM) == 1;
+    bool was_pending = false;
+    if (blocked) {
+        sigset_t pending;
+        sigpending(&pending);
+        if (sigismember(&pending, SIGALRM) == 1) {
+            const struct timespec none = {0, 0};
+            was_pending = sigtimedwait(&alrm, nullptr, &none) == SIGALRM;
+        }
+    }
     alarm_rang = 0;
     // The handler goes in before the alarm is armed, so the alarm can never
     // find the default action (which would end the process).
     vz_signal(SIGALRM, do_nothing);
     unsigned left = alarm(unsigned(timer));
+    if (blocked)
+        sigprocmask(SIG_UNBLOCK, &alrm, nullptr);
     int rc;
     do {
         rc = fcntl(fd, F_SETLKW, &fl);
         // Another signal (the client-request one) is no time-out: wait on.
     } while (rc != 0 && errno == EINTR && alarm_rang == 0);
     alarm(0);
+    if (blocked)
+        sigprocmask(SIG_SETMASK, &old_mask, nullptr);
     sigaction(SIGALRM, &old_action, nullptr);
     if (left != 0)
         alarm(left > unsigned(timer) ? left - unsigned(timer) : 1);
+    if (was_pending)
+        raise(SIGALRM);
     return rc == 0 ? 0 : -1;
 }

@@ -32,10 +32,19 @@ struct DelayCmd {
     uint32_t flags;      // name flags (3), claimer's group flag (1)
     int nda_index;       // agent now tried
     int tries;           // sends to it so far
-    DelayCmd* next;
+    DelayCmd* next;      // the next record due (at the same second, or later)
+    DelayCmd* prev;
+    // Queries for the same name while one is out wait on it instead of
+    // asking again: answered with it, given up with it.
+    DelayCmd* merged;
 };
 
-// The first record with that ENS id, or null.
+// Any station can start commands (queries, claims, VERIFY requests): the
+// records are capped, and at the cap the one due first is given up.
+constexpr int DC_MAX = 4096;
+int delay_count();  // records kept, merged queries included
+
+// The record listed with that ENS id, or null (merged queries are not listed).
 DelayCmd* find_delay(uint32_t id);
 int rm_delay(DelayCmd* rec);  // unlinks and frees: 0, or -1 when not listed
 // A status request to the claimer 5 seconds from now.
@@ -55,8 +64,9 @@ DelayCmd* dc_alloc();
 // first send for the kinds that send, then into the list. A sending kind
 // with no agent to send to is freed at once.
 void dc_start(DelayCmd* rec, time_t now);
-// Into the list by due time, after the records due at the same second; serves
-// the list at once when no timer is armed for it.
+// Into the list by due time, after the records due at the same second,
+// without walking the list; serves the list at once when no timer is armed
+// for it.
 void insert_delay(DelayCmd* rec);
 // The timer function: every record due is timed out, then the timer is armed
 // for the new head.

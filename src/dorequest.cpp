@@ -30,10 +30,15 @@ struct lu_rec {
     uint32_t op;        // NS_LOOKUP or NS_ADAPSTAT
     int32_t id;
     uint32_t xid;
+    time_t expiry;      // when it fails unanswered
 };
 
 lu_rec* lu_list = nullptr;   // newest first
 int32_t l_id = 0;
+// The waiting lookups share one timer, armed for the earliest of them:
+// with a timer each, a few clients waiting on the network would fill the
+// timer table and strand the claims, the probe and the agent commands.
+bool lu_timer = false;
 
 constexpr int LOOKUP_WAIT = 5;     // seconds a lookup waits for the network
 constexpr int LIST_MAX = 200;      // name entries in one NS_LISTNAME message
@@ -95,13 +100,53 @@ int own_addresses(uint32_t* out)
     return n;
 }
 
+void serve_lookups(int32_t);
+
+// The shared timer for the earliest waiting lookup, unless it is armed;
+// false when none could be armed for a waiting lookup.
+bool arm_lookups(time_t now)
+{
+    if (lu_timer)
+        return true;
+    time_t next = 0;
+    for (const lu_rec* r = lu_list; r != nullptr; r = r->next) {
+        if (next == 0 || r->expiry < next)
+            next = r->expiry;
+    }
+    if (next == 0)
+        return true;
+    lu_timer = dg_timer(next > now ? int(next - now) : 1, serve_lookups, 0) == 0;
+    return lu_timer;
+}
+
+// The timer: every lookup due fails, then the timer goes to the next one.
+void serve_lookups(int32_t)
+{
+    lu_timer = false;
+    time_t now = dg_now();
+    for (bool failed = true; failed;) {
+        failed = false;
+        for (const lu_rec* r = lu_list; r != nullptr; r = r->next) {
+            if (r->expiry <= now) {
+                fail_lookup(r->id);  // takes r from the list: walk again
+                failed = true;
+                break;
+            }
+        }
+    }
+    if (!arm_lookups(now)) {
+        while (lu_list != nullptr)
+            fail_lookup(lu_list->id);
+    }
+}
+
 // Starts the wait of a lookup or status request; its answer comes later.
 void wait_for(const uint8_t* name, uint32_t address, uint32_t op, uint32_t xid)
 {
     add_lu(name, address, op, l_id, xid);
     // With the timer table full nothing would end the wait: the client gets
     // its "not found" now, and no record stays behind for good.
-    if (dg_timer(LOOKUP_WAIT, fail_lookup, l_id) < 0)
+    if (!arm_lookups(dg_now()))
         fail_lookup(l_id);
     l_id = l_id == INT32_MAX ? 0 : l_id + 1;   // long gone by the time it wraps
 }
@@ -118,6 +163,7 @@ int add_lu(const uint8_t* name, uint32_t address, uint32_t op, int32_t id, uint3
     r->op = op;
     r->id = id;
     r->xid = xid;
+    r->expiry = dg_now() + LOOKUP_WAIT;
     r->next = lu_list;
     lu_list = r;
     return 0;

@@ -1,5 +1,7 @@
 #include "src/ens.h"
 
+#include <algorithm>
+#include <array>
 #include <cstring>
 
 #include "misc/nencode.h"
@@ -21,6 +23,29 @@ constexpr time_t STALE_AFTER = 1800;      // a host silent this long is probed
 constexpr int MAX_PROBES = 3;             // silent probes before the purge
 
 uint32_t probe_addr = 0;  // the address probed last
+
+// Requests asked and senders heard unasked, each in a table of fixed size
+// indexed by the address: a collision forgets the older entry, which at
+// worst counts an asked answer as unasked. Bounded whatever arrives.
+constexpr int SEEN_SLOTS = 4096;
+constexpr time_t ASK_WAIT = 10;        // an answer this late was not asked for
+constexpr time_t UNASKED_GAP = 60;     // one new host per unknown sender a minute
+constexpr int UNASKED_PER_SEC = 4;     // in total, with a burst of
+constexpr int UNASKED_BURST = 16;
+struct Seen {
+    uint32_t address;
+    time_t time;
+};
+std::array<Seen, SEEN_SLOTS> asked{};
+std::array<Seen, SEEN_SLOTS> unasked{};
+int tokens = UNASKED_BURST;
+time_t tokens_at = 0;
+
+Seen& slot_of(std::array<Seen, SEEN_SLOTS>& table, uint32_t address)
+{
+    return table[(address * 2654435761u) >> 20];  // the top 12 bits
+}
+static_assert(SEEN_SLOTS == 1 << 12);
 
 EnsName* host_name(EnsHost* host, const uint8_t* name)
 {
@@ -51,6 +76,39 @@ void rebuild_host(const as_name* entries, int n, const uint32_t* addrs, int addr
 
 }  // namespace
 
+void ens_asked(uint32_t address)
+{
+    slot_of(asked, address) = {address, dg_now()};
+}
+
+bool ens_may_learn(uint32_t sender)
+{
+    time_t now = dg_now();
+    Seen& a = slot_of(asked, sender);
+    if (a.address == sender && a.time != 0 && now - a.time <= ASK_WAIT) {
+        a = {};  // one answer per request
+        return true;
+    }
+    // A host we know refreshes itself as it likes (within the total); a
+    // sender we do not know makes one new host a minute at most.
+    Seen& u = slot_of(unasked, sender);
+    bool known = ens_a_lookup(sender) != nullptr;
+    if (!known && u.address == sender && u.time != 0 && now - u.time < UNASKED_GAP)
+        return false;
+    if (now != tokens_at) {
+        time_t gained = now > tokens_at ? (now - tokens_at) * UNASKED_PER_SEC : UNASKED_BURST;
+        tokens = int(std::min<time_t>(UNASKED_BURST, tokens + gained));
+        tokens_at = now;
+    }
+    if (tokens == 0) {
+        TRACE(proc, 3, "ens_may_learn: unasked status answer from %s not learned\n", nm_ntoa(sender));
+        return false;
+    }
+    tokens--;
+    u = {sender, now};
+    return true;
+}
+
 void pn2addr(uint32_t* out, const uint8_t* name)
 {
     memcpy(out, name + 10, 4);
@@ -68,6 +126,16 @@ void ens_gotnames(const as_name* entries, int n, uint32_t sender)
     }
     if (count == 0)
         addrs[count++] = sender;
+    // Our own status answer (a client asked one of our addresses), or one
+    // forged with an own address: learning it would make us another host
+    // to ourselves. No other host can hold our addresses, so nothing of it
+    // is learned.
+    for (int i = 0; i < count; i++) {
+        if (ens_a_own(addrs[i])) {
+            TRACE(proc, 3, "ens_gotnames: answer names own address %s, not learned\n", nm_ntoa(addrs[i]));
+            return;
+        }
+    }
 
     for (int i = 0; i < count; i++)
         unk_remove(addrs[i]);
@@ -104,7 +172,7 @@ int add_host(const as_name* entries, int n, const uint32_t* addrs, int addr_n)
     EnsHost* host = ens_create();
     if (host == nullptr)
         return -1;
-    host->time = dg_now();
+    ens_touch(host, dg_now());
     for (int i = 0; i < addr_n; i++) {
         if (ens_a_add(addrs[i], host) < 0) {
             ens_free(host);
@@ -141,7 +209,7 @@ void update_host(const as_name* entries, int n, const uint32_t* addrs, int addr_
         }
     }
 
-    host->time = dg_now();
+    ens_touch(host, dg_now());
     host->probes = 0;
 
     // Names still marked after the answer was walked are gone from the host.
@@ -199,7 +267,7 @@ void add_name_to_host(const uint8_t* name, uint32_t address, uint32_t flags, tim
         if (host == nullptr)
             return;
         made = true;
-        host->time = now;
+        ens_touch(host, now);
         if (ens_a_add(address, host) < 0) {
             ens_free(host);
             return;

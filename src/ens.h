@@ -13,6 +13,12 @@ struct EnsAddr;
 void ens_gotnames(const as_name* entries, int n, uint32_t sender);
 // One name of the host at address, made when unknown; nothing for own addresses.
 void add_name_to_host(const uint8_t* name, uint32_t address, uint32_t flags, time_t now);
+// Status answers that none of our requests asked for are still learned,
+// but at a limited rate, per sender and in total: every name learned is
+// registered at the agents, so forged answers from many senders must fill
+// neither the table nor the agents' queue.
+void ens_asked(uint32_t address);     // a status request went to address
+bool ens_may_learn(uint32_t sender);  // whether sender's status answer is learned now
 void set_probe_timer();  // do_probe in 300 seconds
 void do_probe(int32_t arg);
 

@@ -261,6 +261,11 @@ int ens_recv(int /*fd*/, const uint8_t* bytes, int length, const UniAddr* sender
             return 0;
         }
         handle_response(rec);
+        // Queries merged into this one get the same answer, each read anew.
+        for (const DelayCmd* m = rec->merged; m != nullptr; m = m->merged) {
+            if (pktd_hdr(bytes, length) >= 0)
+                handle_response(m);
+        }
         rm_delay(rec);
     } else {
         handle_request(sender, pk_id);

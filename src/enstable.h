@@ -17,6 +17,8 @@ struct EnsHost {            // all zero when made
     EnsAddr* addrs;         // first (newest) address, linked through host_next
     time_t time;            // when the host was last heard of
     int probes;             // probes sent since its last answer
+    EnsHost* older;         // the hosts by when last heard of (ens_touch), oldest first
+    EnsHost* newer;
 };
 
 // Name entry flags, as in the adapter-status name entries.
@@ -30,6 +32,13 @@ struct EnsName {
     EnsHost* host;
     uint8_t name[16];
     uint32_t flags;
+    // Links kept by the table so that nothing walks a bucket: where this
+    // entry is linked from in its bucket and its host's list, and the older
+    // entries of the same bytes (in bucket order).
+    EnsName** at;
+    EnsName** host_at;
+    EnsName* same;
+    EnsName** same_at;
 };
 
 struct EnsAddr {
@@ -37,15 +46,35 @@ struct EnsAddr {
     EnsAddr* host_next;     // next address of the same host
     EnsHost* host;          // null: one of the daemon's own addresses
     uint32_t address;       // network order
+    EnsAddr** at;           // as for names
+    EnsAddr** host_at;
+    EnsAddr* same;
+    EnsAddr** same_at;
 };
 
 constexpr int ENS_NBUCKETS = 256;
 constexpr int ENS_ABUCKETS = 64;
 
+// Any station can make the daemon learn hosts, so the table is capped: a
+// host, name or address beyond these makes room by forgetting the hosts
+// heard of least recently (the agents keep what was registered for them).
+constexpr int ENS_MAX_HOSTS = 8192;
+constexpr int ENS_MAX_NAMES = 24576;
+constexpr int ENS_MAX_ADDRS = 16384;
+
 // New entries go to the head of their bucket and of their host's list.
+// A new host counts as heard of just now.
 EnsHost* ens_create();  // a zeroed host, or null when memory is short
-int ens_n_add(const uint8_t* name, uint32_t flags, EnsHost* host);  // 0, or -1
-int ens_a_add(uint32_t address, EnsHost* host);                     // 0, or -1; host may be null
+// 0, or -1 (memory short; or, for an address with a host, one of our own
+// addresses, which is never another host's).
+int ens_n_add(const uint8_t* name, uint32_t flags, EnsHost* host);
+int ens_a_add(uint32_t address, EnsHost* host);  // host may be null: an own address
+void ens_touch(EnsHost* host, time_t now);       // heard of at now
+bool ens_a_own(uint32_t address);                // one of our own addresses
+// Entries in the table: learned hosts, their names, all addresses (own ones too).
+int ens_host_count();
+int ens_name_count();
+int ens_addr_count();
 
 // The first entry of that name (the newest), then the next older ones:
 // together one entry per host that has the name. Null past the last.
@@ -53,6 +82,10 @@ EnsName* ens_n_lookup(const uint8_t* name);
 EnsName* ens_n_next(const uint8_t* name, EnsName* entry);
 EnsAddr* ens_a_lookup(uint32_t address);  // null when unknown
 
+// The newest entry of that name held by host, or null: a walk of the host's
+// names, never of every host that has the name (a group name may be
+// held by thousands).
+EnsName* ens_n_find(const uint8_t* name, const EnsHost* host);
 int ens_n_del(const uint8_t* name, EnsHost* host);  // 0, or -1 when there is none
 int ens_a_del(uint32_t address);                    // 0, or -1 when there is none
 void ens_free(EnsHost* host);                        // the host with all its entries

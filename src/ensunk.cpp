@@ -2,12 +2,18 @@
 
 #include <cstring>
 #include <new>
+#include <unordered_map>
 
+#include "src/hashkey.h"
 #include "src/query.h"
 
 namespace {
 
-UnkRec* unk = nullptr;  // newest first
+UnkRec* unk = nullptr;  // most recently heard first
+UnkRec* last = nullptr;
+int unk_ct = 0;
+// By address, so that a query from an unknown sender does not walk them all.
+std::unordered_map<uint32_t, UnkRec*, AddrHash> unk_index;
 dg_time_fn clock_fn = nullptr;
 
 time_t now_time() { return clock_fn != nullptr ? clock_fn() : time(nullptr); }
@@ -22,11 +28,31 @@ void permanent_name(uint8_t out[16], uint32_t address)
 
 UnkRec* find_unk(uint32_t address)
 {
-    for (UnkRec* r = unk; r != nullptr; r = r->next) {
-        if (r->address == address)
-            return r;
-    }
-    return nullptr;
+    auto it = unk_index.find(address);
+    return it != unk_index.end() ? it->second : nullptr;
+}
+
+void unlink_unk(UnkRec* r)
+{
+    (r->before != nullptr ? r->before->next : unk) = r->next;
+    (r->next != nullptr ? r->next->before : last) = r->before;
+    r->next = r->before = nullptr;
+}
+
+void push_unk(UnkRec* r)
+{
+    r->before = nullptr;
+    r->next = unk;
+    (unk != nullptr ? unk->before : last) = r;
+    unk = r;
+}
+
+void free_unk(UnkRec* r)
+{
+    unlink_unk(r);
+    unk_index.erase(r->address);
+    unk_ct--;
+    delete r;
 }
 
 }  // namespace
@@ -41,20 +67,37 @@ bool allowed(const UnkRec* rec, time_t now)
 
 UnkRec* new_unk(uint32_t address)
 {
+    while (unk_ct >= UNK_MAX && last != nullptr)
+        free_unk(last);
     UnkRec* r = new (std::nothrow) UnkRec{};
     if (r == nullptr)
         return nullptr;
+    try {
+        unk_index[address] = r;
+    } catch (...) {
+        delete r;
+        return nullptr;
+    }
     r->address = address;
-    r->next = unk;
-    unk = r;
+    push_unk(r);
+    unk_ct++;
     return r;
+}
+
+int unk_count()
+{
+    return unk_ct;
 }
 
 void unk_as_query(const uint8_t* name, uint32_t address)
 {
     UnkRec* r = find_unk(address);
-    if (r == nullptr && (r = new_unk(address)) == nullptr)
+    if (r != nullptr) {
+        unlink_unk(r);
+        push_unk(r);
+    } else if ((r = new_unk(address)) == nullptr) {
         return;
+    }
     time_t now = now_time();
     if (!allowed(r, now))
         return;
@@ -73,14 +116,8 @@ void unk_as_query(const uint8_t* name, uint32_t address)
 
 void unk_remove(uint32_t address)
 {
-    for (UnkRec** p = &unk; *p != nullptr; p = &(*p)->next) {
-        if ((*p)->address == address) {
-            UnkRec* r = *p;
-            *p = r->next;
-            delete r;
-            return;
-        }
-    }
+    if (UnkRec* r = find_unk(address); r != nullptr)
+        free_unk(r);
 }
 
 void unk_set_clock(dg_time_fn now)

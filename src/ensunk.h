@@ -15,11 +15,16 @@ struct UnkRec {
     time_t last;       // time of the latest request
     time_t prev;       // time of the request before that
     UnkRec* next;
+    UnkRec* before;    // the record ahead of it in the list
 };
+
+// Every station can send from as many addresses as it likes: the records
+// are capped, and the least recently heard goes first.
+constexpr int UNK_MAX = 4096;
 
 // Asks `address` for its adapter status unless it was asked too often
 // lately; name may be null, and the first request always asks for the
-// permanent node name.
+// permanent node name. The sender counts as heard from just now.
 void unk_as_query(const uint8_t* name, uint32_t address);
 void unk_remove(uint32_t address);  // forgets the sender, if it is known
 
@@ -28,6 +33,7 @@ void unk_remove(uint32_t address);  // forgets the sender, if it is known
 bool allowed(const UnkRec* rec, time_t now);
 // A zeroed record for address at the head of the list, or null when memory is short.
 UnkRec* new_unk(uint32_t address);
+int unk_count();  // records kept
 
 // The clock of the rate limit; null restores time(). For tests.
 void unk_set_clock(dg_time_fn now);

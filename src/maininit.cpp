@@ -62,16 +62,23 @@ sigset_t wait_mask;    // the mask during the wait
 sigset_t outer_mask;   // the mask before the loop, again when it ends
 bool loop_masking = false;
 
+//
+// The alarm too: let through only in the wait, it cannot be used up between
+// arming it and the wait (a due timer would then sleep until the next
+// datagram), and an alarm armed once stays good across passes, so a pass
+// neither cancels nor re-arms it while the earliest timer stays the same.
 void mask_routed_signals()
 {
     sigset_t routed;
     sigemptyset(&routed);
     for (int i = 0; i < scall_ct; i++)
         sigaddset(&routed, scalls[size_t(i)].sig);
+    sigaddset(&routed, SIGALRM);
     sigprocmask(SIG_BLOCK, &routed, &outer_mask);
     wait_mask = outer_mask;
     for (int i = 0; i < scall_ct; i++)
         sigdelset(&wait_mask, scalls[size_t(i)].sig);
+    sigdelset(&wait_mask, SIGALRM);
     loop_masking = true;
 }
 
@@ -97,10 +104,12 @@ unsigned sys_alarm(unsigned seconds)
 dg_time_fn clock_now = sys_time;
 dg_alarm_fn clock_arm = sys_alarm;
 
-// Whether set_alarm may have left an alarm running. The loop cancels the
-// alarm before each pass only then: with no timer pending, a datagram costs
-// poll, recvfrom and sendto and no fourth system call.
-bool alarm_armed = true;
+// When the alarm is due (0: none, or not known). set_alarm arms it only
+// when the earliest timer's expiry differs, so a datagram costs poll,
+// recvfrom and sendto and no more while a timer is pending. An alarm that
+// rang (here or in the lock wait, which borrows it) makes it unknown.
+time_t alarm_at = 0;
+volatile sig_atomic_t alarm_rang = 0;
 
 const char* ctime_text(const time_t* t)
 {
@@ -112,7 +121,6 @@ const char* ctime_text(const time_t* t)
 
 int dg_timer(int interval, dg_timer_fn fn, int32_t arg)
 {
-    clock_arm(0);
     time_t now = clock_now();
     TRACE(proc, 3, "dg_timer called, sec %d, %s", interval, ctime_text(&now));
     check_calls(now);  // what is due already runs before the new entry exists
@@ -156,16 +164,22 @@ void set_alarm(time_t now)
         if (next == 0 || left < next)
             next = left;
     }
-    if (next >= 1) {
+    if (alarm_rang) {
+        alarm_rang = 0;
+        alarm_at = 0;
+    }
+    // An alarm left running with no timer pending only wakes the loop once.
+    if (next >= 1 && now + next != alarm_at) {
         vz_signal(SIGALRM, do_nothing);
         clock_arm(unsigned(next));
-        alarm_armed = true;
+        alarm_at = now + next;
     }
 }
 
 void do_nothing(int)
 {
-    // The wake-up is the interrupted wait; the handler itself has no work.
+    // The wake-up is the interrupted wait; the handler only notes it.
+    alarm_rang = 1;
     vz_signal(SIGALRM, do_nothing);
 }
 
@@ -255,10 +269,6 @@ int recv_datagrams()
     for (;;) {
         if (tcfile != nullptr && (tc_in != 0 || tc_out != 0 || tc_proc != 0))
             fflush(tcfile);
-        if (alarm_armed) {
-            clock_arm(0);
-            alarm_armed = false;
-        }
         time_t now = clock_now();  // once per pass
         check_calls(now);
         set_alarm(now);
@@ -312,7 +322,8 @@ void dg_set_clock(dg_time_fn now, dg_alarm_fn arm)
 {
     clock_now = now != nullptr ? now : sys_time;
     clock_arm = arm != nullptr ? arm : sys_alarm;
-    alarm_armed = true;  // whatever the other clock left is cancelled at the next pass
+    clock_arm(0);  // whatever the other clock left
+    alarm_at = 0;
 }
 
 // Start-up and shutdown.

@@ -265,6 +265,7 @@ void adapstat_query(const uint8_t* name, uint32_t address)
     statreq_ct++;
     UniAddr to{};
     iantoua(&to, address, nmport);
+    ens_asked(address);
     if (tc_out != 0 && tcfile != nullptr) {
         TRACE(out, 1, "adapstat_query: sending query\n");
         ndump(tcfile, &out_rec, tc_out);
@@ -290,10 +291,11 @@ void check_adapstat(const npkt* rec)
     uint32_t from = sender_of(rec);
     int32_t id = 0;
     uint32_t xid = 0;
-    if (get_luaddr(from, &id, &xid) == 0) {
+    bool waited = get_luaddr(from, &id, &xid) == 0;
+    if (waited) {
         rm_lu(id);
         finish_adapstat(&st, as_recs, n, xid);
     }
-    if (nda_ct > 0)
+    if (nda_ct > 0 && (ens_may_learn(from) || waited))
         ens_gotnames(as_recs, n, from);
 }

@@ -230,10 +230,7 @@ void check_delete(const npkt* rec)
     EnsHost* host = a->host;
     if (host == nullptr)
         return;   // our own release, received back
-    EnsName* n = ens_n_lookup(rec->name);
-    while (n != nullptr && n->host != host)
-        n = ens_n_next(rec->name, n);
-    if (n == nullptr) {
+    if (ens_n_find(rec->name, host) == nullptr) {
         TRACE(proc, 1, "check_delete: weirdness -- can't find name/addr match\n");
         return;
     }

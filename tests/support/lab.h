@@ -150,6 +150,12 @@ public:
     int udp_socket(LabSide side, uint16_t port, const std::string& addr = "");
     bool send_to(int fd, const std::string& addr, uint16_t port,
                  const std::vector<uint8_t>& bytes);
+    // A raw IPv4 socket in a lab namespace (the caller writes the IP header,
+    // so any source address can be given); owned by the lab, -1 on failure.
+    int raw_socket(LabSide side);
+    // One UDP datagram from `from`:sport to `to`:dport through a raw socket.
+    bool send_raw_udp(int fd, uint32_t from, uint16_t sport, uint32_t to, uint16_t dport,
+                      const std::vector<uint8_t>& payload);
     // The next datagram, or nothing when none came within `seconds`.
     std::optional<LabDatagram> recv(int fd, double seconds);
 

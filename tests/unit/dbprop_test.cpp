@@ -332,6 +332,31 @@ TEST(DbLock, ALockHeldElsewhereEndsTheWaitWithCode9) {
             EXPECT_EQ(now.sa_handler, count_alarm);
             EXPECT_EQ(own_alarms, 0) << "the earlier alarm's handler ran during the wait";
         }
+        // The daemon's loop keeps the alarm blocked outside its wait: the
+        // lock wait still ends by it, and an alarm of the loop's that rang
+        // before stays pending for the loop, not taken for our time-out.
+        sigset_t alrm, old_mask;
+        sigemptyset(&alrm);
+        sigaddset(&alrm, SIGALRM);
+        sigprocmask(SIG_BLOCK, &alrm, &old_mask);
+        ASSERT_EQ(vz_signal(SIGALRM, count_alarm), 0);
+        own_alarms = 0;
+        for (bool rang : {false, true}) {
+            SCOPED_TRACE(rang ? "the loop's alarm pending" : "none pending");
+            if (rang)
+                raise(SIGALRM);
+            timespec t0, t1;
+            clock_gettime(CLOCK_MONOTONIC, &t0);
+            get("pid", &rc);
+            clock_gettime(CLOCK_MONOTONIC, &t1);
+            EXPECT_EQ(rc, 9);
+            EXPECT_GE((t1.tv_sec - t0.tv_sec) * 1000 + (t1.tv_nsec - t0.tv_nsec) / 1000000, 900);
+            sigset_t pending;
+            sigpending(&pending);
+            EXPECT_EQ(sigismember(&pending, SIGALRM), rang ? 1 : 0);
+        }
+        sigprocmask(SIG_SETMASK, &old_mask, nullptr);  // the pending one runs now
+        EXPECT_EQ(own_alarms, 1);
         EXPECT_EQ(writer.let_go(), 0);
         EXPECT_EQ(contents(), "pid 1\n");
 

@@ -13,6 +13,7 @@
 #include "src/delay.h"
 #include "src/dorequest.h"
 #include "src/enstable.h"
+#include "src/ensrecv.h"
 #include "src/getnpack.h"
 #include "src/maininit.h"
 #include "src/namecust.h"
@@ -129,8 +130,8 @@ TEST(Delay, EachCommandSendsItsExactRequestWithIdsFromOne)
             {"PURGE", [&] { nda_purge(two[0]); }, {cat({header(6, 7), ip_item("10.88.0.1")})}},
             {"QUERY, local lookup", [&] { EXPECT_EQ(nda_lquery(SERVER.data(), 5, 6), -1); },
              {cat({header(7, 1), name_item(SERVER), int_item(0)})}},
-            {"QUERY, station's query", [&] { auto q = from_station(lab, 0x01, SERVER); nda_query(&q); },
-             {cat({header(8, 1), name_item(SERVER), int_item(0)})}},
+            {"QUERY, station's query for the name already asked: merged, nothing sent",
+             [&] { auto q = from_station(lab, 0x01, SERVER); nda_query(&q); }, {}},
             {"claim by the cached owner", [&] { nda_claim(&claims[0]); }, {}},
             {"claim by the cached owner, other group flag", [&] { nda_claim(&claims[1]); },
              {cat({header(9, 3), name_item(TEAM), int_item(0), addr_list({"127.0.0.9"})})}},
@@ -212,6 +213,38 @@ TEST(Delay, CachedAnswersAreGivenAtOnceAndNothingIsAsked)
         EXPECT_TRUE(lab.at_agent(0).empty()) << "no agent was asked";
         EXPECT_EQ(find_delay(1), nullptr);
         EXPECT_NE(lab.trace().find("nda_query: found cached NDA response, addr 10.88.0.7\n"), std::string::npos);
+    });
+}
+
+// Many stations asking for one name made one record and one QUERY each,
+// thousands of them; the list also stays at DC_MAX whatever is started.
+TEST(Delay, IdenticalQueriesAreAskedOnceAndAnsweredTogetherAndTheListIsCapped)
+{
+    IN_CHILD(true, {
+        Lab lab;
+        for (uint32_t id : {0x1111u, 0x2222u}) {
+            npkt q = from_station(lab, 0x01, SERVER);
+            q.pktid[0] = id;
+            nda_query(&q);
+        }
+        EXPECT_EQ(lab.at_agent(0), std::vector<Bytes>{cat({header(1, 1), name_item(SERVER), int_item(0)})});
+        EXPECT_EQ(delay_count(), 2);
+        Bytes resp = cat({header(1, 0x80000001, 0, 0), int_item(0), int_item(1), ip_item("10.88.0.7")});
+        ens_recv(ens_fd, resp.data(), int(resp.size()), &lab.agent_ua);
+        std::vector<Bytes> answers = lab.at_station();
+        ASSERT_EQ(answers.size(), 2u) << "both askers answered";
+        EXPECT_EQ(Bytes(answers[0].begin(), answers[0].begin() + 2) == Bytes({0x11, 0x11}) ||
+                      Bytes(answers[1].begin(), answers[1].begin() + 2) == Bytes({0x11, 0x11}),
+                  true);
+        EXPECT_EQ(delay_count(), 0);
+
+        for (int i = 0; i <= DC_MAX; i++)
+            nda_purge(nda_addr[0]);
+        EXPECT_EQ(delay_count(), DC_MAX);
+        EXPECT_EQ(find_delay(3), nullptr) << "the one due first was given up";
+        EXPECT_NE(find_delay(4), nullptr);
+        EXPECT_NE(find_delay(3 + DC_MAX), nullptr);
+        EXPECT_NE(lab.trace().find("dc_start: command list full, id 3 given up\n"), std::string::npos);
     });
 }
 

@@ -384,6 +384,26 @@ TEST_F(Requests, LookupsWithoutRoomForATimerFailAtOnce)
     EXPECT_EQ(get_luaddr(inet_addr("10.88.0.9"), &id, &xid), -1);
 }
 
+// Once a timer each: ten clients waiting on the network filled the table,
+// and the claims, the probe and the agent commands lost their timers.
+TEST_F(Requests, WaitingLookupsShareOneTimer)
+{
+    for (uint32_t xid = 1; xid <= 3 * DG_MAX_CALLS; xid++) {
+        send(NS_LOOKUP, xid, name16("FAR"));
+        do_request(SIGINT);
+        if (xid == 2 * DG_MAX_CALLS)
+            tick(2);  // the last third waits two seconds longer
+    }
+    EXPECT_EQ(dg_timer_count(), 1);
+    EXPECT_TRUE(responses().empty());
+    tick(3);
+    EXPECT_EQ(responses().size(), size_t(2 * DG_MAX_CALLS));
+    EXPECT_EQ(dg_timer_count(), 1) << "armed again for the later ones";
+    tick(2);
+    EXPECT_EQ(responses().size(), size_t(DG_MAX_CALLS));
+    EXPECT_EQ(dg_timer_count(), 0);
+}
+
 TEST_F(Requests, EachNewNameIsClaimedTwiceOneSecondApart)
 {
     send(NS_ADDNAME, 1, with_flags(name16("ONE"), 0));

@@ -187,6 +187,66 @@ TEST(EnsGotnames, NewHostsTakeThePermanentNamesAddressesAndRegisterEveryName)
     }
 }
 
+// Our own status answer (a client asked one of our addresses) or a forged
+// one must not make us a host of the table: our address would no longer be
+// ours for the own-sender test and the conflict check.
+TEST(EnsGotnames, AnAnswerNamingAnOwnAddressIsNotLearned)
+{
+    const struct {
+        const char* why;
+        std::vector<as_name> names;
+        const char* sender;
+    } cases[] = {
+        {"our own answer: names and our permanent name", {entry("ME"), perm("127.0.0.1")}, "127.0.0.1"},
+        {"from us, no permanent name", {entry("ME")}, "127.0.0.1"},
+        {"forged: a stranger lists our address beside its own", {perm("127.0.0.6"), perm("127.0.0.1")}, "127.0.0.5"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.why);
+        IN_CHILD(true, {
+            Net net;
+            ens_gotnames(c.names.data(), int(c.names.size()), ip(c.sender));
+            EXPECT_TRUE(net.agent_got().empty());
+            const EnsAddr* own = ens_a_lookup(ip("127.0.0.1"));
+            ASSERT_NE(own, nullptr);
+            EXPECT_EQ(own->host, nullptr);
+            EXPECT_TRUE(ens_a_own(ip("127.0.0.1")));
+            EXPECT_EQ(ens_host_count(), 0);
+            // Nor can any other path put our address under a host.
+            EnsHost* h = ens_create();
+            EXPECT_EQ(ens_a_add(ip("127.0.0.1"), h), -1);
+            add_name_to_host(entry("ME").name, ip("127.0.0.1"), 0, clk);
+            EXPECT_EQ(ens_a_lookup(ip("127.0.0.1"))->host, nullptr);
+            ens_free(h);
+        });
+    }
+}
+
+// Unasked answers: at most 16 at once, 4 a second after, one new host per
+// unknown sender a minute; an answer to our own request always counts.
+TEST(EnsGotnames, UnaskedAnswersAreLearnedAtALimitedRate)
+{
+    IN_CHILD(true, {
+        Net net;
+        int learned = 0;
+        for (uint32_t i = 0; i < 40; i++)
+            learned += ens_may_learn(htonl(0x0a580000 + i)) ? 1 : 0;
+        EXPECT_EQ(learned, 16) << "the burst";
+        ens_asked(ip("10.88.1.1"));
+        EXPECT_TRUE(ens_may_learn(ip("10.88.1.1"))) << "asked for";
+        EXPECT_FALSE(ens_may_learn(ip("10.88.1.1"))) << "asked once, answered once";
+        clk += 1;
+        learned = 0;
+        for (uint32_t i = 100; i < 140; i++)
+            learned += ens_may_learn(htonl(0x0a580000 + i)) ? 1 : 0;
+        EXPECT_EQ(learned, 4) << "a second later";
+        clk += 30;
+        EXPECT_FALSE(ens_may_learn(htonl(0x0a580000))) << "the same unknown sender within the minute";
+        clk += 31;
+        EXPECT_TRUE(ens_may_learn(htonl(0x0a580000)));
+    });
+}
+
 TEST(EnsGotnames, AKnownHostIsRefreshedAndItsNamesFollowTheAnswer)
 {
     IN_CHILD(true, {

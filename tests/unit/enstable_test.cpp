@@ -151,6 +151,50 @@ TEST_F(EnsTable, StaleScanOrderAndItsOneRoundOfBuckets)
     EXPECT_EQ(dotted(ens_a_old(ip("10.1.1.1"), 1000)), "10.88.0.2");
 }
 
+// Any station can make us learn hosts: at a cap the least recently heard
+// host goes with all its entries, never the one being added to, never an
+// own address.
+TEST_F(EnsTable, AFullTableForgetsTheHostsHeardOfLeastRecently)
+{
+    own_addr("10.88.0.1");
+    auto addr = [](int i) { return htonl(0x0a590000u + uint32_t(i)); };  // 10.89.x.x, one bucket
+    std::vector<EnsHost*> made;
+    for (int i = 0; i < ENS_MAX_HOSTS; i++) {
+        EnsHost* h = ens_create();
+        ASSERT_NE(h, nullptr);
+        ens_touch(h, 1000 + i);
+        ASSERT_EQ(ens_a_add(addr(i), h), 0);
+        for (int k = 0; k < ENS_MAX_NAMES / ENS_MAX_HOSTS; k++)
+            ASSERT_EQ(ens_n_add(nb(("H" + std::to_string(i) + "N" + std::to_string(k)).c_str(), 0).b, 0, h), 0);
+        made.push_back(h);
+    }
+    EXPECT_EQ(ens_name_count(), ENS_MAX_NAMES);
+    ens_touch(made[0], 90000);  // heard again: now the most recent
+    EnsHost* extra = ens_create();
+    ASSERT_NE(extra, nullptr);
+    EXPECT_EQ(ens_host_count(), ENS_MAX_HOSTS);
+    EXPECT_EQ(ens_a_lookup(addr(1)), nullptr) << "the least recently heard is forgotten";
+    EXPECT_EQ(ens_n_lookup(nb("H1N0", 0).b), nullptr);
+    EXPECT_EQ(ens_a_lookup(addr(0))->host, made[0]);
+    ASSERT_EQ(ens_a_add(addr(1), extra), 0);
+    for (int k = 0; k < 5; k++)  // three fit where host 1's were; the fourth needs room
+        ASSERT_EQ(ens_n_add(nb(("X" + std::to_string(k)).c_str(), 0).b, 0, extra), 0);
+    EXPECT_EQ(ens_name_count(), ENS_MAX_NAMES - 1);
+    EXPECT_EQ(ens_host_count(), ENS_MAX_HOSTS - 1) << "host 2 went for the names";
+    EXPECT_EQ(ens_a_lookup(addr(2)), nullptr);
+    EXPECT_EQ(ens_n_lookup(nb("X4", 0).b)->host, extra);
+    EXPECT_TRUE(ens_a_own(ip("10.88.0.1")));
+    EXPECT_EQ(ens_a_add(ip("10.88.0.1"), extra), -1) << "an own address is nobody else's";
+    for (int i = 0; i < ENS_MAX_HOSTS; i++) {
+        const EnsAddr* a = ens_a_lookup(addr(i));
+        if (a != nullptr && a->host != nullptr)
+            ens_free(a->host);
+    }
+    EXPECT_EQ(ens_host_count(), 0);
+    EXPECT_EQ(ens_name_count(), 0);
+    EXPECT_EQ(ens_addr_count(), 1);
+}
+
 TEST_F(EnsTable, AddingTracesAtProcLevel5)
 {
     FILE* saved = tcfile;

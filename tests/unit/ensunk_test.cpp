@@ -68,3 +68,22 @@ TEST(Unk, TwoRequestsPerMinuteThenPerFourHoursAfter25)
     EXPECT_EQ(ask_at(t - 61 + 14401, nullptr, addr), 1u);
     unk_remove(addr);
 }
+
+// Any station can send from as many addresses as it likes: the records stay
+// at UNK_MAX, and the sender heard from least recently goes first.
+TEST(Unk, RecordsAreCappedAndTheLeastRecentlyHeardGoesFirst)
+{
+    const uint32_t base = inet_addr("10.88.0.0");
+    for (uint32_t i = 0; i < UNK_MAX; i++)
+        ask_at(1000, nullptr, base + htonl(i));
+    EXPECT_EQ(unk_count(), UNK_MAX);
+    EXPECT_EQ(ask_at(1000, nullptr, base), 1u) << "its second request: the first is heard again";
+    EXPECT_EQ(ask_at(1000, nullptr, base + htonl(UNK_MAX)), 1u);  // one more sender
+    EXPECT_EQ(unk_count(), UNK_MAX);
+    EXPECT_EQ(ask_at(1000, nullptr, base), 0u) << "kept: a third within the minute is refused";
+    EXPECT_EQ(ask_at(1000, nullptr, base + htonl(1)), 1u) << "the least recently heard was forgotten";
+    for (uint32_t i = 0; i <= UNK_MAX; i++)
+        unk_remove(base + htonl(i));
+    EXPECT_EQ(unk_count(), 0);
+}
+
