@@ -12,6 +12,7 @@
 #include <grp.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -61,15 +62,15 @@ std::vector<uint8_t> shared_query()
     return q;
 }
 
-// A client process as the user nobody: it runs `act` on the server FIFO and
-// then holds its descriptors until released (or 60 s), as a stalled writer
+// A client process as the user nobody: it runs `act` on the server FIFO
+// (and the answer FIFO, which it opens but never reads) and then holds its descriptors until released (or 60 s), as a stalled writer
 // or a reader that never reads would.
 struct Intruder {
     pid_t pid = -1;
     int release = -1;
     int ready = -1;
 
-    explicit Intruder(const std::function<bool(int)>& act)
+    explicit Intruder(const std::function<bool(int, int)>& act)
     {
         int rel[2], rdy[2];
         if (pipe(rel) != 0 || pipe(rdy) != 0)
@@ -82,7 +83,7 @@ struct Intruder {
                 _exit(2);
             int fd = open(kServer, O_WRONLY);
             int answers = open(kClient, O_RDONLY | O_NONBLOCK);  // and never read
-            if (fd < 0 || answers < 0 || !act(fd))
+            if (fd < 0 || answers < 0 || !act(fd, answers))
                 _exit(3);
             if (write(rdy[1], "r", 1) != 1)
                 _exit(4);
@@ -140,15 +141,45 @@ protected:
         return false;
     }
 
-    // A legitimate client as nobody, and the network, are both answered.
+    // The network, and a legitimate client as nobody, are both answered.
     void expect_served(const char* after)
     {
         SCOPED_TRACE(after);
+        EXPECT_TRUE(query_answered());
         std::string out;
         EXPECT_EQ(lab.halyardctl({"--timeout", "10", "lookup", "SHARED<20>"}, &out, kNobody, kNobody), 0)
             << out;
         EXPECT_NE(out.find("10.88.0.1"), std::string::npos) << out;
-        EXPECT_TRUE(query_answered());
+    }
+
+    // Adds n names NAME10000<20>... through the FIFOs, taking every answer.
+    void add_names(int n)
+    {
+        int to = open(kServer, O_WRONLY);
+        int from = open(kClient, O_RDONLY | O_NONBLOCK);
+        ASSERT_TRUE(to >= 0 && from >= 0);
+        size_t answered = 0;
+        char buf[8192];
+        auto take = [&] {
+            for (ssize_t r; (r = read(from, buf, sizeof buf)) > 0;)
+                answered += size_t(r);
+        };
+        for (int i = 0; i < n; i++) {
+            std::string name = "NAME" + std::to_string(10000 + i);
+            name.resize(15, ' ');
+            name += '\x20';
+            std::string req = header(NS_ADDNAME, uint32_t(i), 20) + name + std::string(4, '\0');
+            ASSERT_TRUE(put(to, req));
+            if (i % 100 == 99)
+                take();
+        }
+        for (int i = 0; i < 600 && answered < size_t(n) * (24 + 4); i++) {
+            take();
+            poll(nullptr, 0, 100);
+        }
+        EXPECT_EQ(answered, size_t(n) * (24 + 4));
+        close(to);
+        close(from);
     }
 
     pid_t relay_of(pid_t daemon)
@@ -176,34 +207,49 @@ TEST_F(Clients, NothingAClientWritesOrLeavesUnreadStopsTheService)
 
     const struct {
         const char* why;
-        std::function<bool(int)> act;
+        std::function<bool(int, int)> act;
     } cases[] = {
-        {"one byte", [](int fd) { return put(fd, "a"); }},
+        {"one byte", [](int fd, int) { return put(fd, "a"); }},
         {"a header split across two writes a second apart",
-         [](int fd) {
+         [](int fd, int) {
              std::string h = header(NS_NBSCOPE, 1, 0);
              bool ok = put(fd, h.substr(0, 5));
              sleep(1);
              return ok && put(fd, h.substr(5));
          }},
-        {"garbage without a magic", [](int fd) { return put(fd, std::string(100, 'x')); }},
+        {"garbage without a magic", [](int fd, int) { return put(fd, std::string(100, 'x')); }},
         {"a header announcing data that never comes",
-         [](int fd) { return put(fd, header(NS_ADDNAME, 2, 100)); }},
+         [](int fd, int) { return put(fd, header(NS_ADDNAME, 2, 100)); }},
         {"3,000 headers marked more",
-         [](int fd) {
+         [](int fd, int) {
              for (int i = 0; i < 3000; i++)
                  if (!put(fd, header(NS_NBSCOPE, 3, 0, 1)))
                      return false;
              return true;
          }},
         {"500 scope requests whose answers nobody reads",
-         [](int fd) {
+         [](int fd, int) {
              for (uint32_t i = 0; i < 500; i++)
                  if (!put(fd, header(NS_NBSCOPE, 1000 + i, 0)))
                      return false;
              return true;
          }},
+        // 7,000 names list in 35 messages of 4 KiB: more than the answer FIFO
+        // and the daemon's pipe to the relay hold together.
+        {"a listing of 7,000 names that nobody reads",
+         [](int fd, int answers) {
+             if (!put(fd, header(NS_LISTNAME, 7, 0)))
+                 return false;
+             // Ready once the answer FIFO is full: the rest is then the daemon's.
+             int held = 0;
+             for (int i = 0; i < 200 && held < 16 * 4036; i++) {
+                 poll(nullptr, 0, 100);
+                 ioctl(answers, FIONREAD, &held);
+             }
+             return held >= 16 * 4036;
+         }},
     };
+    add_names(7000);
     for (const auto& c : cases) {
         Intruder in(c.act);
         ASSERT_GT(in.pid, 0);
