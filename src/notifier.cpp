@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <cstdarg>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
@@ -241,10 +241,8 @@ const char* notifier()
         close(b[0]);
         to_ntf = b[1];
         from_ntf = a[0];
-        // Close-on-exec and, beyond the read end, a non-blocking write end:
-        // a relay that stops reading must not stop the daemon's loop.
-        fcntl(from_ntf, F_SETFD, FD_CLOEXEC);
-        fcntl(to_ntf, F_SETFD, FD_CLOEXEC);
+        // Beyond the read end, the write end does not block either: a relay
+        // that stops reading must not stop the daemon's loop.
         int flags = fcntl(from_ntf, F_GETFL);
         int wflags = fcntl(to_ntf, F_GETFL);
         if (flags < 0 || fcntl(from_ntf, F_SETFL, flags | O_NDELAY) < 0 || wflags < 0 ||
