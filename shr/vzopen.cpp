@@ -64,9 +64,13 @@ bool vz_refused(int err)
     return err == ELOOP || err == EMLINK || err == EINVAL;
 }
 
+namespace {
+constexpr int MSG_REFUSED = 541;
+}  // namespace
+
 void vz_log_refused(const char* path, int err)
 {
     const char* why = err == ELOOP ? "a symbolic link" : err == EMLINK ? "a file with other links" : "not a regular file";
     log_new();
-    log_catmsg(LOG_SET, 541, "%s: refusing to write %s: %s", prog, path, why);
+    log_catmsg(LOG_SET, MSG_REFUSED, "%s: refusing to write %s: %s", prog, path, why);
 }
