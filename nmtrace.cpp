@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "shr/logcatmsg.h"
+#include "shr/vzopen.h"
 
 int tc_in = 0;
 int tc_out = 0;
@@ -125,7 +126,11 @@ void open_trace_file()
     if (tfname[0] == '\0')
         snprintf(tfname, sizeof tfname, "%s", DEFAULT_TRACE_FILE);
     expand_name();
-    tcfile = fopen(tfname, "a");
+    // The home directory belongs to the administrative user: a link there
+    // must not make the super-user append to the file behind it.
+    tcfile = vz_fopen_plain(tfname, "a");
+    if (tcfile == nullptr && vz_refused(errno))
+        vz_log_refused(tfname, errno);
 }
 
 }  // namespace

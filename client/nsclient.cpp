@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
@@ -29,6 +30,41 @@ uint32_t xid_counter = 0;
     vsnprintf(c->why, sizeof c->why, fmt, ap);
     va_end(ap);
     return -1;
+}
+
+// The registered process id of the name server when that process runs
+// (also one this user may not signal), else 0.
+int daemon_pid(const NscConn* c)
+{
+    char path[320];
+    snprintf(path, sizeof path, "%s/rtdb/realm=NB/program=Halyard/=plist", c->dir);
+    FILE* f = fopen(path, "r");
+    if (f == nullptr)
+        return 0;
+    int pid = 0;
+    char line[128];
+    while (fgets(line, sizeof line, f) != nullptr) {
+        if (strncmp(line, "pid ", 4) == 0)
+            pid = atoi(line + 4);
+    }
+    fclose(f);
+    if (pid <= 0 || (kill(pid, 0) != 0 && errno != EPERM))
+        return 0;
+    return pid;
+}
+
+// Nobody serves the FIFOs: tells a name server that is not running from one
+// whose relay ended (it starts a new one within a second).
+int no_relay(NscConn* c, const char* what)
+{
+    int pid = daemon_pid(c);
+    if (pid == 0) {
+        fail(c, "the name server is not running (%s)", what);
+        return NSC_NOTRUNNING;
+    }
+    fail(c, "the name server runs (pid %d) but its request relay does not (%s); it is restarted within a "
+            "second: try again", pid, what);
+    return NSC_NORELAY;
 }
 
 int64_t now_ms()
@@ -104,6 +140,8 @@ int read_exact(NscConn* c, int fd, uint8_t* buf, size_t n, int64_t deadline)
         ssize_t r = read(fd, buf + have, n - have);
         if (r > 0)
             have += size_t(r);
+        else if (r == 0)
+            return no_relay(c, "the answer FIFO has no writer");
         else if (r < 0 && errno != EAGAIN && errno != EINTR) {
             fail(c, "reading %s/ns_clientfifo: %s", c->dir, strerror(errno));
             return NSC_IOERR;
@@ -167,7 +205,13 @@ int take_lock(NscConn* c, int fd, const char* path, int64_t deadline)
             return NSC_IOERR;
         }
         if (now_ms() >= deadline) {
-            fail(c, "another client held %s for %d s", path, c->timeout);
+            struct flock who {};
+            who.l_type = F_WRLCK;
+            who.l_whence = SEEK_SET;
+            if (fcntl(fd, F_GETLK, &who) == 0 && who.l_type != F_UNLCK && who.l_pid > 0)
+                fail(c, "another process (pid %d) held %s for %d s", int(who.l_pid), path, c->timeout);
+            else
+                fail(c, "another process held %s for %d s", path, c->timeout);
             return NSC_BUSY;
         }
         timespec pause{0, 10 * 1000 * 1000};
@@ -195,8 +239,7 @@ int write_msg(NscConn* c, int fd, const uint8_t* msg, size_t n, int64_t deadline
             break;
         }
         if (errno == EPIPE) {
-            rc = NSC_NOTRUNNING;
-            fail(c, "nobody reads %s/ns_serverfifo: the name server is not running", c->dir);
+            rc = no_relay(c, "nobody reads the request FIFO");
             timespec zero{0, 0};
             sigtimedwait(&pipe_set, nullptr, &zero);
             break;
@@ -416,8 +459,9 @@ int nsc_exchange(NscConn* conn, uint32_t op, const uint8_t* data, int len, nsc_m
     if (stat(spath, &st) != 0) {
         int e = errno;
         if (e == ENOENT) {
-            fail(c, "the name server is not running (no %s)", spath);
-            return NSC_NOTRUNNING;
+            char what[320];
+            snprintf(what, sizeof what, "no %s", spath);
+            return no_relay(c, what);
         }
         fail(c, "cannot reach the name server: %s: %s", spath, strerror(e));
         return NSC_IOERR;
@@ -444,15 +488,17 @@ int nsc_exchange(NscConn* conn, uint32_t op, const uint8_t* data, int len, nsc_m
         // ENXIO: the FIFO is left over and nobody reads it.
         int e = errno;
         if (e == ENXIO || e == ENOENT) {
-            fail(c, "the name server is not running (nobody reads %s)", spath);
-            return NSC_NOTRUNNING;
+            char what[320];
+            snprintf(what, sizeof what, "nobody reads %s", spath);
+            return no_relay(c, what);
         }
         fail(c, "cannot reach the name server: %s: %s", spath, strerror(e));
         return NSC_IOERR;
     }
-    // Read and write, so that opening never waits for a writer and a read
-    // never sees end of file; poll bounds every wait.
-    fds.cfd = open(cpath, O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    // Read only, as the FIFO's mode lets every user: non-blocking, so that
+    // opening never waits for a writer; poll bounds every wait, and end of
+    // file means that the relay, which holds it open for writing, ended.
+    fds.cfd = open(cpath, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fds.cfd < 0) {
         int e = errno;
         fail(c, "cannot open %s: %s", cpath, strerror(e));

@@ -20,11 +20,12 @@ constexpr int NSC_TIMEOUT = 15;  // seconds; above the notifier's 12 and the 5 o
 // Failures of an exchange. The status word of an answer is a separate value.
 constexpr int NSC_NOTRUNNING = -20;  // no server FIFO, or nobody reads it
 constexpr int NSC_NOANSWER = -21;    // nothing for this request within the time-out
-constexpr int NSC_BUSY = -22;        // another client held the lock the whole time
+constexpr int NSC_BUSY = -22;        // another process held the lock the whole time
 constexpr int NSC_IOERR = -23;       // a system call failed
 constexpr int NSC_BADANSWER = -24;   // an answer of the wrong size or operation
 constexpr int NSC_UNKNOWNOP = -25;   // the server does not know the operation
 constexpr int NSC_NOMEM = -26;       // no memory here for the answer
+constexpr int NSC_NORELAY = -27;     // the server runs, its relay does not (yet)
 
 // Status words of the answers.
 constexpr int32_t NSC_OK = 0;

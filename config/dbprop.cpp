@@ -14,6 +14,7 @@
 #include "config/dbname.h"
 #include "config/dbtree.h"
 #include "config/sflock.h"
+#include "shr/vzopen.h"
 #include "shr/vzstrdup.h"
 
 namespace {
@@ -71,7 +72,7 @@ int create_plist(const char* file, const struct stat& dir)
     int fd = open(file, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     umask(old);
     if (fd < 0)
-        return errno == EEXIST ? open(file, O_RDWR | O_CLOEXEC) : -1;
+        return errno == EEXIST ? vz_open_plain(file, O_RDWR | O_CLOEXEC, 0) : -1;
     if (fchown(fd, dir.st_uid, dir.st_gid) != 0 || fchmod(fd, dir.st_mode & 0666) != 0) {
         unlink(file);
         close(fd);
@@ -108,7 +109,9 @@ int ob_2_file(const vz_kvc* object, Plist* pl, int mode)
     strcpy(file + dlen + 1, kPlist);
     vzdb_strfree(dir);
 
-    int fd = open(file, (mode == kWrite ? O_RDWR : O_RDONLY) | O_CLOEXEC);
+    // The object directories belong to the administrative user: a link put
+    // in the file's place is refused, never followed by the super-user.
+    int fd = vz_open_plain(file, (mode == kWrite ? O_RDWR : O_RDONLY) | O_CLOEXEC, 0);
     if (fd < 0 && errno == ENOENT) {
         if (mode == kRead) {
             free(file);
@@ -116,6 +119,8 @@ int ob_2_file(const vz_kvc* object, Plist* pl, int mode)
         }
         fd = create_plist(file, st);
     }
+    if (fd < 0 && vz_refused(errno))
+        vz_log_refused(file, errno);
     free(file);
     if (fd < 0)
         return VZDB_OPENPROP;

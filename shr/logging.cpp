@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "shr/logcatmsg.h"
+#include "shr/vzopen.h"
 #include "shr/vzhome.h"
 
 namespace {
@@ -21,14 +22,15 @@ char saved_filename[1024];
 time_t t = 0;  // 0: the next message starts a new time-stamped group
 
 // A new log file belongs to the product's administrative user and group.
-void adopt_new_file(const char* path)
+void adopt_new_file(FILE* f)
 {
-    chmod(path, LOG_MODE);
+    int fd = fileno(f);
+    fchmod(fd, LOG_MODE);
     char home[200];
     struct stat st;
     if (stat(vzhome_get(home, sizeof home), &st) == 0) {
         // Not fatal: without privileges the file stays the creator's.
-        if (chown(path, st.st_uid, st.st_gid) != 0) {
+        if (fchown(fd, st.st_uid, st.st_gid) != 0) {
         }
     }
 }
@@ -80,11 +82,11 @@ int open_log(const char* path)
         memcpy(saved_filename, path, plen + 1);
     }
     bool existed = access(saved_filename, F_OK) == 0;
-    FILE* f = fopen(saved_filename, "a");
+    FILE* f = vz_fopen_plain(saved_filename, "a");
     if (f == nullptr)
         return -1;
     if (!existed)
-        adopt_new_file(saved_filename);
+        adopt_new_file(f);
     fclose(f);
     logfile = fopen(PLACEHOLDER, "a");
     return logfile == nullptr ? -1 : 0;
@@ -100,7 +102,7 @@ int log_vmsg(const char* format, va_list ap)
     if (logfile == nullptr || format == nullptr)
         return 0;
     fclose(logfile);
-    logfile = fopen(saved_filename, "a");
+    logfile = vz_fopen_plain(saved_filename, "a");
     if (logfile == nullptr)
         return 0;  // dropped; logging stays off from now on
     if (t == 0)

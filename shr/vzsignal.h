@@ -5,6 +5,11 @@
 // (EINTR), never restarted. Every handler of the daemon goes through here.
 // Returns 0, or -1 when sigaction fails.
 int vz_signal(int sig, void (*handler)(int));
+// The same, but sig stays blocked while its handler runs. For a handler that
+// re-installs itself: a second signal that comes before it has done so then
+// waits for it, rather than meeting the default action (for the interrupt,
+// the end of the process).
+int vz_signal_held(int sig, void (*handler)(int));
 
 // The signals that end a process of the product unless it handles them:
 // hang-up, interrupt, quit, illegal instruction, trace trap, abort, floating

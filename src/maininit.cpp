@@ -198,7 +198,9 @@ int dg_signal(int sig, dg_signal_fn fn)
     scalls[size_t(n)].fn = fn;
     std::atomic_signal_fence(std::memory_order_seq_cst);
     scall_ct = n + 1;
-    vz_signal(sig, signal_hndlr);
+    // Held during the handler: a client's interrupt that came before the
+    // handler had re-installed itself would otherwise end the daemon.
+    vz_signal_held(sig, signal_hndlr);
     if (loop_masking) {
         sigset_t one;
         sigemptyset(&one);
@@ -216,7 +218,7 @@ void signal_hndlr(int sig)
     for (int i = 0; i < n; i++)
         if (scalls[size_t(i)].sig == sig)
             scalls[size_t(i)].pending = 1;
-    vz_signal(sig, signal_hndlr);  // delivery reset it to the default action
+    vz_signal_held(sig, signal_hndlr);  // delivery reset it to the default action
 }
 
 const sigset_t* dg_wait_mask()

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <grp.h>
 #include <sys/stat.h>
 
 #include "nmtrace.h"
@@ -25,6 +26,7 @@ uint32_t nda_addr[MAX_NDA] = {};
 int nda_ct = 0;
 uint32_t broadcast_addr = 0;
 char nb_scope[256] = "";
+int client_gid = -1;
 
 namespace {
 
@@ -54,6 +56,7 @@ constexpr int MSG_IF_NOMEM = 204;
 constexpr int MSG_IF_NOADDR = 205;
 constexpr int MSG_WANT_TRANSPORT = 206;
 constexpr int MSG_EMPTY = 532;
+constexpr int MSG_WANT_GROUP = 542;
 
 // Flags of a working interface row.
 constexpr uint32_t IF_ADDR = 1;
@@ -154,6 +157,7 @@ const char* const transport_pattern[] = {"transport", "tcpip", nullptr};
 
 const vz_par_tabent realm_table[] = {
     {"transport", do_transport},
+    {"client-group", do_clientgroup},
     {"", do_dontcare},
     {nullptr, nullptr},
 };
@@ -247,6 +251,7 @@ void name_settings_clear()
     nda_ct = 0;
     broadcast_addr = 0;
     nb_scope[0] = '\0';
+    client_gid = -1;
 }
 
 int parse_err(int, char**, int line, const char* message, const char*)
@@ -438,6 +443,24 @@ int do_ndport(int, char**, int argc, char** argv, int line, const char*)
         ndport = static_cast<uint16_t>(v);
         TRACE(proc, 3, "do_ndport: %d\n", v);
     }
+    return 0;
+}
+
+// A group name, or a group id in decimal.
+int do_clientgroup(int, char**, int argc, char** argv, int line, const char*)
+{
+    int gid = -1;
+    if (argc == 2) {
+        const struct group* g = getgrnam(argv[1]);
+        gid = g != nullptr ? int(g->gr_gid) : whole_number(argv[1], 10);
+    }
+    if (gid < 0) {
+        bad_line(line);
+        log_catmsg(LOG_SET, MSG_WANT_GROUP, "    expecting a group name or number");
+        return 0;
+    }
+    client_gid = gid;
+    TRACE(proc, 3, "do_clientgroup: %d\n", gid);
     return 0;
 }
 

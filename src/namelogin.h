@@ -26,6 +26,7 @@ extern uint32_t nda_addr[MAX_NDA];
 extern int nda_ct;
 extern uint32_t broadcast_addr; // pattern for the host part of computed broadcasts
 extern char nb_scope[256];      // dotted scope, "" for none
+extern int client_gid;          // the FIFOs' and lock file's group; -1: open to all
 
 // Reads the configuration file at path into the settings above, logging
 // every bad directive with its line; returns 0 in every case. Meant to run
@@ -45,6 +46,7 @@ int inter_section(int argc, char** argv, int line, const char* comment);
 // Directive handlers: (pattern words, held tag, argc, argv, line, comment),
 // all returning 0.
 int do_dontcare(int npat, char** tag, int argc, char** argv, int line, const char* comment);
+int do_clientgroup(int npat, char** tag, int argc, char** argv, int line, const char* comment);
 int do_transport(int npat, char** tag, int argc, char** argv, int line, const char* comment);
 int do_address(int npat, char** tag, int argc, char** argv, int line, const char* comment);
 int do_broadcast(int npat, char** tag, int argc, char** argv, int line, const char* comment);

@@ -14,6 +14,7 @@
 #include "shr/vzpoll.h"
 #include "src/maininit.h"
 #include "src/namelogin.h"
+#include "src/notifier.h"
 
 namespace {
 
@@ -116,7 +117,11 @@ int put_bdg(int fd, const uint8_t* data, int len, int index, uint16_t port)
 
 int get_dg(int fd, UniAddr* from, uint8_t** data)
 {
-    if (fd < 0) {
+    // The relay's pipe is polled for its hang-up alone (no events: requests
+    // still come with the interrupt signal), so that a relay that ended is
+    // replaced at once.
+    int ntf = ntf_watch_fd();
+    if (fd < 0 && ntf < 0) {
         // No name-service socket: only a signal can bring work.
         if (const sigset_t* mask = dg_wait_mask())
             sigsuspend(mask);
@@ -128,10 +133,12 @@ int get_dg(int fd, UniAddr* from, uint8_t** data)
     *data = recv_buf;
 
     std::span<const CustFd> cust = dg_custfds();
-    std::array<struct pollfd, DG_MAX_CUSTFDS + 1> fds{};
+    std::array<struct pollfd, DG_MAX_CUSTFDS + 2> fds{};
     size_t nfds = 0;
     for (const CustFd& c : cust)
         fds[nfds++] = {c.fd, POLLIN, 0};
+    size_t ntf_at = nfds;
+    fds[nfds++] = {ntf, 0, 0};  // a negative descriptor is left out by poll
     fds[nfds++] = {fd, POLLIN, 0};  // last: client descriptors are served first
 
     int r = vz_poll(fds.data(), int(nfds), dg_wait_mask());
@@ -153,6 +160,13 @@ int get_dg(int fd, UniAddr* from, uint8_t** data)
             return -2;
         }
     }
+
+    if ((fds[ntf_at].revents & (POLLHUP | POLLERR)) != 0) {
+        ntf_lost();
+        return -2;
+    }
+    if (fd < 0)
+        return -2;
 
     struct sockaddr_in sin;
     ssize_t n = receive(fd, recv_buf, &sin, from);

@@ -24,6 +24,13 @@ void ntf_process();
 // file or an error. Headers above the limit are dropped and the next magic
 // sought.
 int ntf_read(int fd, ns_hdr* hdr, uint8_t* data, int limit);
+// The next whole message from the clients' stream on fd (the server FIFO):
+// its data bytes, or -1 on end of file or an error. Bytes without a header,
+// headers with len outside 0..NS_MAXDATA and a message not whole within a
+// second of its first byte are dropped with a line in "ntf.trc"; bytes read
+// beyond the message wait for the next call.
+int ntf_take(int fd, ns_hdr* hdr, uint8_t* data);
+void ntf_take_reset();  // forgets the bytes held back
 // Reads until a header with the magic is in hdr: 24, -2 (interrupted) or -1.
 int ntf_find_hdr(int fd, ns_hdr* hdr);
 // Writes the header and n data bytes (none when n < 1): 0, or -1 when short.
@@ -39,5 +46,10 @@ void ntf_signals();
 // Removes both FIFOs and ends the process with status; as a handler it ends
 // it with the signal's traditional number (a hang-up gives 1).
 [[noreturn]] void ntf_exit(int status);
+// The daemon's side: the descriptor whose hang-up means that the notifier
+// ended (-1 when none runs), and the restart that follows: an operator
+// message, then a new notifier with new FIFOs.
+int ntf_watch_fd();
+void ntf_lost();
 // The alarm's handler during a response wait: it only interrupts the read.
 void ntf_timeout(int sig);

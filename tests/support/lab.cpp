@@ -822,7 +822,8 @@ std::optional<LabDatagram> Lab::recv(int fd, double seconds)
     return std::nullopt;
 }
 
-int Lab::run(LabSide side, const std::vector<std::string>& argv, std::string* out, double seconds)
+int Lab::run(LabSide side, const std::vector<std::string>& argv, std::string* out, double seconds, int uid,
+             int gid)
 {
     int target = ns_fd(side);
     if (target < 0 || argv.empty()) {
@@ -834,7 +835,7 @@ int Lab::run(LabSide side, const std::vector<std::string>& argv, std::string* ou
         error_ = errtext("pipe");
         return -1;
     }
-    pid_t pid = spawn(target, argv, pipe_fds[1], -1, -1);
+    pid_t pid = spawn(target, argv, pipe_fds[1], uid, gid);
     close(pipe_fds[1]);
     if (pid < 0) {
         close(pipe_fds[0]);
@@ -901,12 +902,12 @@ void Lab::kill_leftovers()
     }
 }
 
-int Lab::halyardctl(const std::vector<std::string>& args, std::string* out)
+int Lab::halyardctl(const std::vector<std::string>& args, std::string* out, int uid, int gid)
 {
     std::vector<std::string> argv{HALYARDCTL_BINARY};
     argv.insert(argv.end(), args.begin(), args.end());
     std::string text;
-    int st = run(lab_daemon, argv, &text, 60.0);
+    int st = run(lab_daemon, argv, &text, 60.0, uid, gid);
     if (out != nullptr)
         *out = text;
     return st != -1 && WIFEXITED(st) ? WEXITSTATUS(st) : -1;

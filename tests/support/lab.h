@@ -161,11 +161,13 @@ public:
 
     // Runs a command (absolute path) in a lab namespace, stdout and stderr
     // in *out; its wait status, or -1 (killed at the deadline).
+    // uid/gid >= 0: it runs as that user and group.
     int run(LabSide side, const std::vector<std::string>& argv,
-            std::string* out = nullptr, double seconds = 30.0);
+            std::string* out = nullptr, double seconds = 30.0, int uid = -1, int gid = -1);
     // halyardctl with args on the daemon's side: its exit status (-1 when
-    // it did not exit), its output in *out.
-    int halyardctl(const std::vector<std::string>& args, std::string* out = nullptr);
+    // it did not exit), its output in *out; as uid/gid when given.
+    int halyardctl(const std::vector<std::string>& args, std::string* out = nullptr,
+                   int uid = -1, int gid = -1);
 
     static const char* daemon_addr(int station) { return station == 2 ? "10.89.0.1" : "10.88.0.1"; }
     static const char* station_addr(int station) { return station == 2 ? "10.89.0.2" : "10.88.0.2"; }

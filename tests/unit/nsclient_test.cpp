@@ -119,6 +119,10 @@ Fake start_fake(const Script& script)
         for (const Bytes& b : script(h))
             if (write(cfd, b.data(), b.size()) != ssize_t(b.size()))
                 return 4;
+        // Like the relay, keep the answer FIFO open for writing: until the
+        // test has the report (the pipe's reader closes).
+        pollfd done{p[1], 0, 0};
+        poll(&done, 1, 30000);
         return 0;
     });
     close(p[1]);
@@ -495,7 +499,7 @@ TEST(Halyardctl, UnreachableServerGivesExit3)
         Fake f = start_fake(answer(NS_INIT, status_word(0)));
         r = run_ctl({"--timeout", "1", "reinit"});
         EXPECT_EQ(r.status, 3);
-        EXPECT_NE(r.err.find("another client held"), std::string::npos) << r.err;
+        EXPECT_NE(r.err.find("another process (pid " + std::to_string(pid) + ") held"), std::string::npos) << r.err;
         EXPECT_EQ(wait_child(pid), 0);
         EXPECT_EQ(run_ctl({"reinit"}).status, 0);  // the fake still waits for it
         finish_fake(f);
