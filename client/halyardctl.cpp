@@ -10,6 +10,8 @@
 
 #include "client/nsclient.h"
 #include "shr/uniinet.h"
+#include "src/confcheck.h"
+#include "src/namelogin.h"
 
 namespace {
 
@@ -52,6 +54,11 @@ const char* const help_text =
     "    type                 show the packet format number and the session port\n"
     "    reinit               ask the name server to re-initialise\n"
     "    enstable             write the name directory table to the trace file\n"
+    "    check-config [FILE]  read the configuration file (default\n"
+    "                         /etc/opt/KORRbase/config.vz) as the name server\n"
+    "                         does, print every problem as FILE:LINE: what was\n"
+    "                         found: what was expected, and the settings that\n"
+    "                         result; needs no running server\n"
     "\n"
     "OPTIONS\n"
     "    --json               print the answer as one JSON object\n"
@@ -64,7 +71,8 @@ const char* const help_text =
     "\n"
     "EXIT STATUS\n"
     "    0  success\n"
-    "    1  refused or not found; the reason is printed\n"
+    "    1  refused or not found, or check-config found errors; the reason\n"
+    "       is printed\n"
     "    2  usage error\n"
     "    3  the name server cannot be reached, does not answer, or answered\n"
     "       badly\n"
@@ -471,6 +479,17 @@ int parse_args(int argc, char** argv, Opts* o)
     return 0;
 }
 
+// The configuration check reads a file and talks to no server; exit 1 when
+// the file has errors.
+int check_config(const Opts& o)
+{
+    if (o.argc > 1)
+        return usage_error("check-config: too many arguments");
+    if (o.json || o.group)
+        return usage_error("check-config takes no --json or --group");
+    return conf_check(o.argc == 1 ? o.args[0] : CONFIG_VZ_PATH, stdout, "", true) == 0 ? EX_OKAY : EX_REFUSED;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -481,6 +500,8 @@ int main(int argc, char** argv)
         return rc;
     if (o.cmd == nullptr)
         return usage_error("no command given");
+    if (strcmp(o.cmd, "check-config") == 0)
+        return check_config(o);
     for (const Command& cmd : commands) {
         if (strcmp(cmd.name, o.cmd) != 0)
             continue;

@@ -326,7 +326,7 @@ int strict = 1;
 
 namespace {
 
-constexpr const char* CONFIG_PATH = "/etc/opt/KORRbase/config.vz";
+constexpr const char* CONFIG_PATH = CONFIG_VZ_PATH;
 constexpr const char* LOG_PATH = "/var/opt/KORRbase/log.nb";
 
 constexpr int MSG_NOTROOT = 198;
