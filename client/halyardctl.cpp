@@ -36,9 +36,11 @@ const char* const help_text =
     "\n"
     "    A NAME is written NAME<hh>: up to 15 characters (padded with blanks) and\n"
     "    the type byte in two hexadecimal digits, <00> when left out, for example\n"
-    "    fileserv<20>. Characters are taken as typed (no case folding); \\xhh\n"
-    "    gives any byte, \\\\ and \\< a backslash and a '<'. A lone * is the\n"
-    "    wildcard name of an adapter-status request.\n"
+    "    'FILESERV<20>' (quoted: the shell takes < and > for redirections).\n"
+    "    Characters are taken as typed (no case folding), and other stations'\n"
+    "    tools ask in upper case, so write names in upper case; \\xhh gives any\n"
+    "    byte, \\\\ and \\< a backslash and a '<'. A lone * is the wildcard\n"
+    "    name of an adapter-status request.\n"
     "\n"
     "COMMANDS\n"
     "    add NAME [--group]   add a unique (or group) name and start its claim\n"
@@ -83,12 +85,13 @@ const char* const help_text =
     "    /var/opt/KORRbase/lock.name       lock held during one exchange\n"
     "\n"
     "EXAMPLES\n"
-    "    halyardctl add fileserv<20>\n"
-    "    halyardctl add workgrp<1e> --group\n"
+    "    halyardctl add 'FILESERV<20>'\n"
+    "    halyardctl add 'WORKGRP<1E>' --group\n"
     "    halyardctl --json list\n"
-    "    halyardctl lookup printsrv<20>\n"
+    "    halyardctl lookup 'PRINTSRV<20>'\n"
     "    halyardctl status 10.0.0.7\n"
-    "    halyardctl --timeout 5 check fileserv<20>\n";
+    "    halyardctl --timeout 5 check 'FILESERV<20>'\n"
+    "    halyardctl check-config /etc/opt/KORRbase/config.vz\n";
 
 struct Opts {
     bool json = false;
