@@ -4,7 +4,6 @@
 #include <netinet/in.h>
 
 #include <cstring>
-#include <string>
 
 #include "src/namelogin.h"
 #include "src/netaddr.h"
@@ -19,29 +18,25 @@ int warning_ct = 0;
 
 // The text of a line as found, printable whatever the file holds: leading
 // blanks dropped, control and non-ASCII bytes escaped, cut at 160 characters.
-std::string shown(const char* found)
+void print_shown(const char* found)
 {
-    constexpr size_t MAX_SHOWN = 160;
-    std::string s;
+    constexpr int MAX_SHOWN = 160;
     if (found == nullptr)
-        return s;
+        return;
     while (*found == ' ' || *found == '\t')
         found++;
-    for (const char* p = found; *p != '\0'; p++) {
-        if (s.size() >= MAX_SHOWN) {
-            s += "...";
+    int n = 0;
+    for (const char* p = found; *p != '\0'; p++, n++) {
+        if (n >= MAX_SHOWN) {
+            fputs("...", check_out);
             break;
         }
         auto c = static_cast<unsigned char>(*p);
-        if (c >= 0x20 && c < 0x7f) {
-            s += char(c);
-        } else {
-            char esc[8];
-            snprintf(esc, sizeof esc, "\\x%02x", c);
-            s += esc;
-        }
+        if (c >= 0x20 && c < 0x7f)
+            fputc(c, check_out);
+        else
+            fprintf(check_out, "\\x%02x", c);
     }
-    return s;
 }
 
 void print_note(bool error, int line, const char* found, const char* expected)
@@ -50,7 +45,9 @@ void print_note(bool error, int line, const char* found, const char* expected)
     fprintf(check_out, "%s%s", check_prefix, check_path);
     if (line > 0)
         fprintf(check_out, ":%d", line);
-    fprintf(check_out, ": %s%s: %s\n", error ? "" : "warning: ", shown(found).c_str(), expected);
+    fprintf(check_out, ": %s", error ? "" : "warning: ");
+    print_shown(found);
+    fprintf(check_out, ": %s\n", expected);
 }
 
 const char* dotted(uint32_t addr)

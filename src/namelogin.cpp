@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 #include <sys/stat.h>
 
 #include "nmtrace.h"
@@ -81,6 +80,7 @@ std::array<if_entry, MAX_INTERFACES> addr_table;
 constexpr size_t SYN_IP_MAXWORD = 123;
 
 cfg_note_fn note_fn = nullptr;
+constexpr size_t NOTE_SIZE = 256;  // a remark's own text; a longer one is cut
 
 // Tells a check about the directive being handled: its line as written.
 void note(bool error, int line, const char* expected)
@@ -209,8 +209,9 @@ void want_port(int line)
 
 void port_twice(int line, const char* directive)
 {
-    std::string once = std::string("one ") + directive + " (the first is kept)";
-    note(true, line, once.c_str());
+    char once[64];
+    snprintf(once, sizeof once, "one %s (the first is kept)", directive);
+    note(true, line, once);
 }
 
 // The row that interface directives fill, null in a section beyond the table.
@@ -248,11 +249,10 @@ const vz_par_tabent skip_table[] = {
 // A check hears of the sections that the missing transport leaves unread.
 int unread_section(int argc, char** argv, int line, const char*)
 {
-    std::string head = "[";
-    for (int i = 0; i < argc; i++)
-        head += std::string(i > 0 ? " " : "") + argv[i];
-    head += "]";
-    note_found(false, line, head.c_str(),
+    // A head selected here has two or three words.
+    char head[NOTE_SIZE];
+    snprintf(head, sizeof head, "[%s %s%s%s]", argv[0], argv[1], argc > 2 ? " " : "", argc > 2 ? argv[2] : "");
+    note_found(false, line, head,
                "not read: [realm NB] has no 'transport tcpip'");
     return 0;
 }
@@ -333,8 +333,9 @@ int namelogin(const char* path)
     }
     if (f == nullptr) {
         log_catmsg(LOG_SET, MSG_NOFILE, "%s: cannot open config file %s", prog, path);
-        std::string why = std::string("cannot be opened (") + strerror(open_errno) + ")";
-        note_found(true, 0, why.c_str(), "a readable configuration file");
+        char why[NOTE_SIZE];
+        snprintf(why, sizeof why, "cannot be opened (%s)", strerror(open_errno));
+        note_found(true, 0, why, "a readable configuration file");
         return 0;
     }
 
@@ -342,9 +343,9 @@ int namelogin(const char* path)
     transport_vznbu = 0;
     vz_parse(f, parse_err, nullptr, realm_pattern, realm_table);
     if (crlf.dropped > 0) {
-        std::string found = std::to_string(crlf.dropped) + " line" + (crlf.dropped > 1 ? "s end" : " ends") +
-                            " in CR LF";
-        note_found(false, 0, found.c_str(), "read as LF line ends");
+        char found[NOTE_SIZE];
+        snprintf(found, sizeof found, "%d line%s in CR LF", crlf.dropped, crlf.dropped > 1 ? "s end" : " ends");
+        note_found(false, 0, found, "read as LF line ends");
     }
     if (transport_tcpip == 0) {
         if (note_fn != nullptr) {
@@ -374,8 +375,9 @@ int namelogin(const char* path)
             log_catmsg(LOG_SET, MSG_IF_NOADDR, "%s: tcpip interface %s has no address", prog,
                        row.name);
             log_catmsg(LOG_SET, MSG_IGNORING, "    ignoring");
-            std::string head = std::string("[interface tcpip ") + row.name + "] without an address";
-            note_found(false, row.line, head.c_str(), "ignored: an interface needs 'address'");
+            char head[NOTE_SIZE];
+            snprintf(head, sizeof head, "[interface tcpip %s] without an address", row.name);
+            note_found(false, row.line, head, "ignored: an interface needs 'address'");
         }
     }
     clear_rows();
@@ -414,9 +416,10 @@ int parse_err(int, char**, int line, const char* message, const char* saved)
     log_catmsg(LOG_SET, MSG_PARSE, "%s: error occurred parsing config file on line %d", prog,
                line);
     log_catmsg(LOG_SET, MSG_PARSE_TEXT, "    %s", message != nullptr ? message : "out of memory");
-    std::string found = std::string(saved != nullptr ? saved : "") + " (" +
-                        (message != nullptr ? message : "out of memory") + ")";
-    note_found(true, line, found.c_str(), "a directive or a section head");
+    char found[NOTE_SIZE];
+    snprintf(found, sizeof found, "%s (%s)", saved != nullptr ? saved : "",
+             message != nullptr ? message : "out of memory");
+    note_found(true, line, found, "a directive or a section head");
     return 0;
 }
 
@@ -661,8 +664,9 @@ int do_ndaddr(int, char**, int argc, char** argv, int line, const char*)
         if (syn_ip(argv[i], &a) < 0) {
             bad_line(line);
             log_catmsg(LOG_SET, MSG_WANT_IP, "    expecting IP address");
-            std::string want = std::string("IPv4 addresses ('") + argv[i] + "' and those after it are not taken)";
-            note(true, line, want.c_str());
+            char want[NOTE_SIZE];
+            snprintf(want, sizeof want, "IPv4 addresses ('%s' and those after it are not taken)", argv[i]);
+            note(true, line, want);
             return 0;
         }
         if (nda_ct >= MAX_NDA) {
