@@ -257,6 +257,29 @@ int unread_section(int argc, char** argv, int line, const char*)
     return 0;
 }
 
+// A check hears of the section heads that none of the passes selects (a
+// misspelt head, or a section of another program): the daemon skips them.
+void note_unread_heads(FILE* f)
+{
+    rewind(f);
+    vz_par_init(f);
+    int argc = 0;
+    char** argv = nullptr;
+    char* comment = nullptr;
+    int c;
+    while ((c = vz_par_cons(f, &argc, &argv, &comment)) != VZ_PAR_EOF) {
+        if (c != VZ_PAR_TAG)
+            continue;
+        bool realm = argc == 2 && strcmp(argv[0], "realm") == 0 && strcmp(argv[1], "NB") == 0;
+        bool iface = argc == 3 && strcmp(argv[0], "interface") == 0 && strcmp(argv[1], "tcpip") == 0;
+        bool transport = argc == 2 && strcmp(argv[0], "transport") == 0 && strcmp(argv[1], "tcpip") == 0;
+        if (!realm && !iface && !transport)
+            note(false, vz_par_line(),
+                 "not read: the name server reads [realm NB], [interface tcpip NAME] and [transport tcpip]");
+    }
+    vz_par_fini(f);
+}
+
 // An unknown directive in a read section is ignored; a check hears of it.
 const char* known_directives(char** tag)
 {
@@ -356,6 +379,7 @@ int namelogin(const char* path)
             vz_parse(f, nullptr, unread_section, interface_pattern, skip_table);
             rewind(f);
             vz_parse(f, nullptr, unread_section, transport_pattern, skip_table);
+            note_unread_heads(f);
         }
         fclose(f);
         return 0;
@@ -384,6 +408,8 @@ int namelogin(const char* path)
 
     rewind(f);
     vz_parse(f, parse_err, nullptr, transport_pattern, transport_table);
+    if (note_fn != nullptr)
+        note_unread_heads(f);
     fclose(f);
     return 0;
 }

@@ -49,7 +49,8 @@ TEST(ConfCheck, PrintsEveryProblemWithItsLineAndTheSettings)
                                     "[interface tcpip eth1]\r\nnetmask 255.0.0.0\r\n"
                                     "[transport tcpip]\r\nNB-nd-port 99999\r\nNB-scope 1abc\r\n"
                                     "NB-nd-addr 10.0.0.1\r\nNB-nd-addr 10.0.0.2\r\nNB-frob 1\r\n"
-                                    "NB-wildcard-status on\r\nNB-ensclient yes\r\n"));
+                                    "NB-wildcard-status on\r\nNB-ensclient yes\r\n"
+                                    "[Transport tcpip]\r\nNB-name-port 5\r\n"));
     ASSERT_TRUE(write_text(good, "[realm NB]\ntransport tcpip\n[interface tcpip eth0]\n"
                                      "address 10.88.0.1\nbroadcast 10.88.0.255\nnetmask 255.255.255.0\n"
                                      "[transport tcpip]\nNB-name-port 1137\nNB-frob\n"));
@@ -57,7 +58,7 @@ TEST(ConfCheck, PrintsEveryProblemWithItsLineAndTheSettings)
     std::string out = check(bad, &errors);
     EXPECT_EQ(errors, 5) << out;
     const struct { const char* line; } want[] = {
-        {": warning: 16 lines end in CR LF: read as LF line ends\n"},
+        {": warning: 18 lines end in CR LF: read as LF line ends\n"},
         {":5: broadcast x: one IPv4 broadcast address, such as 10.88.0.255\n"},
         {":6: warning: mtu 9000: ignored: an interface section knows address, broadcast and netmask\n"},
         {":7: warning: [interface tcpip eth1] without an address: ignored: an interface needs 'address'\n"},
@@ -66,9 +67,11 @@ TEST(ConfCheck, PrintsEveryProblemWithItsLineAndTheSettings)
         {":13: NB-nd-addr 10.0.0.2: all agents in one NB-nd-addr directive (this one is ignored)\n"},
         {":14: warning: NB-frob 1: ignored: [transport tcpip] knows NB-scope"},
         {":16: NB-ensclient yes: on or off\n"},
+        {":17: warning: [Transport tcpip]: not read: the name server reads [realm NB], "
+         "[interface tcpip NAME] and [transport tcpip]\n"},
         {"  agents           10.0.0.1\n"},
         {"  wildcard status  on\n"},
-        {"5 errors, 4 warnings\n"},
+        {"5 errors, 5 warnings\n"},
     };
     for (const auto& w : want)
         EXPECT_TRUE(has(out, w.line[0] == ' ' || w.line[0] == '5' ? w.line : bad + w.line)) << w.line << "\n" << out;
