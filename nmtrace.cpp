@@ -40,6 +40,7 @@ char tfname[128];  // the name from the option; its expansion once opened
 int saw_a_z = 0;
 int saved_optind = 1;
 bool ever_called = false;
+bool only_checking = false;  // tc_checkopt: warn, open nothing
 
 void first_call()
 {
@@ -156,9 +157,18 @@ int tc_getopt(int argc, char* const argv[], const char* options)
     int c;
     while ((c = getopt(argc, argv, optstring)) == 'z')
         handle_z(prog, optarg);
-    if (c == -1 && saw_a_z)
+    if (c == -1 && saw_a_z && !only_checking)
         open_trace_file();
     return c;
+}
+
+void tc_checkopt(int argc, char* const argv[], const char* options)
+{
+    only_checking = true;
+    while (tc_getopt(argc, argv, options) != -1) {
+    }
+    only_checking = false;
+    tc_reset();
 }
 
 int* tc_findvar(const char* name)

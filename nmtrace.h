@@ -15,6 +15,9 @@ extern FILE* tcfile;  // null when there is no trace file
 // getopt for the caller's options; consumes "-z name=value" itself and opens
 // the trace file at the end of the options when a dimension was set.
 int tc_getopt(int argc, char* const argv[], const char* options);
+// The same scan with its warnings on the standard error stream, but nothing
+// set and no file opened; the command line can then be scanned again.
+void tc_checkopt(int argc, char* const argv[], const char* options);
 int* tc_findvar(const char* name);                        // null when unknown
 int tc_enumdim(int* index, const char** name, int* value);  // 1, or 0 past the last
 int tc_reset();                                           // the first-seen optind

@@ -11,6 +11,8 @@
 #include "client/nsclient.h"
 #include "nversion.h"
 #include "shr/uniinet.h"
+#include "src/confcheck.h"
+#include "src/namelogin.h"
 
 namespace {
 
@@ -35,9 +37,11 @@ const char* const help_text =
     "\n"
     "    A NAME is written NAME<hh>: up to 15 characters (padded with blanks) and\n"
     "    the type byte in two hexadecimal digits, <00> when left out, for example\n"
-    "    fileserv<20>. Characters are taken as typed (no case folding); \\xhh\n"
-    "    gives any byte, \\\\ and \\< a backslash and a '<'. A lone * is the\n"
-    "    wildcard name of an adapter-status request.\n"
+    "    'FILESERV<20>' (quoted: the shell takes < and > for redirections).\n"
+    "    Characters are taken as typed (no case folding), and other stations'\n"
+    "    tools ask in upper case, so write names in upper case; \\xhh gives any\n"
+    "    byte, \\\\ and \\< a backslash and a '<'. A lone * is the wildcard\n"
+    "    name of an adapter-status request.\n"
     "\n"
     "COMMANDS\n"
     "    add NAME [--group]   add a unique (or group) name and start its claim\n"
@@ -53,6 +57,11 @@ const char* const help_text =
     "    type                 show the packet format number and the session port\n"
     "    reinit               ask the name server to re-initialise\n"
     "    enstable             write the name directory table to the trace file\n"
+    "    check-config [FILE]  read the configuration file (default\n"
+    "                         /etc/opt/KORRbase/config.vz) as the name server\n"
+    "                         does, print every problem as FILE:LINE: what was\n"
+    "                         found: what was expected, and the settings that\n"
+    "                         result; needs no running server\n"
     "\n"
     "OPTIONS\n"
     "    --json               print the answer as one JSON object\n"
@@ -66,7 +75,8 @@ const char* const help_text =
     "\n"
     "EXIT STATUS\n"
     "    0  success\n"
-    "    1  refused or not found; the reason is printed\n"
+    "    1  refused or not found, or check-config found errors; the reason\n"
+    "       is printed\n"
     "    2  usage error\n"
     "    3  the name server cannot be reached, does not answer, or answered\n"
     "       badly; the message says which: not running, running without its\n"
@@ -79,12 +89,13 @@ const char* const help_text =
     "    /var/opt/KORRbase/lock.name       lock held during one exchange\n"
     "\n"
     "EXAMPLES\n"
-    "    halyardctl add fileserv<20>\n"
-    "    halyardctl add workgrp<1e> --group\n"
+    "    halyardctl add 'FILESERV<20>'\n"
+    "    halyardctl add 'WORKGRP<1E>' --group\n"
     "    halyardctl --json list\n"
-    "    halyardctl lookup printsrv<20>\n"
+    "    halyardctl lookup 'PRINTSRV<20>'\n"
     "    halyardctl status 10.0.0.7\n"
-    "    halyardctl --timeout 5 check fileserv<20>\n";
+    "    halyardctl --timeout 5 check 'FILESERV<20>'\n"
+    "    halyardctl check-config /etc/opt/KORRbase/config.vz\n";
 
 struct Opts {
     bool json = false;
@@ -478,6 +489,17 @@ int parse_args(int argc, char** argv, Opts* o)
     return 0;
 }
 
+// The configuration check reads a file and talks to no server; exit 1 when
+// the file has errors.
+int check_config(const Opts& o)
+{
+    if (o.argc > 1)
+        return usage_error("check-config: too many arguments");
+    if (o.json || o.group)
+        return usage_error("check-config takes no --json or --group");
+    return conf_check(o.argc == 1 ? o.args[0] : CONFIG_VZ_PATH, stdout, "", true) == 0 ? EX_OKAY : EX_REFUSED;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -488,6 +510,8 @@ int main(int argc, char** argv)
         return rc;
     if (o.cmd == nullptr)
         return usage_error("no command given");
+    if (strcmp(o.cmd, "check-config") == 0)
+        return check_config(o);
     for (const Command& cmd : commands) {
         if (strcmp(cmd.name, o.cmd) != 0)
             continue;

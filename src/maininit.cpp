@@ -1,6 +1,7 @@
 #include "src/maininit.h"
 
 #include <array>
+#include <cstdio>
 #include <atomic>
 #include <csignal>
 #include <unistd.h>
@@ -16,6 +17,7 @@
 #include "shr/vzhome.h"
 #include "shr/vzmkkvcv.h"
 #include "shr/vzsignal.h"
+#include "src/confcheck.h"
 #include "src/namecust.h"
 #include "src/namelogin.h"
 #include "src/netaddr.h"
@@ -339,7 +341,7 @@ int strict = 1;
 
 namespace {
 
-constexpr const char* CONFIG_PATH = "/etc/opt/KORRbase/config.vz";
+constexpr const char* CONFIG_PATH = CONFIG_VZ_PATH;
 constexpr const char* LOG_PATH = "/var/opt/KORRbase/log.nb";
 
 constexpr int MSG_NOTROOT = 198;
@@ -388,6 +390,21 @@ void detach()
         (void)dup(0);
         (void)dup(0);
     }
+}
+
+// The launching process still has its caller's terminal, which the daemon
+// leaves: the warnings and errors that the daemon will write to /dev/null or
+// only to the log are told there first (the daemon then does with them all
+// it would have done). A configuration problem is printed with its line and
+// the text found.
+void launch_check(int argc, char* argv[])
+{
+    tc_checkopt(argc, argv, "n");
+    if (geteuid() != 0) {
+        fprintf(stderr, "%s: must run as super-user\n", prog);
+        return;
+    }
+    conf_check(CONFIG_PATH, stderr, "Halyard: ", false);
 }
 
 }  // namespace
@@ -460,6 +477,7 @@ int main_init(int argc, char* argv[])
     if (chdir(vz_home) != 0)
         exit(2);
 
+    launch_check(argc, argv);
     // The launching process ends here, also when there is no child, so that
     // its caller never waits on the daemon.
     if (fork() != 0)

@@ -27,6 +27,7 @@ int nda_ct = 0;
 uint32_t broadcast_addr = 0;
 char nb_scope[256] = "";
 int client_gid = -1;
+int wildcard_status = 0;
 
 namespace {
 
@@ -67,6 +68,7 @@ struct IfRow {
     uint32_t flags;
     char* name;     // heap copy of the section head's third word
     if_entry ent;
+    int line;       // of the first section head, for a check's remarks
 };
 
 // The interface sections as they are read; only alive during namelogin.
@@ -80,10 +82,89 @@ std::array<if_entry, MAX_INTERFACES> addr_table;
 // "I(" + word + ")" must fit the 128-character limit of the internet parser.
 constexpr size_t SYN_IP_MAXWORD = 123;
 
+cfg_note_fn note_fn = nullptr;
+constexpr size_t NOTE_SIZE = 256;  // a remark's own text; a longer one is cut
+
+// Tells a check about the directive being handled: its line as written.
+void note(bool error, int line, const char* expected)
+{
+    if (note_fn != nullptr)
+        note_fn(error, line, vz_par_saved(), expected);
+}
+
+// Tells a check about something that is not the current directive.
+void note_found(bool error, int line, const char* found, const char* expected)
+{
+    if (note_fn != nullptr)
+        note_fn(error, line, found, expected);
+}
+
 // The first of the pair that reports a bad directive; its caller logs the detail.
 void bad_line(int line)
 {
     log_catmsg(LOG_SET, MSG_ERRLINE, "%s: error in config file at line %d", prog, line);
+}
+
+// The range a port can have; the log keeps the designed silence above it
+// (the low 16 bits are used), but a check calls it an error.
+constexpr int PORT_MAX = 65535;
+constexpr const char* WANT_PORT = "a port number from 1 to 65535";
+
+void check_port_range(int v, int line)
+{
+    if (v <= PORT_MAX || note_fn == nullptr)
+        return;
+    char what[96];
+    snprintf(what, sizeof what, "%s (the daemon would use %d)", WANT_PORT, v & PORT_MAX);
+    note(true, line, what);
+}
+
+// Reads the file with every carriage return that ends a line left out, so
+// that a file written with CRLF line ends reads exactly as with LF; a CR
+// anywhere else stays a word character. Only rewinding is supported, which
+// is all the three passes need.
+struct CrlfFile {
+    FILE* f;
+    int dropped;  // CRs left out, counted over the first pass
+    bool counting;
+};
+
+ssize_t crlf_read(void* cookie, char* buf, size_t size)
+{
+    auto* c = static_cast<CrlfFile*>(cookie);
+    size_t n = 0;
+    while (n < size) {
+        int ch = getc(c->f);
+        if (ch == EOF)
+            break;
+        if (ch == '\r') {
+            int next = getc(c->f);
+            if (next == '\n') {
+                ch = '\n';
+                if (c->counting)
+                    c->dropped++;
+            } else if (next != EOF) {
+                ungetc(next, c->f);
+            }
+        }
+        buf[n++] = char(ch);
+    }
+    return ssize_t(n);
+}
+
+int crlf_seek(void* cookie, off64_t* pos, int whence)
+{
+    auto* c = static_cast<CrlfFile*>(cookie);
+    if (*pos != 0 || whence != SEEK_SET)
+        return -1;
+    rewind(c->f);
+    c->counting = false;
+    return 0;
+}
+
+int crlf_close(void* cookie)
+{
+    return fclose(static_cast<CrlfFile*>(cookie)->f);
 }
 
 // strtol over a whole word: at least one character read, nothing left, no
@@ -126,6 +207,14 @@ void want_port(int line)
 {
     bad_line(line);
     log_catmsg(LOG_SET, MSG_WANT_PORT, "    expecting positive port number");
+    note(true, line, WANT_PORT);
+}
+
+void port_twice(int line, const char* directive)
+{
+    char once[64];
+    snprintf(once, sizeof once, "one %s (the first is kept)", directive);
+    note(true, line, once);
 }
 
 // The row that interface directives fill, null in a section beyond the table.
@@ -148,6 +237,64 @@ void clear_rows()
     }
     if_row_ct = 0;
     if_cur = -1;
+}
+
+int skip_directive(int, char**, int, char**, int, const char*)
+{
+    return 0;
+}
+// For the passes that only look for section heads.
+const vz_par_tabent skip_table[] = {
+    {"", skip_directive},
+    {nullptr, nullptr},
+};
+
+// A check hears of the sections that the missing transport leaves unread.
+int unread_section(int argc, char** argv, int line, const char*)
+{
+    // A head selected here has two or three words.
+    char head[NOTE_SIZE];
+    snprintf(head, sizeof head, "[%s %s%s%s]", argv[0], argv[1], argc > 2 ? " " : "", argc > 2 ? argv[2] : "");
+    note_found(false, line, head,
+               "not read: [realm NB] has no 'transport tcpip'");
+    return 0;
+}
+
+// A check hears of the section heads that none of the passes selects (a
+// misspelt head, or a section of another program): the daemon skips them.
+void note_unread_heads(FILE* f)
+{
+    rewind(f);
+    vz_par_init(f);
+    int argc = 0;
+    char** argv = nullptr;
+    char* comment = nullptr;
+    int c;
+    while ((c = vz_par_cons(f, &argc, &argv, &comment)) != VZ_PAR_EOF) {
+        if (c != VZ_PAR_TAG)
+            continue;
+        bool realm = argc == 2 && strcmp(argv[0], "realm") == 0 && strcmp(argv[1], "NB") == 0;
+        bool iface = argc == 3 && strcmp(argv[0], "interface") == 0 && strcmp(argv[1], "tcpip") == 0;
+        bool transport = argc == 2 && strcmp(argv[0], "transport") == 0 && strcmp(argv[1], "tcpip") == 0;
+        if (!realm && !iface && !transport)
+            note(false, vz_par_line(),
+                 "not read: the name server reads [realm NB], [interface tcpip NAME] and [transport tcpip]");
+    }
+    vz_par_fini(f);
+}
+
+// An unknown directive in a read section is ignored; a check hears of it.
+const char* known_directives(char** tag)
+{
+    if (tag == nullptr || tag[0] == nullptr)
+        return "a known directive";
+    if (strcmp(tag[0], "realm") == 0)
+        return "ignored: [realm NB] knows 'transport tcpip' and 'transport vznbu'";
+    if (strcmp(tag[0], "interface") == 0)
+        return "ignored: an interface section knows address, broadcast and netmask";
+    return "ignored: [transport tcpip] knows NB-scope, NB-name-port, NB-session-port, "
+           "NB-ens-port, NB-ensclient, NB-nd-addr, NB-nd-port, NB-wildcard-status and "
+           "bcast-style";
 }
 
 // The three passes: which sections each reads and how.
@@ -177,32 +324,67 @@ const vz_par_tabent transport_table[] = {
     {"NB-nd-addr", do_ndaddr},
     {"NB-nd-port", do_ndport},
     {"bcast-style", do_bcaststyle},
+    {"NB-wildcard-status", do_wildstat},
     {"", do_dontcare},
     {nullptr, nullptr},
 };
 
 }  // namespace
 
+void namelogin_notes(cfg_note_fn fn)
+{
+    note_fn = fn;
+}
+
 int namelogin(const char* path)
 {
     log_new();
-    FILE* f = fopen(path, "r");
+    FILE* raw = fopen(path, "r");
+    int open_errno = errno;
     // A directory opens but reads as nothing; say so rather than run with
     // no transport and no word in the log.
     struct stat st;
-    if (f != nullptr && (fstat(fileno(f), &st) != 0 || S_ISDIR(st.st_mode))) {
-        fclose(f);
-        f = nullptr;
+    if (raw != nullptr && (fstat(fileno(raw), &st) != 0 || S_ISDIR(st.st_mode))) {
+        fclose(raw);
+        raw = nullptr;
+        open_errno = EISDIR;
+    }
+    CrlfFile crlf{raw, 0, true};
+    FILE* f = nullptr;
+    if (raw != nullptr) {
+        f = fopencookie(&crlf, "r", cookie_io_functions_t{crlf_read, nullptr, crlf_seek, crlf_close});
+        if (f == nullptr) {
+            open_errno = errno;
+            fclose(raw);
+        }
     }
     if (f == nullptr) {
         log_catmsg(LOG_SET, MSG_NOFILE, "%s: cannot open config file %s", prog, path);
+        char why[NOTE_SIZE];
+        snprintf(why, sizeof why, "cannot be opened (%s)", strerror(open_errno));
+        note_found(true, 0, why, "a readable configuration file");
         return 0;
     }
 
     transport_tcpip = 0;
     transport_vznbu = 0;
     vz_parse(f, parse_err, nullptr, realm_pattern, realm_table);
+    if (crlf.dropped > 0) {
+        char found[NOTE_SIZE];
+        snprintf(found, sizeof found, "%d line%s in CR LF", crlf.dropped, crlf.dropped > 1 ? "s end" : " ends");
+        note_found(false, 0, found, "read as LF line ends");
+    }
     if (transport_tcpip == 0) {
+        if (note_fn != nullptr) {
+            if (transport_vznbu == 0)
+                note_found(true, 0, "no 'transport tcpip' in [realm NB]",
+                           "a [realm NB] section with 'transport tcpip', or the name service does not run");
+            rewind(f);
+            vz_parse(f, nullptr, unread_section, interface_pattern, skip_table);
+            rewind(f);
+            vz_parse(f, nullptr, unread_section, transport_pattern, skip_table);
+            note_unread_heads(f);
+        }
         fclose(f);
         return 0;
     }
@@ -221,12 +403,17 @@ int namelogin(const char* path)
             log_catmsg(LOG_SET, MSG_IF_NOADDR, "%s: tcpip interface %s has no address", prog,
                        row.name);
             log_catmsg(LOG_SET, MSG_IGNORING, "    ignoring");
+            char head[NOTE_SIZE];
+            snprintf(head, sizeof head, "[interface tcpip %s] without an address", row.name);
+            note_found(false, row.line, head, "ignored: an interface needs 'address'");
         }
     }
     clear_rows();
 
     rewind(f);
     vz_parse(f, parse_err, nullptr, transport_pattern, transport_table);
+    if (note_fn != nullptr)
+        note_unread_heads(f);
     fclose(f);
     return 0;
 }
@@ -252,17 +439,22 @@ void name_settings_clear()
     broadcast_addr = 0;
     nb_scope[0] = '\0';
     client_gid = -1;
+    wildcard_status = 0;
 }
 
-int parse_err(int, char**, int line, const char* message, const char*)
+int parse_err(int, char**, int line, const char* message, const char* saved)
 {
     log_catmsg(LOG_SET, MSG_PARSE, "%s: error occurred parsing config file on line %d", prog,
                line);
     log_catmsg(LOG_SET, MSG_PARSE_TEXT, "    %s", message != nullptr ? message : "out of memory");
+    char found[NOTE_SIZE];
+    snprintf(found, sizeof found, "%s (%s)", saved != nullptr ? saved : "",
+             message != nullptr ? message : "out of memory");
+    note_found(true, line, found, "a directive or a section head");
     return 0;
 }
 
-int inter_section(int argc, char** argv, int, const char*)
+int inter_section(int argc, char** argv, int line, const char*)
 {
     if (argc < 3 || argv[2] == nullptr) {
         if_cur = -1;
@@ -277,6 +469,7 @@ int inter_section(int argc, char** argv, int, const char*)
     }
     if (if_row_ct >= MAX_INTERFACES) {
         log_catmsg(LOG_SET, MSG_MANY_IF, "%s: too many interfaces in config file", prog);
+        note(true, line, "at most 32 interface sections; this one is ignored");
         if_cur = -1;
         return 0;
     }
@@ -286,16 +479,20 @@ int inter_section(int argc, char** argv, int, const char*)
     if (row.name == nullptr) {
         log_catmsg(LOG_SET, MSG_IF_NOMEM, "%s: error allocating memory for tcpip interface %s",
                    prog, name);
+        note(true, line, "memory to read it");
         // The row is not counted, so its directives have nowhere to go.
         if_cur = -1;
         return 0;
     }
+    row.line = line;
     if_cur = static_cast<int8_t>(if_row_ct++);
     return 0;
 }
 
-int do_dontcare(int, char**, int, char**, int, const char*)
+int do_dontcare(int, char** tag, int argc, char**, int line, const char*)
 {
+    if (argc > 0)
+        note(false, line, known_directives(tag));
     return 0;
 }
 
@@ -309,6 +506,7 @@ int do_transport(int, char**, int argc, char** argv, int line, const char*)
     } else {
         bad_line(line);
         log_catmsg(LOG_SET, MSG_WANT_TRANSPORT, "    tcpip/vznbu expected");
+        note(true, line, "transport tcpip or transport vznbu");
     }
     return 0;
 }
@@ -322,9 +520,11 @@ int do_address(int, char**, int argc, char** argv, int line, const char*)
     if (!if_value(argc, argv, &v)) {
         bad_line(line);
         log_catmsg(LOG_SET, MSG_WANT_IP, "    expecting IP address");
+        note(true, line, "one IPv4 address, such as 10.88.0.1");
     } else if (row->flags & IF_ADDR) {
         bad_line(line);
         log_catmsg(LOG_SET, MSG_ADDR_TWICE, "    address for interface already specified");
+        note(true, line, "one address per interface (the first is kept)");
     } else {
         row->ent.addr = v;
         row->flags |= IF_ADDR;
@@ -341,10 +541,12 @@ int do_broadcast(int, char**, int argc, char** argv, int line, const char*)
     if (!if_value(argc, argv, &v)) {
         bad_line(line);
         log_catmsg(LOG_SET, MSG_WANT_BCAST, "    expecting IP broadcast address");
+        note(true, line, "one IPv4 broadcast address, such as 10.88.0.255");
     } else if (row->flags & IF_BCAST) {
         bad_line(line);
         log_catmsg(LOG_SET, MSG_BCAST_TWICE,
                    "    broadcast address for interface already specified");
+        note(true, line, "one broadcast address per interface (the first is kept)");
     } else {
         row->ent.bcast = v;
         row->flags |= IF_BCAST;
@@ -361,9 +563,11 @@ int do_netmask(int, char**, int argc, char** argv, int line, const char*)
     if (!if_value(argc, argv, &v)) {
         bad_line(line);
         log_catmsg(LOG_SET, MSG_WANT_MASK, "    expecting IP netmask");
+        note(true, line, "one IPv4 netmask, such as 255.255.255.0");
     } else if (row->flags & IF_MASK) {
         bad_line(line);
         log_catmsg(LOG_SET, MSG_MASK_TWICE, "    netmask for interface already specified");
+        note(true, line, "one netmask per interface (the first is kept)");
     } else {
         row->ent.mask = v;
         row->flags |= IF_MASK;
@@ -378,6 +582,8 @@ int do_scope(int, char**, int argc, char** argv, int line, const char*)
     if (argc != 2 || !valid_scope(argv[1]) || strlen(argv[1]) >= sizeof nb_scope) {
         bad_line(line);
         log_catmsg(LOG_SET, MSG_WANT_SCOPE, "    expecting valid scope name");
+        note(true, line, "one scope of labels joined by dots (a letter first, then letters, "
+                         "digits or '-'), at most 255 characters");
         return 0;
     }
     memcpy(nb_scope, argv[1], strlen(argv[1]) + 1);
@@ -394,8 +600,10 @@ int do_nameport(int, char**, int argc, char** argv, int line, const char*)
     } else if (nmport != 0) {
         bad_line(line);
         log_catmsg(LOG_SET, MSG_NAMEPORT_TWICE, "    NB-name-port already set");
+        port_twice(line, "NB-name-port");
     } else {
         nmport = static_cast<uint16_t>(v);
+        check_port_range(v, line);
         TRACE(proc, 3, "do_nameport: %d\n", v);
     }
     return 0;
@@ -409,8 +617,10 @@ int do_sessport(int, char**, int argc, char** argv, int line, const char*)
     } else if (ssport != 0) {
         bad_line(line);
         log_catmsg(LOG_SET, MSG_SESSPORT_TWICE, "    NB-session-port already set");
+        port_twice(line, "NB-session-port");
     } else {
         ssport = static_cast<uint16_t>(v);
+        check_port_range(v, line);
         TRACE(proc, 3, "do_sessport: %d\n", v);
     }
     return 0;
@@ -424,8 +634,10 @@ int do_ensport(int, char**, int argc, char** argv, int line, const char*)
     } else if (ensport != 0) {
         bad_line(line);
         log_catmsg(LOG_SET, MSG_ENSPORT_TWICE, "    NB-ens-port already set");
+        port_twice(line, "NB-ens-port");
     } else {
         ensport = static_cast<uint16_t>(v);
+        check_port_range(v, line);
         TRACE(proc, 3, "do_ensport: %d\n", v);
     }
     return 0;
@@ -439,8 +651,10 @@ int do_ndport(int, char**, int argc, char** argv, int line, const char*)
     } else if (ndport != 0) {
         bad_line(line);
         log_catmsg(LOG_SET, MSG_NDPORT_TWICE, "    NB-nd-port already set");
+        port_twice(line, "NB-nd-port");
     } else {
         ndport = static_cast<uint16_t>(v);
+        check_port_range(v, line);
         TRACE(proc, 3, "do_ndport: %d\n", v);
     }
     return 0;
@@ -470,6 +684,7 @@ int do_ensclient(int, char**, int argc, char** argv, int line, const char*)
     if (v < 0) {
         bad_line(line);
         log_catmsg(LOG_SET, MSG_ONOFF, "    expecting on/off");
+        note(true, line, "on or off");
         return 0;
     }
     ens_client = v;
@@ -483,12 +698,14 @@ int do_ndaddr(int, char**, int argc, char** argv, int line, const char*)
     if (nda_ct != 0) {
         log_catmsg(LOG_SET, MSG_MANY_NDA, "%s: too many NB-nd-addr's in config file", prog);
         log_catmsg(LOG_SET, MSG_IGNORING, "    ignoring");
+        note(true, line, "all agents in one NB-nd-addr directive (this one is ignored)");
         return 0;
     }
     if (argc < 2) {
         log_catmsg(LOG_SET, MSG_EMPTY, "%s: Ignoring empty %s directive, line %d", prog, argv[0],
                    line);
         TRACE(err, 1, "nol_dodef: empty %s directive\n", argv[0]);
+        note(false, line, "ignored: one to ten agent addresses");
         return 0;
     }
     for (int i = 1; i < argc; i++) {
@@ -496,11 +713,15 @@ int do_ndaddr(int, char**, int argc, char** argv, int line, const char*)
         if (syn_ip(argv[i], &a) < 0) {
             bad_line(line);
             log_catmsg(LOG_SET, MSG_WANT_IP, "    expecting IP address");
+            char want[NOTE_SIZE];
+            snprintf(want, sizeof want, "IPv4 addresses ('%s' and those after it are not taken)", argv[i]);
+            note(true, line, want);
             return 0;
         }
         if (nda_ct >= MAX_NDA) {
             log_catmsg(LOG_SET, MSG_MANY_NDA, "%s: too many NB-nd-addr's in config file", prog);
             log_catmsg(LOG_SET, MSG_IGNORING, "    ignoring");
+            note(true, line, "at most ten agent addresses (the first ten are kept)");
             return 0;
         }
         nda_addr[nda_ct++] = a;
@@ -515,9 +736,26 @@ int do_bcaststyle(int, char**, int argc, char** argv, int line, const char*)
     if (argc != 2 || syn_ip(argv[1], &v) < 0) {
         bad_line(line);
         log_catmsg(LOG_SET, MSG_WANT_FORM, "    expecting IP address (form)");
+        note(true, line, "one IPv4 address whose host part is the broadcast pattern, such as 0.0.0.255");
         return 0;
     }
     broadcast_addr = v;
+    return 0;
+}
+
+// Whether "*" gets the node status of every name: nbtstat -A and
+// nmblookup -A ask for it. Checked and logged like NB-ensclient.
+int do_wildstat(int, char**, int argc, char** argv, int line, const char*)
+{
+    int v = argc == 2 ? syn_onoff(argv[1]) : -1;
+    if (v < 0) {
+        bad_line(line);
+        log_catmsg(LOG_SET, MSG_ONOFF, "    expecting on/off");
+        note(true, line, "on or off");
+        return 0;
+    }
+    wildcard_status = v;
+    TRACE(proc, 3, "do_wildstat: %d\n", v);
     return 0;
 }
 

@@ -12,6 +12,7 @@ struct if_entry {          // one configured interface
     uint32_t mask;         // likewise
 };
 
+constexpr const char* CONFIG_VZ_PATH = "/etc/opt/KORRbase/config.vz";  // the installed file
 constexpr int MAX_INTERFACES = 32;
 constexpr int MAX_NDA = 10;
 
@@ -27,11 +28,22 @@ extern int nda_ct;
 extern uint32_t broadcast_addr; // pattern for the host part of computed broadcasts
 extern char nb_scope[256];      // dotted scope, "" for none
 extern int client_gid;          // the FIFOs' and lock file's group; -1: open to all
+// Non-zero: a node-status request for the wildcard name "*" is answered
+// with the whole name table (NB-wildcard-status on; off by default).
+extern int wildcard_status;
 
 // Reads the configuration file at path into the settings above, logging
 // every bad directive with its line; returns 0 in every case. Meant to run
 // once, before the port defaults are applied.
 int namelogin(const char* path);
+// A configuration check (halyardctl check-config, and the launching daemon
+// for its terminal) is told every problem beside the log: whether the
+// directive or file was refused (error) or only remarked upon (warning), the
+// line (0 for the file as a whole), the text found (the line as written, or
+// a description when line is 0) and what would have fitted.
+using cfg_note_fn = void (*)(bool error, int line, const char* found, const char* expected);
+void namelogin_notes(cfg_note_fn fn);  // null: the log alone
+
 // A re-initialisation leaves the settings as they are; 0.
 int name_reinit(const char* path);
 // Puts every setting back to its value before any file was read.
@@ -58,6 +70,7 @@ int do_ensport(int npat, char** tag, int argc, char** argv, int line, const char
 int do_ensclient(int npat, char** tag, int argc, char** argv, int line, const char* comment);
 int do_ndaddr(int npat, char** tag, int argc, char** argv, int line, const char* comment);
 int do_ndport(int npat, char** tag, int argc, char** argv, int line, const char* comment);
+int do_wildstat(int npat, char** tag, int argc, char** argv, int line, const char* comment);
 int do_bcaststyle(int npat, char** tag, int argc, char** argv, int line, const char* comment);
 
 // Value checkers; each takes one word and gives -1 when it does not fit.

@@ -238,13 +238,24 @@ int neg_adapstat(npkt* out, const npkt* in)
     return out->size;
 }
 
+// The wildcard name of a node status request: "*" and fifteen zero bytes
+// (RFC 1002 4.2.17), what nmblookup -A and nbtstat -A ask for.
+namespace {
+bool wildcard_name(const uint8_t* name)
+{
+    static constexpr uint8_t wildcard[16] = {'*'};
+    return memcmp(name, wildcard, sizeof wildcard) == 0;
+}
+}  // namespace
+
 // RFC 1002 4.2.17: a node status request. Neither the scope nor the sender
-// is checked: any station may ask, for any of our names.
+// is checked: any station may ask, for any of our names, and for the
+// wildcard name when NB-wildcard-status is on.
 void answer_adapstat(const npkt* rec)
 {
     init_outpkt(&out_rec, out_area, NT_QUERY_RESP, rec->name);
     out_rec.flags = NPKT_STAT;
-    if (name_present(rec->name) != nullptr)
+    if (name_present(rec->name) != nullptr || (wildcard_status != 0 && wildcard_name(rec->name)))
         pos_adapstat(&out_rec, rec);
     else
         neg_adapstat(&out_rec, rec);

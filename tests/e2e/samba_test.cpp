@@ -246,7 +246,30 @@ TEST_F(Samba, NmblookupGetsOurAnswersUnicastAndBroadcast)
     // A node status request for the name found is answered with our names.
     std::string status = nmblookup({"-U", "10.88.0.1", "--recursion", "-S", "FILESERV#20"});
     EXPECT_TRUE(contains(status, "FILESERV        <20>")) << status;
+    // The wildcard name "*" is not ours: without NB-wildcard-status no answer.
+    std::string wild = nmblookup({"-A", "10.88.0.1"});
+    EXPECT_FALSE(contains(wild, "FILESERV")) << wild;
     check_capture(tshark, 2);
+}
+
+// nmblookup -A (as nbtstat -A) asks for the node status of "*": with
+// NB-wildcard-status on, in a configuration written with CRLF line ends,
+// it gets the whole name table.
+TEST_F(Samba, NmblookupDashAGetsTheNameTableWhenWildcardStatusIsOn)
+{
+    std::string crlf;
+    for (char c : lab.default_config() + "NB-wildcard-status on\n")
+        crlf += c == '\n' ? std::string("\r\n") : std::string(1, c);
+    ASSERT_TRUE(lab.write_config(crlf));
+    ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
+    std::string out;
+    ASSERT_EQ(lab.halyardctl({"add", "FILESERV<20>"}, &out), 0) << out;
+    ASSERT_EQ(lab.halyardctl({"add", "LABGRP<1E>", "--group"}, &out), 0) << out;
+    std::string wild;
+    for (int i = 0; i < 5 && !contains(wild, "LABGRP"); ++i)
+        wild = nmblookup({"-A", "10.88.0.1"});
+    EXPECT_TRUE(contains(wild, "FILESERV        <20> -         B <ACTIVE>")) << wild << lab.log();
+    EXPECT_TRUE(contains(wild, "LABGRP          <1e> - <GROUP> B <ACTIVE>")) << wild;
 }
 
 TEST_F(Samba, NmbdIsFoundAskedForStatusAndDefendsItsName)

@@ -2,8 +2,11 @@
 // the log, the registration, the trace file and the bound port.
 
 #include "tests/support/lab.h"
+#include "tests/support/paths.h"
 
 #include <gtest/gtest.h>
+
+#include <algorithm>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -215,6 +218,29 @@ TEST_F(Startup, ConfiguredNamePortReplacesTheDefault)
     ASSERT_GT(pid, 0) << lab.last_error();
     EXPECT_TRUE(wait_port_bound(pid, 1137, 20.0));
     EXPECT_FALSE(Lab::udp_port_bound(pid, 137));
+}
+
+// The launching process tells its terminal what the detached daemon can
+// only log or write to /dev/null: a misspelt trace option, and each
+// configuration problem with its line; the daemon still starts and logs the
+// designed messages.
+TEST_F(Startup, LaunchingProcessPrintsCommandLineAndConfigurationProblems)
+{
+    const std::string base = lab.default_config();
+    ASSERT_TRUE(lab.write_config(base + "NB-name-port abc\nNB-nd-port 99999\n"));
+    std::string out;
+    int status = lab.run(lab_daemon, {halyard_binary(), "-z", "prok=3"}, &out);
+    ASSERT_TRUE(exited_with(status, 0)) << lab_describe_status(status) << out;
+    EXPECT_NE(out.find(std::string(halyard_binary()) + ": warning: unrecognized trace option prok\n"),
+              std::string::npos) << out;
+    const std::string conf = "Halyard: /etc/opt/KORRbase/config.vz:";
+    const int line = int(std::count(base.begin(), base.end(), '\n'));
+    EXPECT_NE(out.find(conf + std::to_string(line + 1) + ": NB-name-port abc: a port number from 1 to 65535\n"),
+              std::string::npos) << out;
+    EXPECT_NE(out.find(conf + std::to_string(line + 2) + ": NB-nd-port 99999: a port number from 1 to 65535 "
+                       "(the daemon would use 34463)\n"), std::string::npos) << out;
+    ASSERT_GT(lab.wait_registered(), 0) << lab.log();
+    EXPECT_TRUE(lab.wait_log("    expecting positive port number")) << lab.log();
 }
 
 }  // namespace

@@ -251,6 +251,35 @@ TEST_F(NameLogin, HostileBytesAreLoggedOrIgnoredAndTheRestIsKept)
     EXPECT_EQ(log[3].rfind("    ", 0) + log[5].rfind("    ", 0), 0u);
 }
 
+// A file written with CRLF line ends is read exactly as with LF: the same
+// settings and the same log; a CR inside a line is still part of its word.
+TEST_F(NameLogin, CrlfLineEndsReadAsLf)
+{
+    const std::string lf = std::string(realm) +
+                           "[interface tcpip eth0]\naddress 10.1.2.3\nnetmask 255.255.0.0 # mask\n"
+                           "[transport tcpip]\nNB-name-port 300\nNB-nd-addr 10.0.0.1 \\\n10.0.0.2\n"
+                           "NB-scope a.b\nNB-ensclient on\nNB-wildcard-status on\n"
+                           "NB-session-port 5\r6\nNB-wildcard-status maybe\n"
+                           "bcast-style 0.0.0.255";  // no line end at all
+    std::string crlf;
+    for (char c : lf)
+        crlf += c == '\n' ? "\r\n" : std::string(1, c);
+    auto settings = [] {
+        return std::to_string(transport_tcpip) + " " + std::to_string(my_addr_ct) + " " +
+               std::to_string(my_addr_ct > 0 ? my_addr[0].mask : 0) + " " + std::to_string(nmport) + " " +
+               std::to_string(ssport) + " " + std::to_string(nda_ct) + " " + nb_scope + " " +
+               std::to_string(ens_client) + " " + std::to_string(wildcard_status) + " " +
+               std::to_string(broadcast_addr);
+    };
+    Lines want = read(lf);
+    std::string want_settings = settings();
+    EXPECT_EQ(want_settings, "1 1 65535 300 0 2 a.b 1 1 4278190080");
+    EXPECT_EQ(want, (Lines{err(13), "    expecting positive port number", err(14), "    expecting on/off"}));
+    name_settings_clear();
+    EXPECT_EQ(read(crlf), want);
+    EXPECT_EQ(settings(), want_settings);
+}
+
 TEST_F(NameLogin, SuccessfulDirectivesAreTraced)
 {
     tcfile = fopen((dir_ + "/trace").c_str(), "w");
