@@ -15,12 +15,14 @@
 #include <cstring>
 #include <ctime>
 
+#include "client/nsclient.h"
 #include "misc/initsock.h"
 #include "misc/pktasm.h"
 #include "nda/ndaserve.h"
 #include "nda/ndastore.h"
 #include "nmtrace.h"
 #include "nversion.h"
+#include "shr/fxdump.h"
 #include "shr/logging.h"
 #include "shr/uniinet.h"
 #include "shr/vzhome.h"
@@ -47,7 +49,9 @@ constexpr int RECV_BURST = 64;  // datagrams read per wake-up before timers run 
 
 const char* const USAGE =
     "usage: halyard-nda [-f] [-a ADDRESS] [-p PORT] [-d FILE] [-c FILE] [-z DIM=LEVEL]...\n"
+    "       halyard-nda -l [-j] [-d FILE]\n"
     "  -f          stay in the foreground\n"
+    "  -l          list the directory and exit (-j: as JSON)\n"
     "  -a ADDRESS  listen at this IPv4 address only (default: every address)\n"
     "  -p PORT     agent port (default: NB-nd-port of the configuration, else 227)\n"
     "  -d FILE     directory database (default /var/opt/KORRbase/nda.db)\n"
@@ -89,6 +93,61 @@ void detach()
     }
 }
 
+void json_str(const char* s)
+{
+    putchar('"');
+    for (; *s != '\0'; s++) {
+        unsigned char c = static_cast<unsigned char>(*s);
+        if (c == '"' || c == '\\')
+            printf("\\%c", c);
+        else if (c < 0x20)
+            printf("\\u%04x", c);
+        else
+            putchar(c);
+    }
+    putchar('"');
+}
+
+struct ListState {
+    bool json;
+    int count;
+};
+
+// One line per name: NAME<hh>, unique or group, the address, the host.
+void list_entry(const NdaListEntry& e, void* arg)
+{
+    auto* st = static_cast<ListState*>(arg);
+    char name[NSC_NAMETEXT];
+    nsc_nbtostr(name, sizeof name, e.name);
+    char ip[16];
+    snprintf(ip, sizeof ip, "%s", nm_ntoa(e.ip));
+    if (st->json) {
+        printf("%s{\"name\":", st->count == 0 ? "" : ",");
+        json_str(name);
+        printf(",\"group\":%s,\"address\":\"%s\",\"host\":%lld,\"seen\":%lld}", e.group ? "true" : "false", ip,
+               static_cast<long long>(e.host), static_cast<long long>(e.seen));
+    } else {
+        printf("%-20s %-6s %-15s host %lld\n", name, e.group ? "group" : "unique", ip, static_cast<long long>(e.host));
+    }
+    st->count++;
+}
+
+int list_directory(const NdaStore* store, const char* db_path, bool json)
+{
+    if (store->open(db_path) < 0)
+        fail(1, store->error());
+    ListState st{json, 0};
+    if (json)
+        putchar('[');
+    int r = store->list(list_entry, &st);
+    if (json)
+        printf("]\n");
+    store->close();
+    if (r < 0)
+        fail(1, store->error());
+    return 0;
+}
+
 // Reads what waits on the socket, at most a burst of it.
 void receive(int fd)
 {
@@ -106,6 +165,10 @@ void receive(int fd)
         }
         UniAddr from{};
         iantoua(&from, sin.sin_addr.s_addr, ntohs(sin.sin_port));
+        if (tcfile != nullptr && tc_in >= 4) {
+            tc_printf("halyard-nda: got %zd bytes from %s --\n", n, uni_ntoa(&from));
+            dump_bytes(tcfile, buf, size_t(n));
+        }
         nda_datagram(buf, int(n), &from, mono_ms(), int64_t(time(nullptr)));
     }
 }
@@ -122,15 +185,23 @@ int main(int argc, char* argv[])
         fail(1, "cannot change to the home directory");
 
     bool foreground = false;
+    bool list = false;
+    bool json = false;
     uint32_t listen_addr = 0;
     int port = 0;
     const char* db_path = DB_PATH;
     const char* config = CONFIG_PATH;
     int opt;
-    while ((opt = tc_getopt(argc, argv, "fa:p:d:c:h")) != -1) {
+    while ((opt = tc_getopt(argc, argv, "flja:p:d:c:h")) != -1) {
         switch (opt) {
         case 'f':
             foreground = true;
+            break;
+        case 'l':
+            list = true;
+            break;
+        case 'j':
+            json = true;
             break;
         case 'a':
             if (inet_pton(AF_INET, optarg, &listen_addr) != 1)
@@ -152,10 +223,13 @@ int main(int argc, char* argv[])
             return opt == 'h' ? 0 : EX_USAGE;
         }
     }
-    if (optind < argc) {
+    if (optind < argc || (json && !list)) {
         fputs(USAGE, stderr);
         return EX_USAGE;
     }
+    const NdaStore* store = &nda_sqlite;
+    if (list)
+        return list_directory(store, db_path, json);
 
     open_log(LOG_PATH);
     // The port the daemons are given: a host that runs both shares the file.
@@ -174,7 +248,6 @@ int main(int argc, char* argv[])
                    strerror(errno));
         fail(1, text);
     }
-    const NdaStore* store = &nda_sqlite;
     if (store->open(db_path) < 0) {
         log_new();
         log_catmsg(LOG_SET, MSG_NO_STORE, "%s: cannot open the directory %s: %s", prog, db_path, store->error());

@@ -150,6 +150,10 @@ TEST_F(Directory, NamesReachAcrossSubnetsAndStayUnique)
 
     ASSERT_EQ(ctl(a, {"add", "FILESRV<20>"}, &out), 0) << out;
     ASSERT_TRUE(wait_for(30, [&] { return ask_agent(fs) == "10.88.0.2"; })) << a.log();
+    // The directory as its operator lists it, while the agent runs.
+    ASSERT_EQ(lab.run(lab_daemon, {HALYARD_NDA_BINARY, "-l", "-j", "-d", agent_db}, &out), 0) << out;
+    EXPECT_NE(out.find("{\"name\":\"FILESRV<20>\",\"group\":false,\"address\":\"10.88.0.2\""), std::string::npos)
+        << out;
     ASSERT_EQ(ctl(b, {"lookup", "FILESRV<20>"}, &out), 0) << out;
     EXPECT_NE(out.find("10.88.0.2"), std::string::npos) << out;
 
