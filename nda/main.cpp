@@ -45,7 +45,8 @@ constexpr int MSG_NO_SOCKET = 542;
 constexpr int MSG_STOPPING = 544;
 
 constexpr int EX_USAGE = 2;
-constexpr int RECV_BURST = 64;  // datagrams read per wake-up before timers run again
+constexpr int RECV_BURST = 64;   // datagrams read per wake-up
+constexpr int BUSY_BURSTS = 16;  // full bursts in a row before the verifications run anyway
 
 const char* const USAGE =
     "usage: halyard-nda [-f] [-a ADDRESS] [-p PORT] [-d FILE] [-c FILE] [-z DIM=LEVEL]...\n"
@@ -54,7 +55,8 @@ const char* const USAGE =
     "  -l          list the directory and exit (-j: as JSON)\n"
     "  -a ADDRESS  listen at this IPv4 address only (default: every address)\n"
     "  -p PORT     agent port (default: NB-nd-port of the configuration, else 227)\n"
-    "  -d FILE     directory database (default /var/opt/KORRbase/nda.db)\n"
+    "  -d FILE     directory database (default /var/opt/KORRbase/nda.db), or a\n"
+    "              PostgreSQL connection (postgresql://... or \"host=... dbname=...\")\n"
     "  -c FILE     configuration file (default /etc/opt/KORRbase/config.vz)\n"
     "  -z DIM=LEVEL, -z tracefile=FILE   trace, as the daemon's\n";
 
@@ -91,6 +93,13 @@ void detach()
         if (fd > 2)
             close(fd);
     }
+}
+
+// A PostgreSQL connection rather than a file: a URI, or key=value words.
+bool is_connection(const char* where)
+{
+    return strncmp(where, "postgresql://", 13) == 0 || strncmp(where, "postgres://", 11) == 0 ||
+           strchr(where, '=') != nullptr;
 }
 
 void json_str(const char* s)
@@ -148,8 +157,9 @@ int list_directory(const NdaStore* store, const char* db_path, bool json)
     return 0;
 }
 
-// Reads what waits on the socket, at most a burst of it.
-void receive(int fd)
+// Reads what waits on the socket, at most a burst of it: true when the
+// burst was used up (more may wait), false when the socket was emptied.
+bool receive(int fd)
 {
     for (int i = 0; i < RECV_BURST; i++) {
         uint8_t buf[ENS_AREA];
@@ -158,7 +168,7 @@ void receive(int fd)
         ssize_t n = recvfrom(fd, buf, sizeof buf, MSG_DONTWAIT | MSG_TRUNC, reinterpret_cast<sockaddr*>(&sin),
                              &slen);
         if (n < 0)
-            return;  // nothing more, or an ICMP error of an earlier send
+            return errno != EAGAIN && errno != EWOULDBLOCK;  // else an ICMP error of an earlier send
         if (n > ssize_t(sizeof buf)) {
             TRACE(proc, 1, "halyard-nda: datagram of %zd bytes dropped\n", n);
             continue;
@@ -171,6 +181,7 @@ void receive(int fd)
         }
         nda_datagram(buf, int(n), &from, mono_ms(), int64_t(time(nullptr)));
     }
+    return true;
 }
 
 }  // namespace
@@ -227,7 +238,7 @@ int main(int argc, char* argv[])
         fputs(USAGE, stderr);
         return EX_USAGE;
     }
-    const NdaStore* store = &nda_sqlite;
+    const NdaStore* store = is_connection(db_path) ? &nda_postgres : &nda_sqlite;
     if (list)
         return list_directory(store, db_path, json);
 
@@ -273,17 +284,25 @@ int main(int argc, char* argv[])
                smbv_string, nm_ntoa(listen_addr), port, db_path);
     TRACE(proc, 1, "halyard-nda: listening at %s port %d\n", nm_ntoa(listen_addr), port);
 
+    // A verification times out only once what waits on the socket has been
+    // read: its answer may be there, behind requests that took their time.
+    // A flood that never lets the socket empty still lets them run at
+    // every BUSY_BURSTS-th burst.
+    int busy = 0;
     while (stop_sig == 0) {
         if (tcfile != nullptr)
             fflush(tcfile);
-        int wait = nda_due(mono_ms(), int64_t(time(nullptr)));
+        int wait = 0;
+        if (busy == 0 || busy % BUSY_BURSTS == 0)
+            wait = nda_due(mono_ms(), int64_t(time(nullptr)));
+        if (busy > 0)
+            wait = 0;
         pollfd pfd{ens_fd, POLLIN, 0};
         timespec ts{wait / 1000, long(wait % 1000) * 1000000};
         int r = ppoll(&pfd, 1, wait < 0 ? nullptr : &ts, &wait_mask);
         if (r < 0 && errno != EINTR)
             break;
-        if (r > 0)
-            receive(ens_fd);
+        busy = r > 0 && receive(ens_fd) ? busy + 1 : 0;
     }
     log_new();
     log_catmsg(LOG_SET, MSG_STOPPING, "%s: stopping (signal %d)", prog, vz_classic_signal(int(stop_sig)));

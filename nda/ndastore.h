@@ -66,4 +66,5 @@ struct NdaStore {
     const char* (*error)();  // the text of the last failure
 };
 
-extern const NdaStore nda_sqlite;  // one file, write-ahead log
+extern const NdaStore nda_sqlite;    // one file, write-ahead log
+extern const NdaStore nda_postgres;  // a PostgreSQL database that several agents share

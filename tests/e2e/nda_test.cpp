@@ -8,13 +8,17 @@
 #include "tests/support/ndasim.h"
 #include "tests/support/paths.h"
 
+#include <glob.h>
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
+#include <functional>
 #include <map>
 #include <string>
 #include <thread>
@@ -211,3 +215,106 @@ TEST_F(Directory, KeepsEveryAnsweredRegistrationThroughAKill)
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------------------
+// Two agents on one PostgreSQL database: a throw-away cluster of the test's
+// own (unix socket only, as the postgres user), claims of the same unique
+// names sent to both agents at once by two stations that confirm every
+// VERIFY: each name is given to exactly one of them.
+
+class SharedDirectory : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        LAB_SETUP_OR_SKIP(lab, 1);
+        glob_t g{};
+        if (glob("/usr/lib/postgresql/*/bin/initdb", 0, nullptr, &g) == 0 && g.gl_pathc > 0)
+            bin = std::string(g.gl_pathv[g.gl_pathc - 1]).substr(0, strlen(g.gl_pathv[g.gl_pathc - 1]) - strlen("initdb"));
+        globfree(&g);
+        passwd* pw = getpwnam("postgres");
+        if (bin.empty() || pw == nullptr || access("/usr/sbin/runuser", X_OK) != 0)
+            GTEST_SKIP() << "needs PostgreSQL's server programs and its postgres user (package postgresql)";
+        char templ[] = "/tmp/halyard-pg.XXXXXX";
+        ASSERT_NE(mkdtemp(templ), nullptr);
+        dir = templ;
+        ASSERT_EQ(chown(dir.c_str(), pw->pw_uid, pw->pw_gid), 0);
+        std::string out;
+        ASSERT_EQ(as_postgres({bin + "initdb", "-D", dir + "/data", "-A", "trust", "-U", "postgres"}, &out), 0)
+            << out;
+        ASSERT_EQ(as_postgres({bin + "pg_ctl", "-D", dir + "/data", "-l", dir + "/log", "-w", "-o",
+                               "-k " + dir + " -c listen_addresses=''", "start"},
+                              &out),
+                  0)
+            << out << lab_read_file(dir + "/log");
+        started = true;
+    }
+
+    void TearDown() override
+    {
+        std::string out;
+        if (started)
+            as_postgres({bin + "pg_ctl", "-D", dir + "/data", "-w", "-m", "immediate", "stop"}, &out);
+        // A plain directory of /tmp with nothing mounted below it.
+        if (!dir.empty())
+            lab.run(lab_daemon, {"/bin/rm", "-rf", "--one-file-system", dir}, &out);
+    }
+
+    int as_postgres(std::vector<std::string> args, std::string* out)
+    {
+        args.insert(args.begin(), {"/usr/sbin/runuser", "-u", "postgres", "--"});
+        int st = lab.run(lab_daemon, args, out, 120.0);
+        return st != -1 && WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    }
+
+    Lab lab;
+    std::string bin, dir;
+    bool started = false;
+};
+
+TEST_F(SharedDirectory, TwoAgentsNeverBothGiveAwayOneUniqueName)
+{
+    std::string conn = "host=" + dir + " dbname=postgres user=postgres";
+    const uint16_t ports[2] = {227, 1227};
+    for (uint16_t port : ports) {
+        pid_t pid = lab.start(lab_daemon, {HALYARD_NDA_BINARY, "-f", "-p", std::to_string(port), "-d", conn});
+        ASSERT_GT(pid, 0) << lab.last_error();
+        ASSERT_TRUE(wait_for(30, [&] { return Lab::udp_port_bound(pid, port); }))
+            << lab_read_file("/var/opt/KORRbase/log.nda");
+    }
+    int station[2] = {lab.udp_socket(lab_daemon, 228, "127.0.0.2"), lab.udp_socket(lab_daemon, 228, "127.0.0.3")};
+    ASSERT_GE(station[0], 0) << lab.last_error();
+    ASSERT_GE(station[1], 0) << lab.last_error();
+    constexpr int names = 40;
+    for (int i = 0; i < names; i++) {
+        for (int s = 0; s < 2; s++) {
+            Bytes add = ndasim::header(uint32_t(i + 1), ndasim::add);
+            ndasim::put_name(add, ndasim::nb_name("RACE" + std::to_string(i), 0x20));
+            ndasim::put_int(add, 0);
+            ndasim::put_addr_list(add, {s == 0 ? "10.70.0.1" : "10.70.0.2"});
+            ASSERT_TRUE(lab.send_to(station[s], "127.0.0.1", ports[s], add));
+        }
+    }
+    std::map<uint32_t, int> accepted;
+    int answers = 0;
+    auto deadline = Clock::now() + std::chrono::seconds(60);
+    while (answers < 2 * names && Clock::now() < deadline) {
+        for (int s = 0; s < 2; s++) {
+            auto d = lab.recv(station[s], 0.05);
+            if (!d)
+                continue;
+            ndasim::Message m = ndasim::decode(d->bytes);
+            if (!m.response && m.action == ndasim::verify) {
+                // Every station holds what it was given.
+                lab.send_to(station[s], d->from, d->port, ndasim::datagram(m.id, ndasim::verify | ndasim::response_bit,
+                                                                           0, 0, {}));
+            } else if (m.response && m.action == ndasim::add) {
+                answers++;
+                if (m.ans >= 0)
+                    accepted[m.id]++;
+            }
+        }
+    }
+    ASSERT_EQ(answers, 2 * names);
+    for (int i = 1; i <= names; i++)
+        EXPECT_EQ(accepted[uint32_t(i)], 1) << "RACE" << i - 1;
+}
