@@ -259,9 +259,11 @@ int main(int argc, char* argv[])
                    strerror(errno));
         fail(1, text);
     }
+    // A connection may carry a password: it is not written to the log.
+    const char* shown = is_connection(db_path) ? "(a PostgreSQL connection)" : db_path;
     if (store->open(db_path) < 0) {
         log_new();
-        log_catmsg(LOG_SET, MSG_NO_STORE, "%s: cannot open the directory %s: %s", prog, db_path, store->error());
+        log_catmsg(LOG_SET, MSG_NO_STORE, "%s: cannot open the directory %s: %s", prog, shown, store->error());
         fail(1, store->error());
     }
     if (!foreground)
@@ -281,7 +283,7 @@ int main(int argc, char* argv[])
     nda_serve_init(store);
     log_new();
     log_catmsg(LOG_SET, MSG_STARTING, "%s: name directory agent %s starting, %s port %d, directory %s", prog,
-               smbv_string, nm_ntoa(listen_addr), port, db_path);
+               smbv_string, nm_ntoa(listen_addr), port, shown);
     TRACE(proc, 1, "halyard-nda: listening at %s port %d\n", nm_ntoa(listen_addr), port);
 
     // A verification times out only once what waits on the socket has been

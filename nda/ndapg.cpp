@@ -103,6 +103,10 @@ int in_txn(const std::function<int()>& body)
     if (conn == nullptr)
         return -1;
     for (int t = 0; t < TRIES; t++) {
+        // A server that restarted dropped the connection: one new attempt per
+        // transaction, so a server that stays away costs one try per request.
+        if (t == 0 && PQstatus(conn) == CONNECTION_BAD)
+            PQreset(conn);
         conflict = false;
         if (!exec("BEGIN ISOLATION LEVEL SERIALIZABLE", nullptr, {}))
             return -1;

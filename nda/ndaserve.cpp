@@ -13,7 +13,6 @@
 #include "shr/logging.h"
 #include "shr/uniinet.h"
 #include "src/maininit.h"
-#include "src/nbndgio.h"
 
 namespace {
 
