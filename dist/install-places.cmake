@@ -25,7 +25,9 @@ set(halyard_root "$ENV{DESTDIR}")
 # The unit, naming the daemon where it now is (without DESTDIR: that is
 # where it will run).
 configure_file("${HALYARD_DIST}/halyard.service.in" "${HALYARD_STAGE}/halyard.service" @ONLY)
-file(INSTALL DESTINATION "${halyard_doc}" TYPE FILE FILES "${HALYARD_STAGE}/halyard.service")
+configure_file("${HALYARD_DIST}/halyard-nda.service.in" "${HALYARD_STAGE}/halyard-nda.service" @ONLY)
+file(INSTALL DESTINATION "${halyard_doc}" TYPE FILE FILES "${HALYARD_STAGE}/halyard.service"
+     "${HALYARD_STAGE}/halyard-nda.service")
 
 # The fixed places and their modes: the configuration, the variable
 # directory (log, client FIFOs, lock file) with the database root, which the

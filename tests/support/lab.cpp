@@ -861,6 +861,19 @@ int Lab::run(LabSide side, const std::vector<std::string>& argv, std::string* ou
     return wait_child(pid, deadline);
 }
 
+pid_t Lab::start(LabSide side, const std::vector<std::string>& argv)
+{
+    int target = ns_fd(side);
+    if (target < 0 || argv.empty()) {
+        error_ = "start: no such lab namespace or no command";
+        return -1;
+    }
+    pid_t pid = spawn(target, argv, -1, -1, -1);
+    if (pid < 0)
+        error_ = errtext("fork");
+    return pid;
+}
+
 void Lab::kill_leftovers()
 {
     if (daemon_ns_ < 0)

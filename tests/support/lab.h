@@ -164,6 +164,9 @@ public:
     // uid/gid >= 0: it runs as that user and group.
     int run(LabSide side, const std::vector<std::string>& argv,
             std::string* out = nullptr, double seconds = 30.0, int uid = -1, int gid = -1);
+    // Starts a command (absolute path) in a lab namespace without waiting,
+    // output to /dev/null; its pid, or -1. The lab ends it with the rest.
+    pid_t start(LabSide side, const std::vector<std::string>& argv);
     // halyardctl with args on the daemon's side: its exit status (-1 when
     // it did not exit), its output in *out; as uid/gid when given.
     int halyardctl(const std::vector<std::string>& args, std::string* out = nullptr,

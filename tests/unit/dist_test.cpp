@@ -34,7 +34,7 @@ std::string source(const std::string& rel)
     return std::string(halyard_source_dir()) + "/" + rel;
 }
 
-const char* const man_pages[] = {"man/halyard.8", "man/config.vz.5", "man/halyardctl.1"};
+const char* const man_pages[] = {"man/halyard.8", "man/config.vz.5", "man/halyardctl.1", "man/halyard-nda.8"};
 
 // A shell command's output (bounded) and exit status; -1 when it did not run.
 int shell(const std::string& cmd, std::string* out)
@@ -138,7 +138,7 @@ TEST(ManPages, ClientPageNamesEveryCommand)
 TEST(ManPages, EveryLoggedMessageNumberIsDocumented)
 {
     std::string code;
-    for (const char* dir : {"src", "shr", "config", "misc", "nb"})
+    for (const char* dir : {"src", "shr", "config", "misc", "nb", "nda"})
         for (const auto& e : fs::directory_iterator(source(dir)))
             if (e.path().extension() == ".cpp")
                 code += lab_read_file(e.path().string());
@@ -146,7 +146,8 @@ TEST(ManPages, EveryLoggedMessageNumberIsDocumented)
     for (const std::string& n : matches(code, R"re(log_catmsg\(LOG_SET, (\d+),)re"))
         numbers.insert(n);
     ASSERT_GE(numbers.size(), 30u);
-    std::string pages = lab_read_file(source("man/halyard.8")) + lab_read_file(source("man/config.vz.5"));
+    std::string pages = lab_read_file(source("man/halyard.8")) + lab_read_file(source("man/config.vz.5")) +
+                        lab_read_file(source("man/halyard-nda.8"));
     for (const std::string& n : numbers) {
         SCOPED_TRACE(n);
         EXPECT_TRUE(std::regex_search(pages, std::regex("\\b" + n + "\\b")));

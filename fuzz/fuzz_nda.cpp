@@ -1,0 +1,100 @@
+// The name-directory agent's request reader and its answers, with a fresh
+// directory in memory for every input. Sends fail (no socket, no network).
+//
+// Input: up to 16 datagrams, each as
+//   one byte   bits 0-1 the sender (four stations), bit 2 a second passes
+//              first, bit 3 every trace level at 9
+//   two bytes  the length, least significant first (at most 1500)
+//   the datagram
+// Before the first one, station 0 holds the unique name HELD<20> and
+// station 1 is a member of GROUP<1e>; the agent's VERIFY ids start at 1, so
+// a response can answer a verification the input started. At the end the
+// clock runs on until every verification has settled.
+#include <arpa/inet.h>
+
+#include <cstring>
+
+#include "fuzz/fuzzenv.h"
+#include "nda/ndaserve.h"
+#include "nda/ndastore.h"
+#include "nmtrace.h"
+#include "shr/uniinet.h"
+
+namespace {
+
+constexpr int MAX_DGS = 16;
+constexpr size_t MAX_DG = 1500;
+
+int64_t now_ms = 1000000;
+int64_t now_s = 1700000000;
+
+UniAddr station(int i)
+{
+    UniAddr a{};
+    iantoua(&a, htonl(0x0a580002u + uint32_t(i)), i == 3 ? 137 : 228);
+    return a;
+}
+
+void registered(int who, const char* text, uint8_t type, int group)
+{
+    uint8_t name[16];
+    memset(name, ' ', 16);
+    memcpy(name, text, strlen(text));
+    name[15] = type;
+    uint32_t addr = htonl(0x0a580002u + uint32_t(who));
+    NdaClaim c{name, group, &addr, 1, addr, 228, now_s};
+    NdaHolder h{};
+    nda_sqlite.claim(c, &h);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    fz_private_net();
+    fz_quiet();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    if (nda_sqlite.open(":memory:") != 0)
+        return 0;
+    nda_serve_init(&nda_sqlite);
+    registered(0, "HELD", 0x20, 0);
+    registered(1, "GROUP", 0x1e, 1);
+    size_t at = 0;
+    for (int n = 0; n < MAX_DGS && at + 3 <= size; n++) {
+        uint8_t opt = data[at];
+        size_t len = size_t(data[at + 1] | data[at + 2] << 8);
+        at += 3;
+        if (len > MAX_DG || len > size - at)
+            len = size - at < MAX_DG ? size - at : MAX_DG;
+        if (opt & 8) {
+            tcfile = fz_trace_sink();
+            tc_in = tc_out = tc_proc = tc_err = 9;
+        }
+        if (opt & 4) {
+            now_ms += 1000;
+            now_s += 1;
+            nda_due(now_ms, now_s);
+        }
+        // A copy of exactly the datagram's size, so a read past it is seen.
+        uint8_t* dg = new uint8_t[len > 0 ? len : 1];
+        if (len > 0)
+            memcpy(dg, data + at, len);
+        UniAddr from = station(opt & 3);
+        nda_datagram(dg, int(len), &from, now_ms, now_s);
+        delete[] dg;
+        at += len;
+    }
+    for (int i = 0; i < 10 && nda_pending() > 0; i++) {
+        now_ms += 1000;
+        nda_due(now_ms, now_s);
+    }
+    nda_sqlite.close();
+    tcfile = nullptr;
+    tc_in = tc_out = tc_proc = tc_err = 0;
+    fz_truncate_log();
+    return 0;
+}

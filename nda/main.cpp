@@ -1,0 +1,314 @@
+// halyard-nda: the name-directory agent that the daemons' NB-nd-addr names.
+// One process, one thread: a datagram socket at the agent port and the
+// directory in one SQLite file.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "client/nsclient.h"
+#include "misc/initsock.h"
+#include "misc/pktasm.h"
+#include "nda/ndaserve.h"
+#include "nda/ndastore.h"
+#include "nmtrace.h"
+#include "nversion.h"
+#include "shr/fxdump.h"
+#include "shr/logging.h"
+#include "shr/uniinet.h"
+#include "shr/vzhome.h"
+#include "shr/vzsignal.h"
+#include "src/maininit.h"
+#include "src/namecust.h"
+#include "src/namelogin.h"
+#include "src/nbndgio.h"
+
+namespace {
+
+constexpr const char* CONFIG_PATH = "/etc/opt/KORRbase/config.vz";
+constexpr const char* LOG_PATH = "/var/opt/KORRbase/log.nda";
+constexpr const char* DB_PATH = "/var/opt/KORRbase/nda.db";
+constexpr uint16_t DEFAULT_NDPORT = 227;
+
+constexpr int MSG_STARTING = 540;
+constexpr int MSG_NO_STORE = 541;
+constexpr int MSG_NO_SOCKET = 542;
+constexpr int MSG_STOPPING = 544;
+
+constexpr int EX_USAGE = 2;
+constexpr int RECV_BURST = 64;   // datagrams read per wake-up
+constexpr int BUSY_BURSTS = 16;  // full bursts in a row before the verifications run anyway
+
+const char* const USAGE =
+    "usage: halyard-nda [-f] [-a ADDRESS] [-p PORT] [-d FILE] [-c FILE] [-z DIM=LEVEL]...\n"
+    "       halyard-nda -l [-j] [-d FILE]\n"
+    "  -f          stay in the foreground\n"
+    "  -l          list the directory and exit (-j: as JSON)\n"
+    "  -a ADDRESS  listen at this IPv4 address only (default: every address)\n"
+    "  -p PORT     agent port (default: NB-nd-port of the configuration, else 227)\n"
+    "  -d FILE     directory database (default /var/opt/KORRbase/nda.db), or a\n"
+    "              PostgreSQL connection (postgresql://... or \"host=... dbname=...\")\n"
+    "  -c FILE     configuration file (default /etc/opt/KORRbase/config.vz)\n"
+    "  -z DIM=LEVEL, -z tracefile=FILE   trace, as the daemon's\n";
+
+volatile sig_atomic_t stop_sig = 0;
+
+void on_stop(int sig)
+{
+    stop_sig = sig;
+}
+
+int64_t mono_ms()
+{
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+[[noreturn]] void fail(int status, const char* text)
+{
+    fprintf(stderr, "halyard-nda: %s\n", text);
+    exit(status);
+}
+
+void detach()
+{
+    if (fork() != 0)
+        exit(0);
+    setsid();
+    int fd = open("/dev/null", O_RDWR);
+    if (fd >= 0) {
+        dup2(fd, 0);
+        dup2(fd, 1);
+        dup2(fd, 2);
+        if (fd > 2)
+            close(fd);
+    }
+}
+
+// A PostgreSQL connection rather than a file: a URI, or key=value words.
+bool is_connection(const char* where)
+{
+    return strncmp(where, "postgresql://", 13) == 0 || strncmp(where, "postgres://", 11) == 0 ||
+           strchr(where, '=') != nullptr;
+}
+
+void json_str(const char* s)
+{
+    putchar('"');
+    for (; *s != '\0'; s++) {
+        unsigned char c = static_cast<unsigned char>(*s);
+        if (c == '"' || c == '\\')
+            printf("\\%c", c);
+        else if (c < 0x20)
+            printf("\\u%04x", c);
+        else
+            putchar(c);
+    }
+    putchar('"');
+}
+
+struct ListState {
+    bool json;
+    int count;
+};
+
+// One line per name: NAME<hh>, unique or group, the address, the host.
+void list_entry(const NdaListEntry& e, void* arg)
+{
+    auto* st = static_cast<ListState*>(arg);
+    char name[NSC_NAMETEXT];
+    nsc_nbtostr(name, sizeof name, e.name);
+    char ip[16];
+    snprintf(ip, sizeof ip, "%s", nm_ntoa(e.ip));
+    if (st->json) {
+        printf("%s{\"name\":", st->count == 0 ? "" : ",");
+        json_str(name);
+        printf(",\"group\":%s,\"address\":\"%s\",\"host\":%lld,\"seen\":%lld}", e.group ? "true" : "false", ip,
+               static_cast<long long>(e.host), static_cast<long long>(e.seen));
+    } else {
+        printf("%-20s %-6s %-15s host %lld\n", name, e.group ? "group" : "unique", ip, static_cast<long long>(e.host));
+    }
+    st->count++;
+}
+
+int list_directory(const NdaStore* store, const char* db_path, bool json)
+{
+    if (store->open(db_path) < 0)
+        fail(1, store->error());
+    ListState st{json, 0};
+    if (json)
+        putchar('[');
+    int r = store->list(list_entry, &st);
+    if (json)
+        printf("]\n");
+    store->close();
+    if (r < 0)
+        fail(1, store->error());
+    return 0;
+}
+
+// Reads what waits on the socket, at most a burst of it: true when the
+// burst was used up (more may wait), false when the socket was emptied.
+bool receive(int fd)
+{
+    for (int i = 0; i < RECV_BURST; i++) {
+        uint8_t buf[ENS_AREA];
+        sockaddr_in sin{};
+        socklen_t slen = sizeof sin;
+        ssize_t n = recvfrom(fd, buf, sizeof buf, MSG_DONTWAIT | MSG_TRUNC, reinterpret_cast<sockaddr*>(&sin),
+                             &slen);
+        if (n < 0)
+            return errno != EAGAIN && errno != EWOULDBLOCK;  // else an ICMP error of an earlier send
+        if (n > ssize_t(sizeof buf)) {
+            TRACE(proc, 1, "halyard-nda: datagram of %zd bytes dropped\n", n);
+            continue;
+        }
+        UniAddr from{};
+        iantoua(&from, sin.sin_addr.s_addr, ntohs(sin.sin_port));
+        if (tcfile != nullptr && tc_in >= 4) {
+            tc_printf("halyard-nda: got %zd bytes from %s --\n", n, uni_ntoa(&from));
+            dump_bytes(tcfile, buf, size_t(n));
+        }
+        nda_datagram(buf, int(n), &from, mono_ms(), int64_t(time(nullptr)));
+    }
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char* argv[])
+{
+    prog = "halyard-nda";
+    close_extra_descriptors();
+    char home[VZ_HOME_SIZE];
+    vzhome_get(home, sizeof home);
+    if (chdir(home) != 0 && chdir("/") != 0)
+        fail(1, "cannot change to the home directory");
+
+    bool foreground = false;
+    bool list = false;
+    bool json = false;
+    uint32_t listen_addr = 0;
+    int port = 0;
+    const char* db_path = DB_PATH;
+    const char* config = CONFIG_PATH;
+    int opt;
+    while ((opt = tc_getopt(argc, argv, "flja:p:d:c:h")) != -1) {
+        switch (opt) {
+        case 'f':
+            foreground = true;
+            break;
+        case 'l':
+            list = true;
+            break;
+        case 'j':
+            json = true;
+            break;
+        case 'a':
+            if (inet_pton(AF_INET, optarg, &listen_addr) != 1)
+                fail(EX_USAGE, "-a wants an IPv4 address");
+            break;
+        case 'p':
+            port = atoi(optarg);
+            if (port < 1 || port > 65535)
+                fail(EX_USAGE, "-p wants a port from 1 to 65535");
+            break;
+        case 'd':
+            db_path = optarg;
+            break;
+        case 'c':
+            config = optarg;
+            break;
+        default:
+            fputs(USAGE, opt == 'h' ? stdout : stderr);
+            return opt == 'h' ? 0 : EX_USAGE;
+        }
+    }
+    if (optind < argc || (json && !list)) {
+        fputs(USAGE, stderr);
+        return EX_USAGE;
+    }
+    const NdaStore* store = is_connection(db_path) ? &nda_postgres : &nda_sqlite;
+    if (list)
+        return list_directory(store, db_path, json);
+
+    open_log(LOG_PATH);
+    // The port the daemons are given: a host that runs both shares the file.
+    if (port == 0 && access(config, R_OK) == 0)
+        namelogin(config);
+    if (port == 0)
+        port = ndport != 0 ? ndport : DEFAULT_NDPORT;
+
+    uint16_t p = uint16_t(port);
+    ens_fd = init_sock(listen_addr, &p, 0);
+    if (ens_fd < 0) {
+        char text[160];
+        snprintf(text, sizeof text, "cannot listen at %s port %d: %s", nm_ntoa(listen_addr), port, strerror(errno));
+        log_new();
+        log_catmsg(LOG_SET, MSG_NO_SOCKET, "%s: cannot listen at %s port %d: %s", prog, nm_ntoa(listen_addr), port,
+                   strerror(errno));
+        fail(1, text);
+    }
+    // A connection may carry a password: it is not written to the log.
+    const char* shown = is_connection(db_path) ? "(a PostgreSQL connection)" : db_path;
+    if (store->open(db_path) < 0) {
+        log_new();
+        log_catmsg(LOG_SET, MSG_NO_STORE, "%s: cannot open the directory %s: %s", prog, shown, store->error());
+        fail(1, store->error());
+    }
+    if (!foreground)
+        detach();
+    // The stop signals get through only inside the wait, so one that comes
+    // while a datagram is handled cannot be missed until the next one.
+    sigset_t stops, wait_mask;
+    sigemptyset(&stops);
+    for (int sig : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
+        vz_signal(sig, on_stop);
+        sigaddset(&stops, sig);
+    }
+    sigprocmask(SIG_BLOCK, &stops, &wait_mask);
+    for (int sig : {SIGTERM, SIGINT, SIGHUP, SIGQUIT})
+        sigdelset(&wait_mask, sig);
+    signal(SIGPIPE, SIG_IGN);
+    nda_serve_init(store);
+    log_new();
+    log_catmsg(LOG_SET, MSG_STARTING, "%s: name directory agent %s starting, %s port %d, directory %s", prog,
+               smbv_string, nm_ntoa(listen_addr), port, shown);
+    TRACE(proc, 1, "halyard-nda: listening at %s port %d\n", nm_ntoa(listen_addr), port);
+
+    // A verification times out only once what waits on the socket has been
+    // read: its answer may be there, behind requests that took their time.
+    // A flood that never lets the socket empty still lets them run at
+    // every BUSY_BURSTS-th burst.
+    int busy = 0;
+    while (stop_sig == 0) {
+        if (tcfile != nullptr)
+            fflush(tcfile);
+        int wait = 0;
+        if (busy == 0 || busy % BUSY_BURSTS == 0)
+            wait = nda_due(mono_ms(), int64_t(time(nullptr)));
+        if (busy > 0)
+            wait = 0;
+        pollfd pfd{ens_fd, POLLIN, 0};
+        timespec ts{wait / 1000, long(wait % 1000) * 1000000};
+        int r = ppoll(&pfd, 1, wait < 0 ? nullptr : &ts, &wait_mask);
+        if (r < 0 && errno != EINTR)
+            break;
+        busy = r > 0 && receive(ens_fd) ? busy + 1 : 0;
+    }
+    log_new();
+    log_catmsg(LOG_SET, MSG_STOPPING, "%s: stopping (signal %d)", prog, vz_classic_signal(int(stop_sig)));
+    store->close();
+    close(ens_fd);
+    return 0;
+}
