@@ -39,10 +39,10 @@ constexpr const char* LOG_PATH = "/var/opt/KORRbase/log.nda";
 constexpr const char* DB_PATH = "/var/opt/KORRbase/nda.db";
 constexpr uint16_t DEFAULT_NDPORT = 227;
 
-constexpr int MSG_STARTING = 540;
-constexpr int MSG_NO_STORE = 541;
-constexpr int MSG_NO_SOCKET = 542;
-constexpr int MSG_STOPPING = 544;
+constexpr int MSG_STARTING = 550;
+constexpr int MSG_NO_STORE = 551;
+constexpr int MSG_NO_SOCKET = 552;
+constexpr int MSG_STOPPING = 554;
 
 constexpr int EX_USAGE = 2;
 constexpr int RECV_BURST = 64;   // datagrams read per wake-up

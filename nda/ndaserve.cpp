@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr int MSG_STORE_ERROR = 543;
+constexpr int MSG_STORE_ERROR = 553;
 constexpr int64_t STORE_LOG_GAP_S = 60;  // a failing disk must not fill the log
 
 const NdaStore* store = nullptr;

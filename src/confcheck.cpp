@@ -98,6 +98,11 @@ void print_settings()
     fprintf(o, "  %-16s %s\n", "scope", nb_scope[0] != '\0' ? nb_scope : "none");
     fprintf(o, "  %-16s %s\n", "bcast-style", dotted(broadcast_addr));
     fprintf(o, "  %-16s %s\n", "wildcard status", wildcard_status != 0 ? "on" : "off");
+    if (client_gid >= 0)
+        fprintf(o, "  %-16s %d: FIFOs and lock file for their owner and this group only\n", "client group",
+                client_gid);
+    else
+        fprintf(o, "  %-16s none: FIFOs and lock file open to every local user\n", "client group");
 }
 
 }  // namespace

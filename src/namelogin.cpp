@@ -671,6 +671,7 @@ int do_clientgroup(int, char**, int argc, char** argv, int line, const char*)
     if (gid < 0) {
         bad_line(line);
         log_catmsg(LOG_SET, MSG_WANT_GROUP, "    expecting a group name or number");
+        note(true, line, "a group name or number");
         return 0;
     }
     client_gid = gid;
