@@ -1,5 +1,8 @@
-// The name-directory agent's request reader and its answers, with a fresh
-// directory in memory for every input. Sends fail (no socket, no network).
+// The name-directory agent's request reader and its answers over the SQLite
+// directory, kept in memory and opened once; a second connection to it
+// empties its tables after each input (the host ids start at 1 again), far
+// cheaper than opening a new one. The wipe fails if the directory left a
+// statement open. Sends fail (no socket, no network).
 //
 // Input: up to 16 datagrams, each as
 //   one byte   bits 0-1 the sender (four stations), bit 2 a second passes
@@ -12,6 +15,9 @@
 // clock runs on until every verification has settled.
 #include <arpa/inet.h>
 
+#include <sqlite3.h>
+
+#include <cstdlib>
 #include <cstring>
 
 #include "fuzz/fuzzenv.h"
@@ -25,6 +31,14 @@ namespace {
 constexpr int MAX_DGS = 16;
 constexpr size_t MAX_DG = 1500;
 
+constexpr const char* DIRECTORY = "file:fuzz_nda?mode=memory&cache=shared";
+constexpr const char* WIPE[] = {"DELETE FROM name", "DELETE FROM addr", "DELETE FROM host"};
+
+sqlite3* wiper = nullptr;
+sqlite3_stmt* wipe[3];
+// SQLite's pages from a pool of their own rather than the sanitizer's
+// allocator (which fills and quarantines each): several times faster.
+alignas(16) uint8_t page_pool[512][4096 + 512];
 int64_t now_ms = 1000000;
 int64_t now_s = 1700000000;
 
@@ -53,13 +67,19 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
     fz_private_net();
     fz_quiet();
+    sqlite3_config(SQLITE_CONFIG_URI, 1);
+    sqlite3_config(SQLITE_CONFIG_PAGECACHE, page_pool, int(sizeof page_pool[0]), 512);
+    if (nda_sqlite.open(DIRECTORY) != 0 ||
+        sqlite3_open_v2(DIRECTORY, &wiper, SQLITE_OPEN_READWRITE | SQLITE_OPEN_URI, nullptr) != SQLITE_OK)
+        abort();
+    for (int i = 0; i < 3; i++)
+        if (sqlite3_prepare_v2(wiper, WIPE[i], -1, &wipe[i], nullptr) != SQLITE_OK)
+            abort();
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    if (nda_sqlite.open(":memory:") != 0)
-        return 0;
     nda_serve_init(&nda_sqlite);
     registered(0, "HELD", 0x20, 0);
     registered(1, "GROUP", 0x1e, 1);
@@ -92,7 +112,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         now_ms += 1000;
         nda_due(now_ms, now_s);
     }
-    nda_sqlite.close();
+    for (sqlite3_stmt* w : wipe)
+        if (sqlite3_step(w) != SQLITE_DONE || sqlite3_reset(w) != SQLITE_OK)
+            abort();
     tcfile = nullptr;
     tc_in = tc_out = tc_proc = tc_err = 0;
     fz_truncate_log();

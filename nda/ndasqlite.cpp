@@ -126,6 +126,16 @@ uint32_t nip(int64_t host_order)
     return htonl(uint32_t(host_order));
 }
 
+// A statement left on a row holds a read transaction open after the
+// commit: this agent would go on reading an old snapshot of a file that
+// another agent writes, and its next BEGIN IMMEDIATE would fail. Every
+// operation ends with all of them reset.
+void reset_all()
+{
+    for (sqlite3_stmt* s : stmt)
+        sqlite3_reset(s);
+}
+
 int begin()
 {
     return run(S_BEGIN) == SQLITE_DONE ? 0 : -1;
@@ -133,6 +143,7 @@ int begin()
 
 int commit()
 {
+    reset_all();
     if (run(S_COMMIT) == SQLITE_DONE)
         return 0;
     run(S_ROLLBACK);
@@ -141,6 +152,7 @@ int commit()
 
 int rollback(int result)
 {
+    reset_all();
     run(S_ROLLBACK);
     return result;
 }
@@ -238,11 +250,10 @@ int sq_replace(const NdaClaim& c, const NdaHolder& old, NdaHolder* holder)
 int sq_query(const uint8_t* name, NdaHolder* out)
 {
     int rc = run_name(S_QUERY, name);
-    if (rc == SQLITE_ROW) {
+    if (rc == SQLITE_ROW)
         read_holder(S_QUERY, out);
-        return 1;
-    }
-    return rc == SQLITE_DONE ? 0 : -1;
+    sqlite3_reset(stmt[S_QUERY]);
+    return rc == SQLITE_ROW ? 1 : rc == SQLITE_DONE ? 0 : -1;
 }
 
 int sq_remove(const uint8_t* name, const uint32_t* addrs, int n)
