@@ -304,7 +304,9 @@ int main(int argc, char* argv[])
         int r = ppoll(&pfd, 1, wait < 0 ? nullptr : &ts, &wait_mask);
         if (r < 0 && errno != EINTR)
             break;
+        store->burst(true);
         busy = r > 0 && receive(ens_fd) ? busy + 1 : 0;
+        store->burst(false);
     }
     log_new();
     log_catmsg(LOG_SET, MSG_STOPPING, "%s: stopping (signal %d)", prog, vz_classic_signal(int(stop_sig)));

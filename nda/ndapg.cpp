@@ -343,6 +343,9 @@ int pg_list(void (*fn)(const NdaListEntry& e, void* arg), void* arg)
     return 0;
 }
 
+// Each query is one statement on the server already.
+void pg_burst(bool) {}
+
 void pg_close()
 {
     if (conn != nullptr)
@@ -378,5 +381,5 @@ const char* pg_error()
 }  // namespace
 
 const NdaStore nda_postgres = {
-    "postgresql", pg_open, pg_close, pg_claim, pg_replace, pg_query, pg_remove, pg_purge, pg_equiv, pg_list, pg_error,
+    "postgresql", pg_open, pg_close, pg_claim, pg_replace, pg_query, pg_burst, pg_remove, pg_purge, pg_equiv, pg_list, pg_error,
 };

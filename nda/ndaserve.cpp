@@ -249,6 +249,18 @@ void nda_datagram(const uint8_t* bytes, int len, const UniAddr* from, int64_t no
         verify_response(r, from, now_ms, now_s);
         return;
     }
+    // A QUERY changes nothing: a repeated one is answered afresh, and the
+    // table of answers is left to the requests that must not be done twice.
+    NdaHolder h{};
+    if (r.action == ENS_QUERY) {
+        int found = store->query(r.name, &h);
+        if (found < 0) {
+            store_failed(now_s);
+            return;
+        }
+        send_answer(from, r.id, found ? Answer{ENS_QUERY, 0, 1, h.group, h.ip} : Answer{ENS_QUERY, -1, 0, 0, 0});
+        return;
+    }
     Key k{};
     int32_t port = 0;
     uatoian(&k.ip, &port, from);
@@ -265,17 +277,7 @@ void nda_datagram(const uint8_t* bytes, int len, const UniAddr* from, int64_t no
         if (p.key == k && p.digest == digest)
             return;  // its answer comes when the holder has answered
 
-    NdaHolder h{};
     switch (r.action) {
-    case ENS_QUERY: {
-        int found = store->query(r.name, &h);
-        if (found < 0) {
-            store_failed(now_s);
-            return;
-        }
-        answer(from, k, digest, now_ms, found ? Answer{ENS_QUERY, 0, 1, h.group, h.ip} : Answer{ENS_QUERY, -1, 0, 0, 0});
-        return;
-    }
     case ENS_ADD:
         add_request(r, from, k, digest, now_ms, now_s);
         return;

@@ -2,8 +2,8 @@
 // The agent's work: every datagram at the agent port answered from the
 // directory. An ADD of a name that another host holds waits for a VERIFY
 // answer from the station that registered the holder; everything else is
-// answered at once. A request repeated with the same id and the same bytes
-// by the same sender gets the answer the first one got.
+// answered at once. A request other than a QUERY repeated with the same id
+// and the same bytes by the same sender gets the answer the first one got.
 #include <cstdint>
 
 #include "shr/uniconv.h"

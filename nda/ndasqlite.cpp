@@ -27,7 +27,7 @@ constexpr const char* SCHEMA =
     "CREATE INDEX IF NOT EXISTS name_host ON name(host);";
 
 enum Stmt {
-    S_BEGIN, S_COMMIT, S_ROLLBACK,
+    S_BEGIN, S_COMMIT, S_ROLLBACK, S_READ,
     S_HOST_OF, S_NEW_HOST, S_SEEN, S_ADD_ADDR,
     S_DROP_OWN, S_HOLDER, S_PUT_NAME, S_DROP_ENTRY,
     S_QUERY, S_REMOVE, S_DROP_NAMES, S_DROP_ADDRS, S_DROP_HOST,
@@ -39,6 +39,7 @@ constexpr std::array<const char*, S_COUNT> SQL = {
     "BEGIN IMMEDIATE",
     "COMMIT",
     "ROLLBACK",
+    "BEGIN",
     "SELECT host FROM addr WHERE ip = ?1",
     "INSERT INTO host(seen) VALUES(?1)",
     "UPDATE host SET seen = ?2 WHERE id = ?1",
@@ -66,6 +67,8 @@ constexpr std::array<const char*, S_COUNT> SQL = {
 };
 
 std::array<sqlite3_stmt*, S_COUNT> stmt{};
+bool in_burst = false;
+bool reading = false;  // a read transaction of the burst is open
 
 void note_error(const char* what)
 {
@@ -136,8 +139,19 @@ void reset_all()
         sqlite3_reset(s);
 }
 
+// A write ends the burst's read snapshot first: it must see the newest.
+void end_read()
+{
+    if (reading) {
+        reading = false;
+        reset_all();
+        run(S_COMMIT);
+    }
+}
+
 int begin()
 {
+    end_read();
     return run(S_BEGIN) == SQLITE_DONE ? 0 : -1;
 }
 
@@ -247,8 +261,19 @@ int sq_replace(const NdaClaim& c, const NdaHolder& old, NdaHolder* holder)
     return commit();
 }
 
+void sq_burst(bool on)
+{
+    in_burst = on;
+    if (!on)
+        end_read();
+}
+
 int sq_query(const uint8_t* name, NdaHolder* out)
 {
+    // Each read transaction of its own takes and drops the file's locks:
+    // in a burst one read transaction serves every query.
+    if (in_burst && !reading && run(S_READ) == SQLITE_DONE)
+        reading = true;
     int rc = run_name(S_QUERY, name);
     if (rc == SQLITE_ROW)
         read_holder(S_QUERY, out);
@@ -365,6 +390,8 @@ int sq_list(void (*fn)(const NdaListEntry& e, void* arg), void* arg)
 
 void sq_close()
 {
+    end_read();
+    in_burst = false;
     for (sqlite3_stmt*& s : stmt) {
         sqlite3_finalize(s);
         s = nullptr;
@@ -409,5 +436,5 @@ const char* sq_error()
 }  // namespace
 
 const NdaStore nda_sqlite = {
-    "sqlite", sq_open, sq_close, sq_claim, sq_replace, sq_query, sq_remove, sq_purge, sq_equiv, sq_list, sq_error,
+    "sqlite", sq_open, sq_close, sq_claim, sq_replace, sq_query, sq_burst, sq_remove, sq_purge, sq_equiv, sq_list, sq_error,
 };

@@ -54,6 +54,9 @@ struct NdaStore {
     int (*replace)(const NdaClaim& c, const NdaHolder& old, NdaHolder* holder);
     // The holder that answers for a name: 1, 0 unknown, -1 error.
     int (*query)(const uint8_t* name, NdaHolder* out);
+    // Between burst(true) and burst(false) (one wake-up's datagrams) queries
+    // may share one read snapshot: cheaper, and no older than the burst.
+    void (*burst)(bool on);
     // The name off the hosts of these addresses; 0 or -1.
     int (*remove)(const uint8_t* name, const uint32_t* addrs, int n);
     // The host of this address with its addresses and names; 0 or -1.
