@@ -6,7 +6,8 @@
 //
 // Input: up to 16 datagrams, each as
 //   one byte   bits 0-1 the sender (four stations), bit 2 a second passes
-//              first, bit 3 every trace level at 9
+//              first, bit 3 every trace level at 9, bit 4 in one burst
+//              (one read snapshot) with the datagram before
 //   two bytes  the length, least significant first (at most 1500)
 //   the datagram
 // Before the first one, station 0 holds the unique name HELD<20> and
@@ -84,6 +85,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     registered(0, "HELD", 0x20, 0);
     registered(1, "GROUP", 0x1e, 1);
     size_t at = 0;
+    bool burst = false;
     for (int n = 0; n < MAX_DGS && at + 3 <= size; n++) {
         uint8_t opt = data[at];
         size_t len = size_t(data[at + 1] | data[at + 2] << 8);
@@ -93,6 +95,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         if (opt & 8) {
             tcfile = fz_trace_sink();
             tc_in = tc_out = tc_proc = tc_err = 9;
+        }
+        if (bool(opt & 16) != burst) {
+            burst = !burst;
+            nda_sqlite.burst(burst);
         }
         if (opt & 4) {
             now_ms += 1000;
@@ -108,6 +114,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         delete[] dg;
         at += len;
     }
+    nda_sqlite.burst(false);
     for (int i = 0; i < 10 && nda_pending() > 0; i++) {
         now_ms += 1000;
         nda_due(now_ms, now_s);
