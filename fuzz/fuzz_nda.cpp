@@ -1,25 +1,22 @@
 // The name-directory agent's request reader and its answers over the SQLite
-// directory, kept in memory and opened once; a second connection to it
-// empties its tables after each input (the host ids start at 1 again), far
-// cheaper than opening a new one. The wipe fails if the directory left a
-// statement open. Sends fail (no socket, no network).
+// directory, in memory and opened once: a second connection empties its
+// tables after each input (host ids start at 1 again), which fails if the
+// directory left a statement open. Sends fail (no socket, no network).
 //
-// Input: up to 16 datagrams, each as
-//   one byte   bits 0-1 the sender (four stations), bit 2 a second passes
-//              first, bit 3 every trace level at 9, bit 4 in one burst
-//              (one read snapshot) with the datagram before
-//   two bytes  the length, least significant first (at most 1500)
-//   the datagram
-// Before the first one, station 0 holds the unique name HELD<20> and
-// station 1 is a member of GROUP<1e>; the agent's VERIFY ids start at 1, so
-// a response can answer a verification the input started. At the end the
-// clock runs on until every verification has settled.
+// Input: up to 16 datagrams, each as one option byte (bits 0-1 the sender of
+// four stations, bit 2 a second passes first, bit 3 every trace level at 9,
+// bit 4 in one burst, one read snapshot, with the datagram before), two
+// bytes of length (least significant first, at most 1500), the datagram.
+// Station 0 holds HELD<20> and station 1 is a member of GROUP<1e> at the
+// start; the VERIFY ids start at 1, so a response can answer one the input
+// started. At the end the clock runs on until every verification settled.
 #include <arpa/inet.h>
-
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "fuzz/fuzzenv.h"
 #include "nda/ndaserve.h"
@@ -29,25 +26,19 @@
 
 namespace {
 
-constexpr int MAX_DGS = 16;
-constexpr size_t MAX_DG = 1500;
-
 constexpr const char* DIRECTORY = "file:fuzz_nda?mode=memory&cache=shared";
 constexpr const char* WIPE[] = {"DELETE FROM name", "DELETE FROM addr", "DELETE FROM host"};
-
 sqlite3* wiper = nullptr;
 sqlite3_stmt* wipe[3];
-// SQLite's pages from a pool of their own rather than the sanitizer's
+// SQLite's pages from a pool of their own, not from the sanitizer's
 // allocator (which fills and quarantines each): several times faster.
 alignas(16) uint8_t page_pool[512][4096 + 512];
 int64_t now_ms = 1000000;
 int64_t now_s = 1700000000;
 
-UniAddr station(int i)
+uint32_t station_ip(int i)
 {
-    UniAddr a{};
-    iantoua(&a, htonl(0x0a580002u + uint32_t(i)), i == 3 ? 137 : 228);
-    return a;
+    return htonl(0x0a580002u + uint32_t(i));
 }
 
 void registered(int who, const char* text, uint8_t type, int group)
@@ -56,10 +47,9 @@ void registered(int who, const char* text, uint8_t type, int group)
     memset(name, ' ', 16);
     memcpy(name, text, strlen(text));
     name[15] = type;
-    uint32_t addr = htonl(0x0a580002u + uint32_t(who));
-    NdaClaim c{name, group, &addr, 1, addr, 228, now_s};
+    uint32_t addr = station_ip(who);
     NdaHolder h{};
-    nda_sqlite.claim(c, &h);
+    nda_sqlite.claim({name, group, &addr, 1, addr, 228, now_s}, &h);
 }
 
 }  // namespace
@@ -86,39 +76,28 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     registered(1, "GROUP", 0x1e, 1);
     size_t at = 0;
     bool burst = false;
-    for (int n = 0; n < MAX_DGS && at + 3 <= size; n++) {
+    for (int n = 0; n < 16 && at + 3 <= size; n++) {
         uint8_t opt = data[at];
-        size_t len = size_t(data[at + 1] | data[at + 2] << 8);
+        size_t len = std::min({size_t(data[at + 1] | data[at + 2] << 8), size - at - 3, size_t(1500)});
         at += 3;
-        if (len > MAX_DG || len > size - at)
-            len = size - at < MAX_DG ? size - at : MAX_DG;
         if (opt & 8) {
             tcfile = fz_trace_sink();
             tc_in = tc_out = tc_proc = tc_err = 9;
         }
-        if (bool(opt & 16) != burst) {
-            burst = !burst;
-            nda_sqlite.burst(burst);
-        }
-        if (opt & 4) {
-            now_ms += 1000;
-            now_s += 1;
-            nda_due(now_ms, now_s);
-        }
+        if (bool(opt & 16) != burst)
+            nda_sqlite.burst(burst = !burst);
+        if (opt & 4)
+            nda_due(now_ms += 1000, now_s += 1);
         // A copy of exactly the datagram's size, so a read past it is seen.
-        uint8_t* dg = new uint8_t[len > 0 ? len : 1];
-        if (len > 0)
-            memcpy(dg, data + at, len);
-        UniAddr from = station(opt & 3);
-        nda_datagram(dg, int(len), &from, now_ms, now_s);
-        delete[] dg;
+        std::vector<uint8_t> dg(data + at, data + at + len);
+        UniAddr from{};
+        iantoua(&from, station_ip(opt & 3), (opt & 3) == 3 ? 137 : 228);
+        nda_datagram(dg.data(), int(len), &from, now_ms, now_s);
         at += len;
     }
     nda_sqlite.burst(false);
-    for (int i = 0; i < 10 && nda_pending() > 0; i++) {
-        now_ms += 1000;
-        nda_due(now_ms, now_s);
-    }
+    for (int i = 0; i < 10 && nda_pending() > 0; i++)
+        nda_due(now_ms += 1000, now_s);
     for (sqlite3_stmt* w : wipe)
         if (sqlite3_step(w) != SQLITE_DONE || sqlite3_reset(w) != SQLITE_OK)
             abort();
