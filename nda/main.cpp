@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string>
 
 #include "client/nsclient.h"
 #include "misc/initsock.h"
@@ -26,6 +27,7 @@
 #include "shr/logging.h"
 #include "shr/uniinet.h"
 #include "shr/vzhome.h"
+#include "shr/vzparse.h"
 #include "shr/vzsignal.h"
 #include "src/maininit.h"
 #include "src/namecust.h"
@@ -43,6 +45,9 @@ constexpr int MSG_STARTING = 550;
 constexpr int MSG_NO_STORE = 551;
 constexpr int MSG_NO_SOCKET = 552;
 constexpr int MSG_STOPPING = 554;
+constexpr int MSG_BAD_SETTING = 555;
+constexpr int MSG_UNKNOWN_SETTING = 556;
+constexpr int MSG_SETTING_TWICE = 557;
 
 constexpr int EX_USAGE = 2;
 constexpr int RECV_BURST = 64;   // datagrams read per wake-up
@@ -54,10 +59,12 @@ const char* const USAGE =
     "  -f          stay in the foreground\n"
     "  -l          list the directory and exit (-j: as JSON)\n"
     "  -a ADDRESS  listen at this IPv4 address only (default: every address)\n"
-    "  -p PORT     agent port (default: NB-nd-port of the configuration, else 227)\n"
+    "  -p PORT     agent port (default: port of [agent], else NB-nd-port, else 227)\n"
     "  -d FILE     directory database (default /var/opt/KORRbase/nda.db), or a\n"
     "              PostgreSQL connection (postgresql://... or \"host=... dbname=...\")\n"
-    "  -c FILE     configuration file (default /etc/opt/KORRbase/config.vz)\n"
+    "  -c FILE     configuration file (default /etc/opt/KORRbase/config.vz); its\n"
+    "              [agent] section may set listen, port and directory, which the\n"
+    "              options override\n"
     "  -z DIM=LEVEL, -z tracefile=FILE   trace, as the daemon's\n";
 
 volatile sig_atomic_t stop_sig = 0;
@@ -93,6 +100,122 @@ void detach()
         if (fd > 2)
             close(fd);
     }
+}
+
+// The [agent] section of the configuration file: the settings the options
+// give, each at most once. A malformed one stops the agent before it starts,
+// rather than have it listen or store somewhere it was not meant to.
+struct Settings {
+    const char* path = nullptr;
+    int line = 0;  // of the first error, 0 none
+    bool have_listen = false;
+    uint32_t listen = 0;
+    int port = 0;
+    std::string directory;
+};
+Settings conf;
+
+const char* const agent_pattern[] = {"agent", nullptr};
+
+void setting_error(int line, int msg, const char* fmt, const char* directive, const char* what)
+{
+    if (conf.line == 0)
+        conf.line = line;
+    log_new();
+    log_catmsg(LOG_SET, msg, fmt, prog, conf.path, line, directive, what);
+    fprintf(stderr, "halyard-nda: ");
+    fprintf(stderr, fmt + 4, conf.path, line, directive, what);  // without "%s: "
+    fputc('\n', stderr);
+}
+
+// The one value of a directive (a line from Windows keeps no CR), or null
+// after the message.
+const char* one_value(int argc, char** argv, int line, const char* what)
+{
+    if (argc != 2 || argv[1][0] == '\0') {
+        setting_error(line, MSG_BAD_SETTING, "%s: %s line %d: %s: expecting %s", argv[0], what);
+        return nullptr;
+    }
+    size_t n = strlen(argv[1]);
+    if (argv[1][n - 1] == '\r')
+        argv[1][n - 1] = '\0';
+    return argv[1];
+}
+
+bool first_time(bool seen, int line, const char* directive)
+{
+    if (seen)
+        setting_error(line, MSG_SETTING_TWICE, "%s: %s line %d: %s already set%s", directive, "");
+    return !seen;
+}
+
+int set_listen(int, char**, int argc, char** argv, int line, const char*)
+{
+    const char* v = one_value(argc, argv, line, "one IPv4 address");
+    if (v != nullptr && first_time(conf.have_listen, line, argv[0])) {
+        if (inet_pton(AF_INET, v, &conf.listen) == 1)
+            conf.have_listen = true;
+        else
+            setting_error(line, MSG_BAD_SETTING, "%s: %s line %d: %s: expecting %s", argv[0], "one IPv4 address");
+    }
+    return 0;
+}
+
+int set_port(int, char**, int argc, char** argv, int line, const char*)
+{
+    const char* v = one_value(argc, argv, line, "a port number from 1 to 65535");
+    if (v != nullptr && first_time(conf.port != 0, line, argv[0])) {
+        char* end = nullptr;
+        long p = strtol(v, &end, 10);
+        if (*v >= '0' && *v <= '9' && *end == '\0' && p >= 1 && p <= 65535)
+            conf.port = int(p);
+        else
+            setting_error(line, MSG_BAD_SETTING, "%s: %s line %d: %s: expecting %s", argv[0],
+                          "a port number from 1 to 65535");
+    }
+    return 0;
+}
+
+int set_directory(int, char**, int argc, char** argv, int line, const char*)
+{
+    const char* v = one_value(argc, argv, line, "one file name or PostgreSQL connection (in quotes when it has blanks)");
+    if (v != nullptr && first_time(!conf.directory.empty(), line, argv[0]))
+        conf.directory = v;
+    return 0;
+}
+
+int unknown_setting(int, char**, int argc, char** argv, int line, const char*)
+{
+    if (argc > 0)
+        setting_error(line, MSG_UNKNOWN_SETTING, "%s: %s line %d: %s: not a setting of [agent]%s", argv[0],
+                      " (listen, port, directory)");
+    return 0;
+}
+
+const vz_par_tabent agent_table[] = {
+    {"listen", set_listen},
+    {"port", set_port},
+    {"directory", set_directory},
+    {"", unknown_setting},
+    {nullptr, nullptr},
+};
+
+int setting_unreadable(int, char**, int line, const char* message, const char*)
+{
+    setting_error(line, MSG_BAD_SETTING, "%s: %s line %d: %s: expecting %s", message, "a readable line");
+    return 0;
+}
+
+// Reads [agent] when the file is there: false after an error in it.
+bool read_settings(const char* path)
+{
+    conf.path = path;
+    FILE* f = fopen(path, "r");
+    if (f == nullptr)
+        return true;  // a host with only the agent may have no file
+    vz_parse(f, setting_unreadable, nullptr, agent_pattern, agent_table);
+    fclose(f);
+    return conf.line == 0;
 }
 
 // A PostgreSQL connection rather than a file: a URI, or key=value words.
@@ -198,9 +321,10 @@ int main(int argc, char* argv[])
     bool foreground = false;
     bool list = false;
     bool json = false;
+    bool have_listen = false;
     uint32_t listen_addr = 0;
     int port = 0;
-    const char* db_path = DB_PATH;
+    const char* db_path = nullptr;
     const char* config = CONFIG_PATH;
     int opt;
     while ((opt = tc_getopt(argc, argv, "flja:p:d:c:h")) != -1) {
@@ -217,6 +341,7 @@ int main(int argc, char* argv[])
         case 'a':
             if (inet_pton(AF_INET, optarg, &listen_addr) != 1)
                 fail(EX_USAGE, "-a wants an IPv4 address");
+            have_listen = true;
             break;
         case 'p':
             port = atoi(optarg);
@@ -238,11 +363,20 @@ int main(int argc, char* argv[])
         fputs(USAGE, stderr);
         return EX_USAGE;
     }
+    open_log(LOG_PATH);
+    // The options override the file's settings.
+    if (!read_settings(config))
+        fail(1, "the configuration's [agent] section is malformed: not started");
+    if (!have_listen)
+        listen_addr = conf.listen;
+    if (port == 0)
+        port = conf.port;
+    if (db_path == nullptr)
+        db_path = !conf.directory.empty() ? conf.directory.c_str() : DB_PATH;
     const NdaStore* store = is_connection(db_path) ? &nda_postgres : &nda_sqlite;
     if (list)
         return list_directory(store, db_path, json);
 
-    open_log(LOG_PATH);
     // The port the daemons are given: a host that runs both shares the file.
     if (port == 0 && access(config, R_OK) == 0)
         namelogin(config);
