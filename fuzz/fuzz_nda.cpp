@@ -1,7 +1,6 @@
-// The name-directory agent's request reader and its answers over the SQLite
-// directory, in memory and opened once: a second connection empties its
-// tables after each input (host ids start at 1 again), which fails if the
-// directory left a statement open. Sends fail (no socket, no network).
+// The agent's request reader and answers over the SQLite directory, in memory
+// and opened once: a second connection empties it after each input (which
+// fails if it left a statement open). Sends fail (no socket, no network).
 //
 // Input: up to 16 datagrams, each as one option byte (bits 0-1 the sender of
 // four stations, bit 2 a second passes first, bit 3 every trace level at 9,
