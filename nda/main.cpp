@@ -280,31 +280,41 @@ int list_directory(const NdaStore* store, const char* db_path, bool json)
     return 0;
 }
 
-// Reads what waits on the socket, at most a burst of it: true when the
-// burst was used up (more may wait), false when the socket was emptied.
+// Reads what waits on the socket, at most a burst of it in one call: true
+// when the burst was used up (more may wait), false when the socket was
+// emptied.
 bool receive(int fd)
 {
+    static uint8_t bufs[RECV_BURST][ENS_AREA];
+    static sockaddr_in sins[RECV_BURST];
+    static iovec iov[RECV_BURST];
+    static mmsghdr msgs[RECV_BURST];
     for (int i = 0; i < RECV_BURST; i++) {
-        uint8_t buf[ENS_AREA];
-        sockaddr_in sin{};
-        socklen_t slen = sizeof sin;
-        ssize_t n = recvfrom(fd, buf, sizeof buf, MSG_DONTWAIT | MSG_TRUNC, reinterpret_cast<sockaddr*>(&sin),
-                             &slen);
-        if (n < 0)
-            return errno != EAGAIN && errno != EWOULDBLOCK;  // else an ICMP error of an earlier send
-        if (n > ssize_t(sizeof buf)) {
-            TRACE(proc, 1, "halyard-nda: datagram of %zd bytes dropped\n", n);
+        iov[i] = {bufs[i], sizeof bufs[i]};
+        msgs[i] = {};
+        msgs[i].msg_hdr.msg_name = &sins[i];
+        msgs[i].msg_hdr.msg_namelen = sizeof sins[i];
+        msgs[i].msg_hdr.msg_iov = &iov[i];
+        msgs[i].msg_hdr.msg_iovlen = 1;
+    }
+    int got = recvmmsg(fd, msgs, RECV_BURST, MSG_DONTWAIT, nullptr);
+    if (got < 0)
+        return errno != EAGAIN && errno != EWOULDBLOCK;  // else an ICMP error of an earlier send
+    for (int i = 0; i < got; i++) {
+        size_t n = msgs[i].msg_len;
+        if (msgs[i].msg_hdr.msg_flags & MSG_TRUNC) {
+            TRACE(proc, 1, "halyard-nda: datagram of more than %zu bytes dropped\n", n);
             continue;
         }
         UniAddr from{};
-        iantoua(&from, sin.sin_addr.s_addr, ntohs(sin.sin_port));
+        iantoua(&from, sins[i].sin_addr.s_addr, ntohs(sins[i].sin_port));
         if (tcfile != nullptr && tc_in >= 4) {
-            tc_printf("halyard-nda: got %zd bytes from %s --\n", n, uni_ntoa(&from));
-            dump_bytes(tcfile, buf, size_t(n));
+            tc_printf("halyard-nda: got %zu bytes from %s --\n", n, uni_ntoa(&from));
+            dump_bytes(tcfile, bufs[i], n);
         }
-        nda_datagram(buf, int(n), &from, mono_ms(), int64_t(time(nullptr)));
+        nda_datagram(bufs[i], int(n), &from, mono_ms(), int64_t(time(nullptr)));
     }
-    return true;
+    return got == RECV_BURST;
 }
 
 }  // namespace
