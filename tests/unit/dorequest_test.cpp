@@ -250,19 +250,4 @@ TEST_F(Requests, WaitingLookupsShareOneTimer)
     EXPECT_EQ(dg_timer_count(), 0);
 }
 
-TEST_F(Requests, EachNewNameIsClaimedTwiceOneSecondApart)
-{
-    send(NS_ADDNAME, 1, with_flags("ONE", 0));
-    send(NS_ADDNAME, 2, with_flags("TWO", 0));
-    do_request(SIGINT);
-    std::vector<std::string> seen;
-    for (int t = 0; t < 5; t++, tick(1)) {
-        for (const std::string& c : claims())
-            seen.push_back(std::to_string(t) + " " + c);
-    }
-    EXPECT_EQ(seen, (std::vector<std::string>{"0 one", "1 one", "2 two", "3 two"}));
-    EXPECT_EQ((n_table->flags | n_table->next->flags) & NT_PENDING, 0u);
-    EXPECT_EQ(dg_timer_count(), 0) << "the cycle stopped";
-}
-
 }  // namespace

@@ -78,29 +78,6 @@ struct Ens {
     }
 };
 
-// VERIFY for our own address is answered at once from the local table;
-// EQUIV is passed on with at most 20 addresses, an empty list too.
-TEST(EnsRecv, RequestsOfTheAgent)
-{
-    IN_CHILD(true, {
-        Ens e;
-        ASSERT_EQ(nt_add(ns_name("SERVER").data(), 0), 0);
-        std::vector<std::string> addrs;
-        for (int i = 1; i <= 25; i++)
-            addrs.push_back("10.88.1." + std::to_string(i));
-        const struct { Bytes req, want; } cases[] = {
-            {cat({header(0x55, 2), name_item(ns_name("SERVER")), ip_item("127.0.0.1")}), header(0x55, 0x80000002, 0, 0)},
-            {cat({header(0x55, 2), name_item(ns_name("OTHER")), ip_item("127.0.0.1")}), header(0x55, 0x80000002, -1, 3)},
-            {cat({header(3, 5), addr_list(addrs)}), cat({header(1, 5), addr_list({addrs.begin(), addrs.begin() + 20})})},
-            {cat({header(4, 5), int_item(0)}), cat({header(2, 5), int_item(0)})},
-        };
-        for (const auto& c : cases) {
-            e.from_agent(c.req);
-            EXPECT_EQ(e.at_agent(), std::vector<Bytes>{c.want});
-        }
-    });
-}
-
 // A local client's lookup waits in the lookup list; the agent's answer to
 // its QUERY finishes it through the pipe to the notifier and is cached.
 TEST(EnsRecv, QueryResponsesAnswerTheWaitingLookupAndAreCached)
