@@ -3,25 +3,19 @@
 #include <arpa/inet.h>
 #include <cstring>
 #include <string>
-#include <unistd.h>
 
-#include "shr/logging.h"
 #include "shr/uniinet.h"
 #include "src/claim.h"
-#include "src/enstable.h"
 #include "src/getnpack.h"
 #include "src/namelogin.h"
 #include "src/ntable.h"
-#include "tests/support/lab.h"
 #include "tests/support/nswire.h"
 #include "tests/support/privnet.h"
+#include "tests/unit/unitkit.h"
 
-// Every test sends, so each runs in a child in its own network namespace:
+// The test sends, so it runs in a child in its own network namespace:
 // the two interfaces broadcast to 127.0.0.2 and 127.0.0.3 on loopback.
 namespace {
-
-time_t fake_now;
-time_t fake_clock() { return fake_now; }
 
 struct Net {
     int rx[2];
@@ -35,7 +29,7 @@ struct Net {
         rx[1] = ns_socket("127.0.0.3", &nmport);
         EXPECT_TRUE(dg_fd >= 0 && rx[0] >= 0 && rx[1] >= 0);
         my_addr = ifs, my_addr_ct = 2;
-        claim_set_clock(fake_clock);
+        claim_set_clock(fake_time);
     }
     std::vector<Bytes> sent(int i)
     {
@@ -83,53 +77,6 @@ TEST(Claim, OneRequestPerInterfaceWithItsOwnAddressClaimIdsFromTheClockReleaseId
         EXPECT_EQ(build_claim(&rec, 1, -1, 0), -1);
         EXPECT_EQ(build_release(&rec, 0x0102, 1, NT_GROUP), 68);
         EXPECT_TRUE(rec.size == 68 && rec.flags == NPKT_GROUP && rec.pktid[0] == 0x0201u);
-    });
-}
-
-// Within 10 seconds of the latest claim, a registration response from
-// another station takes a local name away, logged once; nothing else does.
-TEST(Claim, RegistrationResponsesFromOthersWithinTenSecondsRemoveTheName)
-{
-    IN_CHILD(true, {
-        Net net;
-        ASSERT_EQ(ens_a_add(inet_addr("10.88.0.9"), ens_create()), 0);
-        ASSERT_EQ(ens_a_add(inet_addr("10.88.0.1"), nullptr), 0);
-        const struct { const char* why; int type, after; const char* from; const char* name; bool removed; } cases[] = {
-            {"another station, at once", NT_REGISTER_RESP, 0, "10.88.0.5", "SERVER", true},
-            {"a known host, at 10 seconds", NT_REGISTER_RESP, 10, "10.88.0.9", "SERVER", true},
-            {"11 seconds", NT_REGISTER_RESP, 11, "10.88.0.5", "SERVER", false},
-            {"our own address", NT_REGISTER_RESP, 0, "10.88.0.1", "SERVER", false},
-            {"a name we do not hold", NT_REGISTER_RESP, 0, "10.88.0.5", "OTHER", false},
-            {"a query response", NT_QUERY_RESP, 0, "10.88.0.5", "SERVER", false},
-        };
-        std::string log = "/tmp/halyard-claim-" + std::to_string(getpid());
-        for (const auto& c : cases) {
-            SCOPED_TRACE(c.why);
-            ASSERT_EQ(open_log(log.c_str()), 0);
-            ASSERT_EQ(nt_add(ns_name("SERVER").data(), 0), 0);
-            fake_now = 5000;
-            name_claim(n_table);
-            net.sent(0), net.sent(1);
-            fake_now += c.after;
-            npkt rec{};
-            rec.type = c.type;
-            memcpy(rec.name, ns_name(c.name).data(), 16);
-            iantoua(&rec.addr, inet_addr(c.from), 137);
-            check_conflict(&rec);
-            close_log();
-            auto groups = lab_parse_log(lab_read_file(log));
-            unlink(log.c_str());
-            EXPECT_EQ(n_table == nullptr, c.removed);
-            if (!c.removed) {
-                EXPECT_EQ(nt_del(ns_name("SERVER").data()), 0);
-            }
-            ASSERT_EQ(groups.size(), c.removed ? 1u : 0u);
-            if (c.removed) {
-                EXPECT_EQ(groups[0].messages, (std::vector<std::string>{"Halyard: name already exists on network: server",
-                                                                       std::string("        at address I(") + c.from + ".137)"}));
-            }
-            EXPECT_TRUE(net.sent(0).empty()) << "no release for a name that was never ours";
-        }
     });
 }
 
