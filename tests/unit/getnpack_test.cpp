@@ -65,7 +65,7 @@ TEST(DecodeNpack, OneTableOfDatagrams) {
             EXPECT_STREQ(rec.scope, c.scope);
             EXPECT_EQ(rec.type, p[2] & 0xF8);
             EXPECT_EQ(rec.pktid[0], 0x3412u);  // first id byte low
-            EXPECT_TRUE(c.pkt[12] != 32 || memcmp(rec.name, kName.data(), 16) == 0);
+            EXPECT_TRUE(c.pkt.size() < 46 || c.pkt[12] != 32 || memcmp(rec.name, kName.data(), 16) == 0);
         }
     }
     // Every cut of a registration that loses its NB flags is refused; exact
