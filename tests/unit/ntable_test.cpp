@@ -43,22 +43,6 @@ std::vector<Bytes> table()
     return v;
 }
 
-TEST(NameTable, KeepsOrderComparesExactlyRefusesDuplicates)
-{
-    const std::vector<Bytes> all = {ns_name("ALPHA"), ns_name("alpha"), ns_name("ALPHA", 0), ns_name(" ALPHA")};
-    for (const Bytes& n : all)
-        EXPECT_EQ(nt_add(n.data(), NT_GROUP), 0);
-    EXPECT_EQ(table(), all);
-    EXPECT_EQ(n_table->flags, NT_GROUP | NT_PENDING);
-    EXPECT_EQ(nt_add(ns_name("ALPHA").data(), 0), NT_PRESENT);
-    EXPECT_EQ(nt_icsearch(ns_name("Alpha").data()), nullptr);
-    for (const Bytes& n : {ns_name("ALPHA"), ns_name("ALPHA", 0), ns_name(" ALPHA")})  // first, middle, last
-        EXPECT_EQ(nt_del(n.data()), 0);
-    EXPECT_EQ(nt_del(ns_name("ALPHA").data()), NT_ABSENT);
-    EXPECT_EQ(table(), std::vector<Bytes>{ns_name("alpha")});
-    EXPECT_EQ(nt_del(n_table->name), 0);  // the name read from the entry being freed
-}
-
 // With the driver transport the driver mirrors the table: a name it gave
 // up (state 2) or cannot check is released on the network, deleted from the
 // driver and forgotten, by a search or by the check before a listing.
