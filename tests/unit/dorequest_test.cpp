@@ -7,7 +7,6 @@
 #include <unistd.h>
 #include <vector>
 
-#include "shr/uniinet.h"
 #include "src/dorequest.h"
 #include "src/enstable.h"
 #include "src/maininit.h"
@@ -15,7 +14,6 @@
 #include "src/notifier.h"
 #include "src/ntable.h"
 #include "src/query.h"
-#include "src/service.h"
 #include "tests/support/nswire.h"
 #include "tests/unit/unitkit.h"
 
