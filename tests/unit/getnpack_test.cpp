@@ -81,36 +81,35 @@ TEST(DecodeNpack, OneTableOfDatagrams) {
 }
 
 TEST(FindIpRfc, ReadsTheFirstAddressAndRefusesShortAnswers) {
-    Bytes name = encoded_name();
     auto response = [&](Bytes rdata, int rdlength) {
         return packet(0x85, {0, 1, 0, 0},
-                      {name, {0, 0x20, 0, 1, 0, 0, 0, 0, uint8_t(rdlength >> 8), uint8_t(rdlength)}, rdata});
+                      {encoded_name(), {0, 0x20, 0, 1, 0, 0, 0, 0, uint8_t(rdlength >> 8), uint8_t(rdlength)}, rdata});
     };
-    Bytes two = response({0x80, 0, 10, 88, 0, 7, 0, 0, 10, 88, 0, 8}, 12);
-    uint32_t addr = 0;
-    int group = -1;
-    ASSERT_EQ(find_ip_rfc(two.data(), int(two.size()), &addr, &group), 0);
-    EXPECT_EQ(group, 1);
-    EXPECT_EQ(memcmp(&addr, "\x0a\x58\x00\x07", 4), 0);
-    Bytes one = response({0, 0, 10, 88, 0, 9}, 6);
-    for (int len = 0; len < int(one.size()); len++) {
-        Bytes cut(one.begin(), one.begin() + len);
-        cut.shrink_to_fit();
-        EXPECT_EQ(find_ip_rfc(cut.data(), len, &addr, &group), -1) << len;
-    }
-    ASSERT_EQ(find_ip_rfc(one.data(), int(one.size()), &addr, &group), 0);
-    EXPECT_EQ(group, 0);
-    Bytes negative = response({}, 0);
-    EXPECT_EQ(find_ip_rfc(negative.data(), int(negative.size()), &addr, &group), -1);
-    Bytes query = packet(0x85, {1, 1, 0, 0}, {name, {0, 0x20, 0, 1}});
-    EXPECT_EQ(find_ip_rfc(query.data(), int(query.size()), &addr, &group), -1);
-    // a name that runs past the 576th byte is refused even in a longer datagram
-    Bytes long_name;
+    Bytes one = response({0, 0, 10, 88, 0, 9}, 6), long_name;
     for (int i = 0; i < 10; i++)
         long_name.push_back(63), long_name.insert(long_name.end(), 63, 'A');
     Bytes far = packet(0x85, {0, 1, 0, 0}, {long_name, {0}, Bytes(20, 0)});
     far[far.size() - 12] = 6;
-    EXPECT_EQ(find_ip_rfc(far.data(), int(far.size()), &addr, &group), -1);
+    const struct { const char* why; Bytes pkt; int group; uint8_t last; } cases[] = {  // group -1: refused
+        {"two addresses: the first", response({0x80, 0, 10, 88, 0, 7, 0, 0, 10, 88, 0, 8}, 12), 1, 7},
+        {"one address", one, 0, 9},
+        {"a negative answer", response({}, 0), -1, 0},
+        {"a question", packet(0x85, {1, 1, 0, 0}, {encoded_name(), {0, 0x20, 0, 1}}), -1, 0},
+        {"a name running past the 576th byte", far, -1, 0},
+    };
+    for (const auto& c : cases) {
+        uint32_t addr = 0;
+        int group = -1;
+        ASSERT_EQ(find_ip_rfc(c.pkt.data(), int(c.pkt.size()), &addr, &group), c.group < 0 ? -1 : 0) << c.why;
+        EXPECT_TRUE(c.group < 0 || (group == c.group && addr == (uint32_t{c.last} << 24 | 0x580a))) << c.why;
+    }
+    for (int len = 0; len < int(one.size()); len++) {
+        Bytes cut(one.begin(), one.begin() + len);
+        cut.shrink_to_fit();
+        uint32_t addr = 0;
+        int group = -1;
+        EXPECT_EQ(find_ip_rfc(cut.data(), len, &addr, &group), -1) << len;
+    }
 }
 
 TEST(FindAsRfc, NamesAndStatisticsRoundTrip) {
@@ -119,9 +118,7 @@ TEST(FindAsRfc, NamesAndStatisticsRoundTrip) {
     st.version = 0x0101, st.period = 7, st.good_sends = 0x01020304, st.session_size = 8192;
     Bytes stats(AS_STATSLEN);
     ASSERT_EQ(adapstat_out(stats.data(), &st), AS_STATSLEN);
-    EXPECT_EQ(Bytes(stats.begin() + 8, stats.begin() + 12), (Bytes{1, 1, 0, 7}));
-    EXPECT_EQ(Bytes(stats.begin() + 20, stats.begin() + 24), (Bytes{1, 2, 3, 4}));
-    EXPECT_EQ(stats[44], 0x20);
+    EXPECT_EQ(Bytes(stats.begin() + 8, stats.begin() + 12), (Bytes{1, 1, 0, 7})) << "big-endian";
     auto response = [&](int n, int rdlength, int entries) {
         Bytes rdata = {uint8_t(n)};
         for (int i = 0; i < entries; i++) {
