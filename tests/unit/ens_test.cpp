@@ -15,29 +15,6 @@
 #include "tests/support/privnet.h"
 #include "tests/unit/unitkit.h"
 
-// Unasked answers: at most 16 at once, 4 a second after, one new host per
-// unknown sender a minute; an answer to our own request always counts.
-TEST(EnsGotnames, UnaskedAnswersAreLearnedAtALimitedRate)
-{
-    dg_set_clock(fake_time, fake_alarm);
-    auto learned = [](uint32_t from, uint32_t to) {
-        int n = 0;
-        for (uint32_t i = from; i < to; i++)
-            n += ens_may_learn(htonl(0x0a580000 + i)) ? 1 : 0;
-        return n;
-    };
-    EXPECT_EQ(learned(0, 40), 16) << "the burst";
-    ens_asked(inet_addr("10.88.1.1"));
-    EXPECT_TRUE(ens_may_learn(inet_addr("10.88.1.1"))) << "asked for";
-    EXPECT_FALSE(ens_may_learn(inet_addr("10.88.1.1"))) << "asked once, answered once";
-    fake_now += 1;
-    EXPECT_EQ(learned(100, 140), 4) << "a second later";
-    fake_now += 30;
-    EXPECT_FALSE(ens_may_learn(htonl(0x0a580000))) << "the same unknown sender within the minute";
-    fake_now += 31;
-    EXPECT_TRUE(ens_may_learn(htonl(0x0a580000)));
-}
-
 // Every 300 seconds a host heard of more than 20 minutes ago is asked for
 // its status, a new name each time; at the fourth it is purged at the
 // agent. In a child in its own network namespace: our sockets on

@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <cstring>
-#include <fcntl.h>
 
 #include "shr/uniinet.h"
 #include "src/cache.h"
@@ -75,47 +74,6 @@ struct Ens {
         return got.empty() ? 0 : ndasim::decode(got[0]).id;
     }
 };
-
-// A local client's lookup waits in the lookup list; the agent's answer to
-// its QUERY finishes it through the pipe to the notifier and is cached.
-TEST(EnsRecv, QueryResponsesAnswerTheWaitingLookupAndAreCached)
-{
-    IN_CHILD(true, {
-        Ens e;
-        int p[2];
-        ASSERT_EQ(pipe(p), 0);
-        to_ntf = p[1];
-        fcntl(p[0], F_SETFL, O_NONBLOCK);
-        const struct { Bytes body; int32_t ans; int cached; } cases[] = {
-            // The group flag goes to the cache and the client as the agent sent it.
-            {cat({int_item(3), int_item(1), ip_item("10.88.0.9")}), 0, 1},
-            {cat({int_item(1), int_item(0), ip_item("10.88.0.9")}), 0, -1},  // marker 0
-            {cat({int_item(0), int_item(1)}), 0, -1},                         // no ip
-            {{}, -1, 0},
-        };
-        for (int32_t lu = 0; lu < 4; lu++) {
-            SCOPED_TRACE(lu);
-            Bytes name = ns_name(("HOST" + std::to_string(lu)).c_str());
-            ASSERT_EQ(add_lu(name.data(), 0, NS_LOOKUP, lu, 700 + uint32_t(lu)), 0);
-            EXPECT_EQ(nda_lquery(name.data(), lu, 700 + uint32_t(lu)), -1);
-            e.from_agent(cat({header(e.command(), 0x80000001, cases[lu].ans), cases[lu].body}));
-            uint32_t a = 0;
-            int g = -1;
-            EXPECT_EQ(nda_getcache(&a, &g, name.data(), fake_now), cases[lu].cached);
-            uint8_t msg[NS_HDRSIZE + 72];
-            ssize_t n = read(p[0], msg, sizeof msg);
-            if (cases[lu].cached != 1) {
-                EXPECT_EQ(n, -1) << "no answer to the client yet";
-                continue;
-            }
-            EXPECT_TRUE(a == inet_addr("10.88.0.9") && g == 3);
-            ASSERT_EQ(n, ssize_t(sizeof msg));
-            EXPECT_EQ(reinterpret_cast<ns_hdr*>(msg)->xid, 700 + uint32_t(lu));
-            EXPECT_EQ(Bytes(msg + NS_HDRSIZE, msg + NS_HDRSIZE + 12), (Bytes{0, 0, 0, 0, 'I', 0, 4, 0, 10, 88, 0, 9}));
-            EXPECT_EQ(Bytes(msg + NS_HDRSIZE + 68, msg + NS_HDRSIZE + 72), int_item(3));
-        }
-    });
-}
 
 // ADD answers: our own name refused is lost (logged, removed); a name
 // registered for another host only teaches its owner. A station's claim

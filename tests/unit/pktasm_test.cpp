@@ -105,20 +105,6 @@ TEST(PktDis, EveryCutOfAHeaderAndItsItems)
         Bytes bad = cat({version, Bytes(full.begin() + 4, full.end())});
         EXPECT_EQ(pktd_hdr(bad.data(), int(bad.size())), -4);
     }
-    const struct { Bytes item; int want; int32_t next; } ips[] = {  // next: the int after, 0 for none
-        {{3, 10, 88, 0, 7, 0}, -2, 0}, {{0x80, 10, 88, 0, 7, 0}, -2, 0}, {{6, 10, 88, 0, 7, 1, 2, 0, 9, 0, 0, 0}, 7, 9},
-        {{5, 10, 88, 0, 7, 1, 9, 0, 0, 0}, 6, 9}, {{100, 10, 88, 0, 7}, 5, 0},
-    };
-    for (const auto& c : ips) {
-        Bytes d = cat({header(1, 5), c.item});
-        ASSERT_EQ(pktd_hdr(d.data(), int(d.size())), 0);
-        uint32_t a = 0;
-        int32_t v = 0;
-        EXPECT_EQ(pktd_ip(&a), c.want) << int(c.item[0]);
-        if (c.next != 0) {
-            EXPECT_TRUE(pktd_int(&v) == 4 && v == c.next) << int(c.item[0]);
-        }
-    }
     Bytes d = cat({header(1, 2), int_item(15), Bytes(20, 'A')});
     pktd_hdr(d.data(), int(d.size()));
     uint8_t n[16];
