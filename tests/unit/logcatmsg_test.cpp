@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <fstream>
+#include <sstream>
 #include <string>
 
 #include "shr/logcatmsg.h"
@@ -10,18 +12,10 @@
 #include "tests/support/nsfixture.h"
 
 TEST(MsgGet, FindsTheNumberInsideItsSetOnly) {
-    const std::string lines =
-        "$set 9\n"
-        "203 \"set nine\"\n"
-        "$set 10\n"
-        "$ comment\n"
-        "198 \"a \"b\" c\"\n"
-        "203 plain text\n"
-        "205x glued \"word\"\n"
-        "206 \"no closing quote\n"
-        "8 " + std::string(MSG_LINE_SIZE, 'x') + "9 fake\n"  // a long line is cut whole
-        "$set 11\n"
-        "173 \"eleven\"\n";
+    const std::string lines = "$set 9\n203 \"set nine\"\n$set 10\n$ comment\n198 \"a \"b\" c\"\n203 plain text\n"
+                              "205x glued \"word\"\n206 \"no closing quote\n"
+                              "8 " + std::string(MSG_LINE_SIZE, 'x') + "9 fake\n"  // a long line is cut whole
+                              "$set 11\n173 \"eleven\"\n";
     FILE* f = tmpfile();
     fputs(lines.c_str(), f);
     const struct { int set, number; const char* text; } cases[] = {
@@ -29,10 +23,8 @@ TEST(MsgGet, FindsTheNumberInsideItsSetOnly) {
         {10, 206, "no closing quote\n"}, {10, 9, "default"}, {10, 173, "default"}, {11, 173, "eleven"},
         {12, 173, "default"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::to_string(c.set) + "/" + std::to_string(c.number));
-        EXPECT_STREQ(msg_get(f, c.set, c.number, "default"), c.text);
-    }
+    for (const auto& c : cases)
+        EXPECT_STREQ(msg_get(f, c.set, c.number, "default"), c.text) << c.set << "/" << c.number;
     fclose(f);
 }
 
@@ -41,15 +33,8 @@ TEST(MsgGet, FindsTheNumberInsideItsSetOnly) {
 // the same arguments, escapes replaced.
 TEST(LogCatmsg, SiteTextsReplaceDefaultsOnlyWhenTheyFitTheirArguments) {
     run_in_private_dirs([] {
-        FILE* f = fopen("/opt/KORRlibs/lib/kbsrvmsg.cat", "w");
-        ASSERT_NE(f, nullptr);
-        fputs("$set 10\n"
-              "203 \"Dienste %s %s\\x21\\101\"\n"
-              "173 \"%d: line %s\"\n"
-              "174 \"%s %n\"\n"
-              "175 \"%s %s %s\"\n",
-              f);
-        fclose(f);
+        std::ofstream("/opt/KORRlibs/lib/kbsrvmsg.cat") << "$set 10\n203 \"Dienste %s %s\\x21\\101\"\n"
+                                                         "173 \"%d: line %s\"\n174 \"%s %n\"\n175 \"%s %s %s\"\n";
         ASSERT_EQ(open_log("/opt/log.nb"), 0);
         log_new();
         log_catmsg(LOG_SET, 203, "NB NetBIOS services %s %s starting.\n", "2.0", "LX");
@@ -57,12 +42,9 @@ TEST(LogCatmsg, SiteTextsReplaceDefaultsOnlyWhenTheyFitTheirArguments) {
         log_catmsg(LOG_SET, 174, "%s: n", "Halyard");
         log_catmsg(LOG_SET, 175, "%s %s", "a", "b");
         close_log();
-        std::string log;
-        f = fopen("/opt/log.nb", "r");
-        ASSERT_NE(f, nullptr);
-        for (int c; (c = getc(f)) != EOF;)
-            log.push_back(char(c));
-        fclose(f);
+        std::ostringstream read;
+        read << std::ifstream("/opt/log.nb").rdbuf();
+        const std::string log = read.str();
         ASSERT_EQ(log.find("\r\n"), 24u) << log;  // "Thu Nov 23 09:05:07 2026"
         EXPECT_EQ(log.substr(26), "\tDienste 2.0 LX!A\r\n"
                                   "\tHalyard: error in config file at line 5\r\n"
