@@ -17,7 +17,7 @@ namespace {
 std::string hex_of(const UniAddr& ua)
 {
     char buf[2 * UNI_MAXADDR];
-    return std::string(buf, size_t(hex_put(buf, ua.addr, ua.len > UNI_MAXADDR ? UNI_MAXADDR : ua.len)));
+    return std::string(buf, size_t(hex_put(buf, ua.addr, ua.len)));
 }
 
 UniAddr make(uint16_t family, const std::vector<uint8_t>& bytes, int len = -1)
@@ -54,11 +54,9 @@ TEST(UniAton, ReadsEveryFamilyAndRefusesBadTexts) {
         {std::string(100000, 'e'), 'O', std::string(120, 'e')},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.text.substr(0, 200));
         const UniAddr* ua = uni_aton(c.text.c_str());
-        ASSERT_NE(ua, nullptr);
-        EXPECT_EQ(uni_type(ua), c.family);
-        EXPECT_EQ(hex_of(*ua), c.hex);
+        ASSERT_NE(ua, nullptr) << c.text.substr(0, 200);
+        EXPECT_TRUE(uni_type(ua) == c.family && hex_of(*ua) == c.hex) << c.text.substr(0, 200) << " " << hex_of(*ua);
     }
     for (const std::string& bad : {std::string(), std::string(121, '0') + "1.2.3.4"})
         EXPECT_EQ(uni_aton(bad.c_str()), nullptr);
@@ -102,10 +100,8 @@ TEST(UniAton, EveryNameSurvivesItsTextForm) {
             orig.addr[i] = round % 2 ? uint8_t(s >> 8) : alphabet[(s >> 8) % sizeof alphabet];
         }
         std::string text = uni_ntoa(&orig);
-        SCOPED_TRACE(text);
         const UniAddr* back = uni_aton(text.c_str());
-        ASSERT_NE(back, nullptr);
-        ASSERT_EQ(memcmp(back, &orig, sizeof orig), 0);
+        ASSERT_TRUE(back != nullptr && memcmp(back, &orig, sizeof orig) == 0) << text;
     }
 }
 

@@ -58,8 +58,7 @@ TEST(VzParCons, SplitsLinesIntoWordsCommentsAndHeadsAndRefusesBadLines) {
         {"a\\\n\\\nb\nc", {"C1 [a|b] - <a  b>", "C4 [c] - <c>"}},  // continued lines join as blanks
         {"ab\"c d\"ef \"#[]\"\n", {"C1 [abc def|#[]] - <ab\"c d\"ef \"#[]\">"}},
         {"\"a\\\"b\\\\c\\d\"\n", {"C1 [a\"b\\c\\d] - <\"a\\\"b\\\\c\\d\">"}},
-        {"\"open\nnext\n", {"C1 [open] - <\"open>", "C2 [next] - <next>"}},
-        {"NB-scope \"\"\n", {"C1 [NB-scope|] - <NB-scope \"\">"}},
+        {"NB-scope \"\" \"open\nnext\n", {"C1 [NB-scope||open] - <NB-scope \"\" \"open>", "C2 [next] - <next>"}},
         {"abc#x\n\n", {"C1 [abc] <x> <abc#x>", "C2 [] - <>"}},
         {"a # c \\\n d\ne\n", {"C1 [a] < c   d> <a # c   d>", "C3 [e] - <e>"}},
         {"  [a [b]#c\n", {"T1 [a|[|b] <c> <  [a [b]#c>"}},
@@ -71,8 +70,6 @@ TEST(VzParCons, SplitsLinesIntoWordsCommentsAndHeadsAndRefusesBadLines) {
          {"C1 [" + longest + "] - " + kept, "E2 <line too long> " + kept, "E4 <line too long> " + kept,
           "C5 [ok] - <ok>"}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.text.substr(0, 40));
-        EXPECT_EQ(constructs_of(c.text), c.want);
-    }
+    for (const auto& c : cases)
+        EXPECT_EQ(constructs_of(c.text), c.want) << c.text.substr(0, 40);
 }
