@@ -1,3 +1,4 @@
+// Property lists and the pid registration kept in one.
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -13,6 +14,8 @@
 #include "config/dbob.h"
 #include "config/dbprop.h"
 #include "config/sflock.h"
+#include "shr/dbpid.h"
+#include "shr/logging.h"
 #include "shr/vzsignal.h"
 #include "tests/support/kvc.h"
 #include "tests/support/nsfixture.h"
@@ -23,9 +26,9 @@ constexpr const char* kFile = "/var/opt/KORRbase/rtdb/realm=NB/program=Halyard/=
 const Kvc own_name({{"system", "*"}, {"realm", "NB"}, {"program", "Halyard"}});
 const vz_kvc* own = own_name.get();
 
-std::string contents()
+std::string contents(const char* path = kFile)
 {
-    std::ifstream f(kFile, std::ios::binary);
+    std::ifstream f(path, std::ios::binary);
     std::ostringstream s;
     s << f.rdbuf();
     return f ? s.str() : "(missing)";
@@ -43,6 +46,11 @@ std::string get(const char* name, int* rc)
     std::string s = v != nullptr ? v : "(none)";
     vzdb_strfree(v);
     return s;
+}
+
+std::string pid_line(int pid)
+{
+    return "pid " + std::to_string(pid) + "\n";
 }
 
 volatile sig_atomic_t own_alarms = 0;
@@ -172,5 +180,49 @@ TEST(DbLock, ALockHeldElsewhereEndsTheWaitWithCode9AndCountsAreNeverLost) {
         int a = spawn_child(count), b = spawn_child(count);
         EXPECT_EQ(wait_child(a) + wait_child(b), 0);
         EXPECT_EQ(contents(), "pid 1\nn 200\n");
+    });
+}
+
+// What a daemon that ended without its clean-up leaves: a registration
+// stands while its process runs, any other is taken over; a pidlock that is
+// never given back ends the wait after eleven tries. (Two starts at once are
+// kept apart by the property list's lock, tested with it.)
+TEST(DbPid, RegistrationTakesOverStaleOnesAndGivesUpOnAStuckPidlock) {
+    run_in_private_dirs([] {
+        ASSERT_EQ(mkdir("/var/opt/KORRbase/rtdb", 0755), 0);
+        ASSERT_EQ(open_log("/var/opt/KORRbase/log.nb"), 0);
+        sf_locktimer = 2;
+        ASSERT_EQ(db_addpid(own, 1234, 5678), 1);
+        struct stat st;
+        ASSERT_EQ(stat("/var/opt/KORRbase/rtdb/realm=NB/program=Halyard", &st), 0);
+        EXPECT_TRUE(st.st_uid == 1234 && st.st_gid == 5678);
+        EXPECT_EQ(contents(), pid_line(getpid()));
+        EXPECT_EQ(db_delpid(own), 1);
+        EXPECT_EQ(contents(), "");
+
+        int gone = spawn_child([] { return 0; });
+        ASSERT_EQ(wait_child(gone), 0);
+        int alive = spawn_child([] { return pause(); });
+        const struct { std::string file; int result; std::string after; } cases[] = {
+            {"a b\n" + pid_line(gone), 1, "a b\n" + pid_line(getpid())},
+            {"pid -1\n", 1, pid_line(getpid())},  // a process group
+            {pid_line(getpid()) + "z 1\n", 1, pid_line(getpid()) + "z 1\n"},
+            {pid_line(alive) + "z 1\n", 0, pid_line(alive) + "z 1\n"},
+            {pid_line(1), 0, pid_line(1)},
+            {"pid 1\npidlock 1\n", -1, "pid 1\npidlock 1\n"},
+        };
+        dbpid_pause = 0;  // the eleven tries without their pauses
+        for (const auto& c : cases) {
+            write_file(c.file);
+            EXPECT_EQ(db_addpid(own, -1, -1), c.result) << c.file;
+            EXPECT_EQ(contents(), c.after);
+        }
+        EXPECT_NE(contents("/var/opt/KORRbase/log.nb").find("Halyard: Timed out waiting for pid lock"),
+                  std::string::npos);
+        write_file(pid_line(alive));
+        EXPECT_EQ(db_delpid(own), 0);  // another process's registration stays
+        EXPECT_EQ(contents(), pid_line(alive));
+        kill(alive, SIGKILL);
+        wait_child(alive);
     });
 }
