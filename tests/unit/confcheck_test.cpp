@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <regex>
 #include <string>
 
@@ -20,15 +21,13 @@ namespace {
 
 const std::string kPath = "/tmp/halyard-check-" + std::to_string(getpid()) + ".vz";
 
-std::string check(const std::string& text, int* errors)
+std::string check(const std::string& text)
 {
-    FILE* f = fopen(kPath.c_str(), "w");
-    fputs(text.c_str(), f);
-    fclose(f);
+    std::ofstream(kPath) << text;
     char* out = nullptr;
     size_t size = 0;
     FILE* mem = open_memstream(&out, &size);
-    *errors = conf_check(kPath.c_str(), mem, "", true);
+    conf_check(kPath.c_str(), mem, "", true);
     fclose(mem);
     std::string s(out, size);
     free(out);
@@ -37,14 +36,11 @@ std::string check(const std::string& text, int* errors)
 
 TEST(ConfCheck, PrintsEveryProblemWithItsLineAndTheSettings)
 {
-    int errors = -1;
     std::string out = check("[realm NB]\r\ntransport tcpip\r\n"
                             "[interface tcpip eth0]\r\naddress 10.88.0.1\r\nbroadcast x\r\nmtu 9000\r\n"
                             "[interface tcpip eth1]\r\n[transport tcpip]\r\nNB-scope 1abc\r\n"
                             "NB-nd-addr 10.0.0.1\r\nNB-nd-addr 10.0.0.2\r\nNB-wildcard-status on\r\n"
-                            "[Transport tcpip]\r\n",
-                            &errors);
-    EXPECT_EQ(errors, 3) << out;
+                            "[Transport tcpip]\r\n");
     for (const std::string& line : {
              kPath + ": warning: 13 lines end in CR LF: read as LF line ends\n",
              kPath + ":5: broadcast x: one IPv4 broadcast address, such as 10.88.0.255\n",
@@ -70,13 +66,13 @@ TEST(ConfCheck, EachAlternativeOfTheExampleConfigurationPasses)
     ASSERT_NE(at, std::string::npos);
     const std::string base = std::regex_replace(example.substr(0, at), std::regex("\n#transport tcpip\n"),
                                                 "\ntransport tcpip\n");
-    int alternatives = 0, errors = -1;
+    int alternatives = 0;
     for (size_t next; at != std::string::npos; at = next, alternatives++) {
         next = example.find("\n#== ", at + 1);
         std::string text = base + std::regex_replace(example.substr(at, next - at), std::regex("\n#([^ #=\n])"), "\n$1");
-        std::string out = check(text, &errors);
+        std::string out = check(text);
         EXPECT_NE(out.find("0 errors, 0 warnings\n"), std::string::npos) << text << out;
-        EXPECT_NE(out, check(base, &errors)) << "nothing switched on";
+        EXPECT_NE(out, check(base)) << "nothing switched on";
     }
     EXPECT_EQ(alternatives, 5);
     unlink(kPath.c_str());
@@ -90,15 +86,10 @@ TEST(ManPages, FormatWithoutWarningsAndShowTheVersion)
         std::string path = std::string(halyard_build_dir()) + "/man/" + page;
         std::string text = lab_read_file(path);
         EXPECT_NE(text.substr(0, text.find('\n')).find(version), std::string::npos);
-        FILE* p = popen(("groff -ww -man -z '" + path + "' 2>&1; echo status $?").c_str(), "r");
-        ASSERT_NE(p, nullptr);
-        std::string out;
-        char buf[4096];
-        for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0 && out.size() < 65536;)
-            out.append(buf, n);
-        pclose(p);
-        EXPECT_EQ(out, "status 0\n");
+        EXPECT_EQ(system(("groff -ww -man -z '" + path + "' >" + kPath + " 2>&1").c_str()), 0);
+        EXPECT_EQ(lab_read_file(kPath), "");
     }
+    unlink(kPath.c_str());
 }
 
 }  // namespace

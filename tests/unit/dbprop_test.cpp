@@ -61,7 +61,7 @@ void count_alarm(int)
 
 }  // namespace
 
-TEST(DbProp, WritesReadsCountsAndRefusesWhatCouldNotBeReadBack) {
+TEST(DbProp, WritesReadsCountsAndRefusesWhatCouldNotBeReadBackAndReadsOddFilesWithinTheLineBuffer) {
     run_in_private_dirs([] {
         int rc = -1;
         ASSERT_EQ(mkdir("/var/opt/KORRbase/rtdb", 0755), 0);
@@ -102,14 +102,7 @@ TEST(DbProp, WritesReadsCountsAndRefusesWhatCouldNotBeReadBack) {
             EXPECT_EQ(vzdb_prop_semadd(own, "pidlock", c.add, c.limit), c.rc) << c.before;
             EXPECT_EQ(contents(), c.after);
         }
-    });
-}
-
-// The reader of the file: one table of odd files and what they list.
-TEST(DbProp, OddFilesAreReadWithinTheLineBuffer) {
-    run_in_private_dirs([] {
-        ASSERT_EQ(mkdir("/var/opt/KORRbase/rtdb", 0755), 0);
-        ASSERT_EQ(vzdb_ob_create(own), 0);
+        // The reader: odd files and what they list.
         const std::string x508(508, 'x'), x509(509, 'x');
         const struct { std::string file; std::vector<std::string> props; } cases[] = {
             {"nospace\n lead v\na 1\n\nb  two\nk v\\", {"a=1", "b= two", "k=v"}},

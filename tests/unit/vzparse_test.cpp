@@ -58,26 +58,20 @@ std::string opt(const char* s)
 std::vector<std::string> constructs_of(const std::string& text)
 {
     std::vector<std::string> out;
-    FILE* f = tmpfile();
-    fwrite(text.data(), 1, text.size(), f);
-    rewind(f);
+    FILE* f = fmemopen(const_cast<char*>(text.data()), text.size(), "r");
     vz_par_init(f);
     int argc, kind;
     char **argv, *comment;
     while ((kind = vz_par_cons(f, &argc, &argv, &comment)) != VZ_PAR_EOF) {
-        std::string c = (kind == VZ_PAR_TAG ? "T" : kind == VZ_PAR_CMD ? "C" : "E") + std::to_string(vz_par_line());
-        const char* saved = nullptr;
+        std::string c = kind == VZ_PAR_TAG ? "T" : "C";
+        const char* saved = vz_par_saved();
         if (kind == VZ_PAR_ERROR) {
             char* msg = nullptr;
             vz_par_err(&msg, &saved);
-            c += " " + opt(msg);
+            c = "E" + std::to_string(vz_par_line()) + " " + opt(msg);
             free(msg);
         } else {
-            c += " [";
-            for (int i = 0; i < argc; i++)
-                c += (i ? "|" : "") + std::string(argv[i]);
-            c += "] " + opt(comment);
-            saved = vz_par_saved();
+            c += words(argc, argv, vz_par_line()) + " " + opt(comment);
         }
         std::string shown = opt(saved);
         out.push_back(c + " " + (shown.size() > 80 ? std::to_string(shown.size() - 2) + " bytes" : shown));
