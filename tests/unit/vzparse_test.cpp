@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -102,9 +103,7 @@ TEST(VzParse, SelectsSectionsByPatternAndDispatchesTheirLines) {
     for (const auto& c : cases) {
         calls.clear();
         err_result = c.err_returns;
-        FILE* f = tmpfile();
-        fputs(text, f);
-        rewind(f);
+        FILE* f = fmemopen(const_cast<char*>(text), strlen(text), "r");
         EXPECT_EQ(vz_parse(f, on_error, on_tag, iface, c.table), c.result);
         fclose(f);
         EXPECT_EQ(calls, c.calls);
