@@ -1,7 +1,9 @@
+// Database objects: their names as directories, and what is made and removed.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
 #include <string>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -9,208 +11,93 @@
 #include <vector>
 
 #include "config/dballoc.h"
+#include "config/dbname.h"
 #include "config/dbob.h"
 #include "config/dbtree.h"
 #include "tests/support/kvc.h"
 #include "tests/support/nsfixture.h"
 
-namespace {
-
-constexpr const char* kRoot = "/var/opt/KORRbase/rtdb";
-constexpr const char* kRealm = "/var/opt/KORRbase/rtdb/realm=NB";
-constexpr const char* kProgram = "/var/opt/KORRbase/rtdb/realm=NB/program=Halyard";
-
-bool exists(const std::string& p)
-{
-    struct stat st;
-    return lstat(p.c_str(), &st) == 0;
-}
-
-mode_t mode_of(const std::string& p)
-{
-    struct stat st;
-    return stat(p.c_str(), &st) == 0 ? st.st_mode : 0;
-}
-
-void touch(const std::string& p)
-{
-    FILE* f = fopen(p.c_str(), "w");
-    ASSERT_NE(f, nullptr) << p;
-    fputs("k v\n", f);
-    fclose(f);
-}
-
-void make_root()
-{
-    ASSERT_EQ(mkdir(kRoot, 0755), 0);
-}
-
-const Kvc& own()
-{
-    static const Kvc name({{"system", "*"}, {"realm", "NB"}, {"program", "Halyard"}});
-    return name;
-}
-
-}  // namespace
-
-TEST(DbObject, CreateMakesEveryMissingLevelWithMode0775) {
+// Nothing is made or removed outside the database root, whatever the name;
+// objects are made 0775 whatever the umask; a delete goes depth first and
+// leaves what is not the database's: foreign files, links and mounts.
+TEST(DbObject, StaysInsideTheRootAndDeletesOnlyWhatIsTheDatabases) {
     run_in_private_dirs([] {
-        make_root();
-        umask(022);  // the creation must not depend on the caller's umask
-        int there = -1;
-        ASSERT_EQ(vzdb_ob_test(own().get(), &there), 0);
-        EXPECT_EQ(there, 0);
-        ASSERT_EQ(vzdb_ob_create(own().get()), 0);
-        EXPECT_EQ(mode_of(kRealm), S_IFDIR | 0775);
-        EXPECT_EQ(mode_of(kProgram), S_IFDIR | 0775);
-        EXPECT_EQ(umask(022), 022) << "the caller's umask was not given back";
-        ASSERT_EQ(vzdb_ob_test(own().get(), &there), 0);
-        EXPECT_EQ(there, 1);
-        // Again: nothing changes.
-        ASSERT_EQ(chmod(kProgram, 0700), 0);
-        EXPECT_EQ(vzdb_ob_create(own().get()), 0);
-        EXPECT_EQ(mode_of(kProgram), S_IFDIR | 0700);
-    });
-}
-
-TEST(DbObject, CreateRefusesWithoutItsPlaces) {
-    run_in_private_dirs([] {
-        // No root below the base: nothing can be made.
-        EXPECT_EQ(vzdb_ob_create(own().get()), 5);
-        EXPECT_FALSE(exists(kRoot));
-        // No base directory, or a plain file in its place.
-        ASSERT_EQ(rmdir("/var/opt/KORRbase"), 0);
-        EXPECT_EQ(vzdb_ob_create(own().get()), 2);
-        touch("/var/opt/KORRbase");
-        EXPECT_EQ(vzdb_ob_create(own().get()), 2);
-    });
-}
-
-TEST(DbTree, PathsOutsideTheDatabaseAreRefused) {
-    run_in_private_dirs([] {
-        make_root();
-        const char* outside[] = {
-            "/var/opt/KORRbase",
-            "/tmp/x=y",
-            "/var/opt/KORRbase/rtdb/realm=NB/../../../x=y",
-            "/var/opt/KORRbase/rtdbx=y",
-        };
-        for (const char* p : outside) {
-            SCOPED_TRACE(p);
-            EXPECT_EQ(vzdb_tree_make(p), 3);
-            EXPECT_EQ(vzdb_tree_remove(p), 3);
+        const std::string root = "/var/opt/KORRbase/rtdb", realm = root + "/realm=NB";
+        auto exists = [](const std::string& p) { struct stat st; return lstat(p.c_str(), &st) == 0; };
+        ASSERT_EQ(mkdir(root.c_str(), 0755), 0);
+        for (const char* p : {"/var/opt/KORRbase", "/tmp/x=y", "/var/opt/KORRbase/rtdb/realm=NB/../../../x=y",
+                              "/var/opt/KORRbase/rtdbx=y"}) {
+            EXPECT_EQ(vzdb_tree_make(p), 3) << p;
+            EXPECT_EQ(vzdb_tree_remove(p), 3) << p;
         }
-        EXPECT_EQ(vzdb_tree_remove(kRoot), 3);
-        EXPECT_EQ(vzdb_tree_remove("/var/opt/KORRbase/rtdb/foreign"), 3);
-        EXPECT_FALSE(exists("/var/opt/KORRbase/x=y"));
-        EXPECT_FALSE(exists("/var/opt/KORRbase/rtdbx=y"));
+        EXPECT_EQ(vzdb_tree_remove(root.c_str()), 3);
+        Kvc climb({{"system", "*"}, {"../..", "x"}});  // types are not escaped
+        EXPECT_EQ(vzdb_ob_create(climb.get()) + vzdb_ob_delete(climb.get()), 6);
+        EXPECT_FALSE(exists("/var/opt/KORRbase/x=y") || exists("/var/opt/..=x"));
 
-        // Types are not escaped: one holding "/" must not climb out.
-        Kvc climb({{"system", "*"}, {"../..", "x"}});
-        EXPECT_EQ(vzdb_ob_create(climb.get()), 3);
-        EXPECT_EQ(vzdb_ob_delete(climb.get()), 3);
-        EXPECT_FALSE(exists("/var/opt/..=x"));
-        Kvc no_type({{"system", "*"}, {"", "plist"}});
-        EXPECT_EQ(vzdb_ob_create(no_type.get()), 3);
-
-        int inside = -1;
-        ASSERT_EQ(inside_vzdb("/var/opt/KORRbase/rtdb", &inside), 0);
-        EXPECT_EQ(inside, 1);
-        ASSERT_EQ(inside_vzdb("/var/opt/KORRbase/rtd", &inside), 0);
-        EXPECT_EQ(inside, 0);
-    });
-}
-
-TEST(DbObject, DeleteIsDepthFirstAndLeavesForeignEntriesLinksAndMounts) {
-    run_in_private_dirs([] {
-        make_root();
+        umask(022);
         Kvc deep({{"system", "*"}, {"realm", "NB"}, {"program", "Halyard"}, {"x", "a/b"}});
         ASSERT_EQ(vzdb_ob_create(deep.get()), 0);
-        const std::string realm_dir = kRealm;
-        touch(std::string(kProgram) + "/=plist");
-        touch(realm_dir + "/=plist");
-        touch(realm_dir + "/foreign");
-        ASSERT_EQ(mkdir("/var/opt/keep", 0755), 0);
-        touch("/var/opt/keep/k=v");
-        ASSERT_EQ(symlink("/var/opt/keep", (realm_dir + "/link=1").c_str()), 0);
-        ASSERT_EQ(mkdir((realm_dir + "/mnt=1").c_str(), 0775), 0);
-        ASSERT_EQ(mount("t", (realm_dir + "/mnt=1").c_str(), "tmpfs", 0, "size=64k"), 0);
-        touch(realm_dir + "/mnt=1/k=v");
-
-        Kvc realm({{"system", "*"}, {"realm", "NB"}});
-        EXPECT_EQ(vzdb_ob_delete(realm.get()), 5);
-        EXPECT_TRUE(exists(realm_dir + "/foreign"));
-        EXPECT_FALSE(exists(realm_dir + "/=plist"));
-        EXPECT_FALSE(exists(kProgram));
-        EXPECT_TRUE(exists("/var/opt/keep/k=v"));
-        EXPECT_TRUE(exists(realm_dir + "/mnt=1/k=v"));
-
-        ASSERT_EQ(umount((realm_dir + "/mnt=1").c_str()), 0);
-        ASSERT_EQ(unlink((realm_dir + "/foreign").c_str()), 0);
-        ASSERT_EQ(unlink((realm_dir + "/link=1").c_str()), 0);
-        EXPECT_EQ(vzdb_ob_delete(realm.get()), 0);
-        EXPECT_FALSE(exists(kRealm));
-        EXPECT_TRUE(exists(kRoot));
-        EXPECT_EQ(vzdb_ob_delete(realm.get()), 5);   // a missing object cannot be removed
+        struct stat st;
+        ASSERT_EQ(stat(realm.c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode, S_IFDIR | 0775);
+        EXPECT_TRUE(exists(realm + "/program=Halyard/x=a\\.b"));
+        ASSERT_EQ(mkdir("/var/opt/keep", 0755) + mkdir((realm + "/mnt=1").c_str(), 0775), 0);
+        ASSERT_EQ(mount("t", (realm + "/mnt=1").c_str(), "tmpfs", 0, "size=64k"), 0);
+        ASSERT_EQ(symlink("/var/opt/keep", (realm + "/link=1").c_str()), 0);
+        for (const std::string& f : {realm + "/program=Halyard/=plist", realm + "/=plist", realm + "/foreign",
+                                     std::string("/var/opt/keep/k=v"), realm + "/mnt=1/k=v"})
+            std::ofstream(f) << "k v\n";
+        Kvc realm_name({{"system", "*"}, {"realm", "NB"}});
+        EXPECT_EQ(vzdb_ob_delete(realm_name.get()), 5);
+        EXPECT_FALSE(exists(realm + "/=plist") || exists(realm + "/program=Halyard"));
+        EXPECT_TRUE(exists(realm + "/foreign") && exists("/var/opt/keep/k=v") && exists(realm + "/mnt=1/k=v"));
+        ASSERT_EQ(umount((realm + "/mnt=1").c_str()), 0);
+        ASSERT_EQ(unlink((realm + "/foreign").c_str()) + unlink((realm + "/link=1").c_str()), 0);
+        EXPECT_EQ(vzdb_ob_delete(realm_name.get()), 0);
+        EXPECT_TRUE(!exists(realm) && exists(root));
     });
 }
 
-TEST(DbObject, OwnerGroupAndMode) {
-    run_in_private_dirs([] {
-        make_root();
-        ASSERT_EQ(vzdb_ob_create(own().get()), 0);
-        int u = 0, g = 0, m = 0;
-        ASSERT_EQ(vzdb_ob_setugm(own().get(), -1, -1, -1), 0);
-        ASSERT_EQ(vzdb_ob_getugm(own().get(), &u, &g, &m), 0);
-        EXPECT_EQ(u, 0);
-        EXPECT_EQ(g, 0);
-        EXPECT_EQ(m, int(S_IFDIR | 0775));
-
-        // File-type bits in the mode are ignored; -1 keeps the group.
-        ASSERT_EQ(vzdb_ob_setugm(own().get(), 1234, -1, int(S_IFREG | 02750)), 0);
-        ASSERT_EQ(vzdb_ob_getugm(own().get(), &u, &g, &m), 0);
-        EXPECT_EQ(u, 1234);
-        EXPECT_EQ(g, 0);
-        EXPECT_EQ(m & 07777, 02750);
-        EXPECT_TRUE(S_ISDIR(mode_t(m)));
-        ASSERT_EQ(vzdb_ob_setugm(own().get(), -1, 5678, -1), 0);
-        ASSERT_EQ(vzdb_ob_getugm(own().get(), &u, &g, &m), 0);
-        EXPECT_EQ(u, 1234);
-        EXPECT_EQ(g, 5678);
-
-        Kvc missing({{"system", "*"}, {"realm", "none"}});
-        EXPECT_EQ(vzdb_ob_setugm(missing.get(), 1, 1, 0777), 0);
-        EXPECT_FALSE(exists("/var/opt/KORRbase/rtdb/realm=none"));
-        ASSERT_EQ(vzdb_ob_getugm(missing.get(), &u, &g, &m), 0);
-        EXPECT_EQ(u, -1);
-        EXPECT_EQ(g, -1);
-        EXPECT_EQ(m, -1);
-    });
+// A component name becomes one directory entry, "/" and "\" escaped, and
+// every entry reads back to the name it came from.
+TEST(DbName, EntriesEscapeSlashAndBackslashAndReadBackSafely) {
+    const struct { const char* name; const char* entry; bool both_ways; } cases[] = {
+        {"a/b\\c", "a\\.b\\\\c", true},
+        {"//", "\\.\\.", true},
+        {"\\.", "\\\\.", true},   // a backslash before a dot is not a slash
+        {"axb", "a\\xb", false},  // a backslash before another character is dropped
+        {"abc", "abc\\", false},  // and so is a final one
+    };
+    for (const auto& c : cases) {
+        std::string out(obname_2_fnlen(c.name) + 1, '#'), back(strlen(c.entry) + 1, '#');
+        obname_2_fname(out.data(), c.name);
+        EXPECT_TRUE(!c.both_ways || out == std::string(c.entry) + '\0') << c.entry;
+        fname_2_obname(back.data(), c.entry);
+        EXPECT_STREQ(back.c_str(), c.name);
+    }
+    vz_kvc* v = nullptr;
+    vz_kvcstate st = 0;
+    ASSERT_EQ(vz_kvcv_init(&v, &st), 0);
+    for (const char* e : {"realm=NB", "type", "prog=a\\.b\\\\c", "a=b=c"})
+        ASSERT_EQ(vzdb_dir2ob1(&v, &st, e), 0) << e;
+    EXPECT_EQ(kvc_lines(v), (std::vector<std::string>{"realm=NB", "type=", "prog=a/b\\c", "a=b=c"}));
+    vzdb_kvcfree(v);
 }
 
-TEST(DbObject, ListGivesChildObjectsOnly) {
-    run_in_private_dirs([] {
-        make_root();
-        Kvc realm({{"system", "*"}, {"realm", "NB"}});
-        ASSERT_EQ(vzdb_ob_create(realm.get()), 0);
-        touch(std::string(kRoot) + "/=plist");
-        touch(std::string(kRoot) + "/foreign");
-        ASSERT_EQ(mkdir((std::string(kRoot) + "/dir").c_str(), 0775), 0);
-        ASSERT_EQ(mkdir((std::string(kRoot) + "/x=a\\.b\\\\c").c_str(), 0775), 0);
-        ASSERT_EQ(mkdir((std::string(kRoot) + "/y=").c_str(), 0775), 0);
-
-        Kvc root({{"system", "*"}});
-        vz_kvc* children = nullptr;
-        ASSERT_EQ(vzdb_ob_list(root.get(), &children), 0);
-        std::vector<std::string> got = kvc_lines(children);
-        vzdb_kvcfree(children);
-        std::sort(got.begin(), got.end());
-        EXPECT_EQ(got, (std::vector<std::string>{"realm=NB", "x=a/b\\c", "y="}));
-
-        Kvc missing({{"system", "*"}, {"realm", "none"}});
-        ASSERT_EQ(vzdb_ob_list(missing.get(), &children), 0);
-        ASSERT_NE(children, nullptr);
-        EXPECT_EQ(children[0].key, nullptr);
-        vzdb_kvcfree(children);
+// The current object is read once, at the first conversion of a process.
+TEST(DbPath, RelativeNamesFollowTheCurrentObjectReadOnceAbsoluteOnesDoNot) {
+    run_in_child([] {
+        setenv("VZDB_CURRENT", "/realm=NB//x=a\\.b/", 1);
+        Kvc rel({{"program", "a/b"}}), abs({{"system", "x"}, {"realm", "NB"}});
+        for (int round = 0; round < 2; round++) {
+            char *r = nullptr, *a = nullptr;
+            ASSERT_EQ(vzdb_ob2dir(rel.get(), &r) + vzdb_ob2dir(abs.get(), &a), 0);
+            EXPECT_STREQ(r, "/var/opt/KORRbase/rtdb/realm=NB/x=a\\.b/program=a\\.b");
+            EXPECT_STREQ(a, "/var/opt/KORRbase/rtdb/realm=NB");
+            vzdb_strfree(r);
+            vzdb_strfree(a);
+            setenv("VZDB_CURRENT", "realm=Other", 1);  // too late to count
+        }
     });
 }
