@@ -238,6 +238,11 @@ TEST_F(EnsLab, LocalNamesRegisteredLookupsAndClaimsOfOthersCheckedAtTheAgent)
             ASSERT_TRUE(agent.reply_add_accepted(*m));
             EXPECT_EQ(lab.halyardctl({"check", arg}), 0);
         }
+        EXPECT_EQ(lab.halyardctl({"add", "fileserv<20>"}), 1);  // already present
+        std::string listing;
+        EXPECT_EQ(lab.halyardctl({"list"}, &listing), 0);
+        EXPECT_TRUE(listing.find("fileserv<20>") != std::string::npos &&
+                    listing.find("workgrp<1e>") != std::string::npos) << listing;
 
         // The agent knows another owner: the conflict is logged, the name dropped.
         ASSERT_EQ(lab.halyardctl({"add", "CLASH<20>"}), 0);
@@ -253,6 +258,7 @@ TEST_F(EnsLab, LocalNamesRegisteredLookupsAndClaimsOfOthersCheckedAtTheAgent)
         // A deleted name is deleted at the agent for every own address.
         ASSERT_EQ(lab.halyardctl({"del", "fileserv<20>"}, &out), 0) << out;
         ASSERT_TRUE(answer(agent, ndasim::del, nb("fileserv"), {"10.88.0.1", "10.89.0.1"}));
+        EXPECT_EQ(lab.halyardctl({"check", "fileserv<20>"}), 1);
     }
     {
         // An unknown name: a QUERY to the agent and a broadcast query; the
@@ -579,6 +585,11 @@ TEST_F(EnsLab, HostsAreLearnedFromStatusAnswersAndForgottenByTheirReleases)
     EXPECT_TRUE(table.find("\nstation1 10.88.0.3 10.88.0.2\n") != std::string::npos) << table;
     EXPECT_TRUE(table.find("\nworkgroup<1e> 10.88.0.3 10.88.0.2\n") != std::string::npos) << table;
     EXPECT_EQ(lab.log().find("already exists"), std::string::npos) << lab.log();
+    // A local lookup of a learned name is answered from the table, with the
+    // host's newest address.
+    std::string out;
+    EXPECT_EQ(lab.halyardctl({"lookup", "WORKGROUP<1e>"}, &out), 0) << out;
+    EXPECT_NE(out.find("10.88.0.3"), std::string::npos) << out;
     // A claim of STATION1 by that owner is let pass from the cache: no ADD.
     ASSERT_EQ(lab.run(lab_station1, {"/sbin/ip", "addr", "add", "10.88.0.9/24", "dev", "hs0"}), 0);
     int owner = lab.udp_socket(lab_station1, 0, "10.88.0.9");
