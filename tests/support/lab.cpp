@@ -16,10 +16,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 
 #include <gtest/gtest.h>
 
@@ -29,106 +31,98 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// The daemon's three places, covered by a fresh tmpfs each.
 constexpr const char* places[] = {"/etc/opt", "/var/opt", "/opt"};
-constexpr int place_ct = 3;
+constexpr const char* sanitizer_vars[2] = {"ASAN_OPTIONS", "UBSAN_OPTIONS"};
 
 Clock::time_point deadline_in(double seconds)
 {
     return Clock::now() + std::chrono::microseconds(int64_t(seconds * 1e6));
 }
 
-bool past(Clock::time_point deadline) { return Clock::now() >= deadline; }
-
 int ms_left(Clock::time_point deadline)
 {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-    return left.count() <= 0 ? 0 : int(left.count());
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    return left <= 0 ? 0 : int(left);
 }
 
-void pause_briefly() { usleep(20 * 1000); }
-
-std::string errtext(const char* what)
+// Polls `done` every 20 ms until it holds or the deadline passes.
+bool wait_for(double seconds, const std::function<bool()>& done)
 {
-    return std::string(what) + ": " + strerror(errno);
+    auto deadline = deadline_in(seconds);
+    for (;;) {
+        if (done())
+            return true;
+        if (Clock::now() >= deadline)
+            return false;
+        usleep(20 * 1000);
+    }
 }
 
-ino_t netns_inode_of(const char* path)
+std::string errtext(const std::string& what) { return what + ": " + strerror(errno); }
+
+ino_t inode_of(const std::string& path)
 {
     struct stat st {};
-    return stat(path, &st) == 0 ? st.st_ino : 0;
-}
-
-ino_t netns_inode_of_fd(int fd)
-{
-    struct stat st {};
-    return fstat(fd, &st) == 0 ? st.st_ino : 0;
+    return stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
 }
 
 // State letter of /proc/PID/stat and its parent, or '?' when it is gone.
 char proc_state(pid_t pid, pid_t* ppid = nullptr)
 {
     std::string stat = lab_read_file("/proc/" + std::to_string(pid) + "/stat");
-    size_t close_paren = stat.rfind(')');
-    if (close_paren == std::string::npos || close_paren + 2 >= stat.size())
+    size_t paren = stat.rfind(')');
+    if (paren == std::string::npos || paren + 2 >= stat.size())
         return '?';
     if (ppid != nullptr)
-        *ppid = pid_t(atoi(stat.c_str() + close_paren + 4));
-    return stat[close_paren + 2];
+        *ppid = pid_t(atoi(stat.c_str() + paren + 4));
+    return stat[paren + 2];
 }
 
 bool alive(pid_t pid)
 {
-    if (pid <= 0)
-        return false;
-    if (kill(pid, 0) != 0 && errno == ESRCH)
+    if (pid <= 0 || (kill(pid, 0) != 0 && errno == ESRCH))
         return false;
     char s = proc_state(pid);
     return s != '?' && s != 'Z' && s != 'X';
 }
 
-const char* find_ip()
-{
-    for (const char* p : {"/usr/sbin/ip", "/sbin/ip", "/usr/bin/ip", "/bin/ip"})
-        if (access(p, X_OK) == 0)
-            return p;
-    return nullptr;
-}
-
-// A new network namespace held by the returned descriptor; the caller stays
-// where it was.
-int new_netns()
+// Runs make() inside network namespace ns (-1: a new one, kept open in
+// *new_ns) and comes back; a failure to come back aborts rather than go on
+// in the wrong namespace.
+int in_netns(int ns, const std::function<int()>& make, int* new_ns = nullptr)
 {
     int self = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
     if (self < 0)
         return -1;
-    int fd = -1;
-    if (unshare(CLONE_NEWNET) == 0) {
-        fd = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
+    int r = -1;
+    if (ns >= 0 ? setns(ns, CLONE_NEWNET) == 0 : unshare(CLONE_NEWNET) == 0) {
+        if (new_ns != nullptr)
+            *new_ns = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
+        r = make();
+        int saved = errno;
         if (setns(self, CLONE_NEWNET) != 0)
-            abort();  // stranded in a lab namespace: stop rather than go on wrongly
+            abort();
+        errno = saved;
     }
     close(self);
-    return fd;
+    return r;
 }
 
-// fork + exec inside network namespace ns_fd (-1: stay). Output to out_fd
-// when >= 0. Only async-signal-safe calls between fork and exec.
+// fork + exec inside network namespace ns_fd, output to out_fd when >= 0.
+// Only async-signal-safe calls between fork and exec.
 pid_t spawn(int ns_fd, const std::vector<std::string>& args, int out_fd, int uid, int gid)
 {
     std::vector<char*> argv;
     for (const std::string& a : args)
         argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
-
     pid_t pid = fork();
     if (pid != 0)
         return pid;
     if (ns_fd >= 0 && setns(ns_fd, CLONE_NEWNET) != 0)
         _exit(126);
     int devnull = open("/dev/null", O_RDWR);
-    if (devnull >= 0)
-        dup2(devnull, 0);
+    dup2(devnull, 0);
     if (out_fd >= 0) {
         dup2(out_fd, 1);
         dup2(out_fd, 2);
@@ -148,19 +142,12 @@ pid_t spawn(int ns_fd, const std::vector<std::string>& args, int out_fd, int uid
 }
 
 // Waits for our child pid; SIGKILL at the deadline. Its wait status, or -1.
-int wait_child(pid_t pid, Clock::time_point deadline)
+int wait_spawned(pid_t pid, Clock::time_point deadline)
 {
     int status = 0;
-    for (;;) {
-        pid_t r = waitpid(pid, &status, WNOHANG);
-        if (r == pid)
-            return status;
-        if (r < 0)
-            return -1;
-        if (past(deadline))
-            break;
-        pause_briefly();
-    }
+    pid_t r = 0;
+    if (wait_for(ms_left(deadline) / 1000.0, [&] { return (r = waitpid(pid, &status, WNOHANG)) != 0; }))
+        return r == pid ? status : -1;
     kill(pid, SIGKILL);
     waitpid(pid, &status, 0);
     return -1;
@@ -177,13 +164,13 @@ std::string lab_enter_private_namespaces()
     tried = true;
     if (geteuid() != 0)
         return why = "needs root: the lab creates namespaces, tmpfs mounts and veth links";
-    ino_t host_net = netns_inode_of("/proc/self/ns/net");
+    ino_t host_net = inode_of("/proc/self/ns/net");
     if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0)
         return why = "namespaces not permitted here (" + errtext("unshare") + ")";
     // Nothing mounted from here on may propagate back to the host.
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
         return why = "cannot make the private mount namespace private (" + errtext("mount") + ")";
-    if (host_net == 0 || netns_inode_of("/proc/self/ns/net") == host_net)
+    if (host_net == 0 || inode_of("/proc/self/ns/net") == host_net)
         return why = "did not leave the host network namespace";
     // Orphans (the daemon after its fork) come to us, so their status is seen.
     if (prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) != 0)
@@ -194,11 +181,10 @@ std::string lab_enter_private_namespaces()
 std::vector<LabLogGroup> lab_parse_log(const std::string& text)
 {
     std::vector<LabLogGroup> groups;
-    size_t pos = 0;
-    while (pos < text.size()) {
-        size_t end = text.find("\r\n", pos);
-        std::string line = text.substr(pos, end == std::string::npos ? std::string::npos : end - pos);
-        pos = end == std::string::npos ? text.size() : end + 2;
+    for (size_t pos = 0; pos < text.size();) {
+        size_t end = std::min(text.find("\r\n", pos), text.size());
+        std::string line = text.substr(pos, end - pos);
+        pos = end + 2;
         if (!line.empty() && line[0] == '\t') {
             if (groups.empty())
                 groups.push_back({});
@@ -217,30 +203,20 @@ std::string lab_read_file(const std::string& path)
         return "";
     std::string text;
     char buf[4096];
-    for (int i = 0; i < 4096; ++i) {  // at most 16 MiB: plenty for a log or trace
-        ssize_t n = read(fd, buf, sizeof buf);
-        if (n <= 0)
-            break;
+    ssize_t n;
+    for (int i = 0; i < 4096 && (n = read(fd, buf, sizeof buf)) > 0; ++i)  // 16 MiB at most
         text.append(buf, size_t(n));
-    }
     close(fd);
     return text;
 }
 
 pid_t lab_plist_pid(const std::string& plist_text)
 {
-    size_t pos = 0;
-    while (pos < plist_text.size()) {
-        size_t end = plist_text.find('\n', pos);
-        if (end == std::string::npos)
-            end = plist_text.size();
-        if (plist_text.compare(pos, 4, "pid ") == 0 && end > pos + 4) {
-            long v = strtol(plist_text.c_str() + pos + 4, nullptr, 10);
-            return v > 0 ? pid_t(v) : -1;
-        }
-        pos = end + 1;
-    }
-    return -1;
+    size_t at = plist_text.compare(0, 4, "pid ") == 0 ? 0 : plist_text.find("\npid ");
+    if (at == std::string::npos)
+        return -1;
+    long v = strtol(plist_text.c_str() + at + (at == 0 ? 4 : 5), nullptr, 10);
+    return v > 0 ? pid_t(v) : -1;
 }
 
 std::string lab_describe_status(int wstatus)
@@ -257,7 +233,6 @@ std::string lab_describe_status(int wstatus)
 Lab::~Lab()
 {
     kill_leftovers();
-    reap();
     // Every process of the lab has ended now, so every report is complete.
     std::string reports = sanitizer_reports();
     if (!reports.empty())
@@ -266,16 +241,11 @@ Lab::~Lab()
     for (int fd : sockets_)
         close(fd);
     // The namespaces end with their last descriptor; their veths go with them.
-    if (daemon_ns_ >= 0)
-        close(daemon_ns_);
-    for (int& fd : station_ns_)
+    for (int fd : {daemon_ns_, station_ns_[0], station_ns_[1]})
         if (fd >= 0)
             close(fd);
-    // Lazy unmount only: nothing is ever removed file by file.
-    if (mounted_) {
-        for (int i = place_ct - 1; i >= 0; --i)
-            umount2(places[i], MNT_DETACH);
-    }
+    for (int i = 2; mounted_ && i >= 0; --i)
+        umount2(places[i], MNT_DETACH);
     reap();
 }
 
@@ -284,51 +254,39 @@ std::string Lab::setup(int stations)
     std::string why = lab_enter_private_namespaces();
     if (!why.empty())
         return why;
-    if (stations < 1 || stations > 2)
-        return "a lab has one or two stations";
-    if (mounted_)
-        return "lab set up twice";
-    why = setup_sanitizer_reports();
-    if (!why.empty())
+    if (stations < 1 || stations > 2 || mounted_)
+        return "a lab is set up once, with one or two stations";
+    if (!(why = setup_sanitizer_reports()).empty())
         return why;
-    const char* ip = find_ip();
-    if (ip == nullptr)
+    const char* ip = access("/usr/sbin/ip", X_OK) == 0 ? "/usr/sbin/ip" : "/sbin/ip";
+    if (access(ip, X_OK) != 0)
         return "the ip command (iproute2) is not installed";
-
-    for (const char* place : places) {
+    // Each lab stacks a tmpfs over the places (never creates them) and takes
+    // it away again.
+    for (int i = 0; i < 3; ++i) {
         struct stat st {};
-        if (stat(place, &st) != 0 || !S_ISDIR(st.st_mode))
-            return std::string(place) + " does not exist here; the lab covers it, never creates it";
-    }
-    for (int i = 0; i < place_ct; ++i) {
-        if (mount("halyard-lab", places[i], "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755,size=64m") != 0) {
-            why = "cannot mount a tmpfs over " + std::string(places[i]) + " (" + errtext("mount") + ")";
+        if (stat(places[i], &st) != 0 || !S_ISDIR(st.st_mode) ||
+            mount("halyard-lab", places[i], "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755,size=64m") != 0) {
+            why = errtext(std::string("a tmpfs over ") + places[i]);
             while (--i >= 0)
                 umount2(places[i], MNT_DETACH);
             return why;
         }
     }
-    // A test binary run without a filter sets up one lab per test: each
-    // stacks its tmpfs over the last and takes it away again.
     mounted_ = true;
     // The install's directories; the database root must exist before the
-    // daemon registers (it creates only the objects below it).
+    // daemon registers.
     const struct { const char* path; mode_t mode; } dirs[] = {
-        {"/etc/opt/KORRbase", 0755},       {"/var/opt/KORRbase", 0755},
-        {"/var/opt/KORRbase/rtdb", 0775},  {"/opt/KORRlibs", 0755},
-        {"/opt/KORRlibs/lib", 0755},
+        {"/etc/opt/KORRbase", 0755}, {"/var/opt/KORRbase", 0755}, {"/var/opt/KORRbase/rtdb", 0775},
+        {"/opt/KORRlibs", 0755},     {"/opt/KORRlibs/lib", 0755},
     };
     for (const auto& d : dirs)
         if (mkdir(d.path, d.mode) != 0 || chmod(d.path, d.mode) != 0)
             return errtext(d.path);
-
-    daemon_ns_ = new_netns();
-    if (daemon_ns_ < 0)
-        return "cannot create the daemon's network namespace (" + errtext("unshare") + ")";
-    for (int s = 0; s < stations; ++s) {
-        station_ns_[s] = new_netns();
-        if (station_ns_[s] < 0)
-            return "cannot create a station's network namespace (" + errtext("unshare") + ")";
+    for (int* fd : {&daemon_ns_, &station_ns_[0], &station_ns_[1]}) {
+        if (fd != &station_ns_[1] || stations == 2)
+            if (in_netns(-1, [] { return 0; }, fd) != 0 || *fd < 0)
+                return errtext("a network namespace for the lab");
     }
     stations_ = stations;
 
@@ -337,45 +295,31 @@ std::string Lab::setup(int stations)
     auto ip_in = [&](LabSide side, std::vector<std::string> args) {
         args.insert(args.begin(), ip);
         int st = run(side, args, &out, 30.0);
-        if (st == 0)
-            return true;
         error_ = "ip";
         for (size_t i = 1; i < args.size(); ++i)
             error_ += " " + args[i];
         error_ += ": " + lab_describe_status(st) + ": " + out;
-        return false;
+        return st == 0;
     };
     if (!ip_in(lab_daemon, {"link", "set", "lo", "up"}))
         return error_;
     for (int s = 1; s <= stations; ++s) {
         LabSide side = LabSide(s);
-        std::string d_if = daemon_ifname(s);
-        std::string s_if = s == 2 ? "hs1" : "hs0";
-        std::string peer_ns = "/proc/" + std::to_string(getpid()) + "/fd/" +
-                              std::to_string(ns_fd(side));
-        if (!ip_in(lab_daemon, {"link", "add", "name", d_if, "type", "veth", "peer",
-                                "name", s_if, "netns", peer_ns}) ||
-            !ip_in(lab_daemon, {"addr", "add", std::string(daemon_addr(s)) + "/24",
-                                "brd", "+", "dev", d_if}) ||
-            !ip_in(lab_daemon, {"link", "set", d_if, "up"}) ||
-            !ip_in(side, {"link", "set", "lo", "up"}) ||
-            !ip_in(side, {"addr", "add", std::string(station_addr(s)) + "/24",
-                          "brd", "+", "dev", s_if}) ||
+        std::string d_if = daemon_ifname(s), s_if = s == 2 ? "hs1" : "hs0";
+        std::string peer_ns = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(ns_fd(side));
+        if (!ip_in(lab_daemon, {"link", "add", "name", d_if, "type", "veth", "peer", "name", s_if, "netns", peer_ns}) ||
+            !ip_in(lab_daemon, {"addr", "add", std::string(daemon_addr(s)) + "/24", "brd", "+", "dev", d_if}) ||
+            !ip_in(lab_daemon, {"link", "set", d_if, "up"}) || !ip_in(side, {"link", "set", "lo", "up"}) ||
+            !ip_in(side, {"addr", "add", std::string(station_addr(s)) + "/24", "brd", "+", "dev", s_if}) ||
             !ip_in(side, {"link", "set", s_if, "up"}))
             return error_;
         // The pair carries traffic once both ends report a carrier.
-        auto deadline = deadline_in(10.0);
-        for (;;) {
-            bool up = ip_in(lab_daemon, {"-o", "link", "show", "dev", d_if}) &&
-                      out.find("LOWER_UP") != std::string::npos &&
-                      ip_in(side, {"-o", "link", "show", "dev", s_if}) &&
-                      out.find("LOWER_UP") != std::string::npos;
-            if (up)
-                break;
-            if (past(deadline))
-                return "veth " + d_if + " did not come up: " + out;
-            pause_briefly();
-        }
+        if (!wait_for(10.0, [&] {
+                return ip_in(lab_daemon, {"-o", "link", "show", "dev", d_if}) &&
+                       out.find("LOWER_UP") != std::string::npos &&
+                       ip_in(side, {"-o", "link", "show", "dev", s_if}) && out.find("LOWER_UP") != std::string::npos;
+            }))
+            return "veth " + d_if + " did not come up: " + out;
     }
     error_.clear();
     return "";
@@ -383,27 +327,18 @@ std::string Lab::setup(int stations)
 
 int Lab::ns_fd(LabSide side) const
 {
-    if (side == lab_daemon)
-        return daemon_ns_;
-    int i = int(side) - 1;
-    return i >= 0 && i < 2 ? station_ns_[i] : -1;
+    return side == lab_daemon ? daemon_ns_ : side == lab_station1 || side == lab_station2 ? station_ns_[side - 1] : -1;
 }
 
 std::string Lab::default_config() const
 {
-    std::string text =
-        "# The daemon's lab interfaces; every port takes its default.\n"
-        "[realm NB]\n"
-        "transport tcpip\n";
+    std::string text = "# The daemon's lab interfaces; every port takes its default.\n[realm NB]\ntransport tcpip\n";
     for (int s = 1; s <= (stations_ > 0 ? stations_ : 1); ++s) {
         std::string net = s == 2 ? "10.89.0." : "10.88.0.";
-        text += "\n[interface tcpip " + std::string(daemon_ifname(s)) + "]\n"
-                "address " + net + "1\n"
-                "netmask 255.255.255.0\n"
-                "broadcast " + net + "255\n";
+        text += "\n[interface tcpip " + std::string(daemon_ifname(s)) + "]\naddress " + net +
+                "1\nnetmask 255.255.255.0\nbroadcast " + net + "255\n";
     }
-    text += "\n[transport tcpip]\n";
-    return text;
+    return text + "\n[transport tcpip]\n";
 }
 
 bool Lab::write_config(const std::string& text)
@@ -414,64 +349,40 @@ bool Lab::write_config(const std::string& text)
 
 bool Lab::write_file(const std::string& path, const std::string& text, mode_t mode)
 {
-    if (!mounted_) {
-        error_ = "write_file before setup";
-        return false;
-    }
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-    if (fd < 0) {
-        error_ = errtext(path.c_str());
-        return false;
-    }
-    bool ok = fchmod(fd, mode) == 0;
-    size_t done = 0;
-    while (ok && done < text.size()) {
+    int fd = mounted_ ? open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode) : -1;
+    bool ok = fd >= 0 && fchmod(fd, mode) == 0;
+    for (size_t done = 0; ok && done < text.size();) {
         ssize_t n = write(fd, text.data() + done, text.size() - done);
         ok = n > 0;
         done += ok ? size_t(n) : 0;
     }
-    ok = close(fd) == 0 && ok;
+    ok = fd >= 0 && close(fd) == 0 && ok;
     if (!ok)
-        error_ = errtext(path.c_str());
+        error_ = mounted_ ? errtext(path) : "write_file before setup";
     return ok;
 }
 
-int Lab::launch(const std::vector<std::string>& args, double seconds, int uid, int gid,
-                const char* binary)
+int Lab::launch(const std::vector<std::string>& args, double seconds, int uid, int gid, const char* binary)
 {
-    if (daemon_ns_ < 0) {
-        error_ = "launch before setup";
-        return -1;
-    }
     std::vector<std::string> argv{binary != nullptr ? binary : halyard_binary()};
     argv.insert(argv.end(), args.begin(), args.end());
-    pid_t pid = spawn(daemon_ns_, argv, -1, uid, gid);
+    pid_t pid = daemon_ns_ >= 0 ? spawn(daemon_ns_, argv, -1, uid, gid) : -1;
     if (pid < 0) {
-        error_ = errtext("fork");
+        error_ = daemon_ns_ >= 0 ? errtext("fork") : "launch before setup";
         return -1;
     }
-    int st = wait_child(pid, deadline_in(seconds));
+    int st = wait_spawned(pid, deadline_in(seconds));
     if (st == -1)
         error_ = "the launching process did not end within " + std::to_string(seconds) + " s";
     return st;
 }
 
-pid_t Lab::registered_pid() const
-{
-    return lab_plist_pid(lab_read_file(lab_plist_path));
-}
+pid_t Lab::registered_pid() const { return lab_plist_pid(lab_read_file(lab_plist_path)); }
 
 pid_t Lab::wait_registered(double seconds) const
 {
-    auto deadline = deadline_in(seconds);
-    for (;;) {
-        pid_t pid = registered_pid();
-        if (alive(pid))
-            return pid;
-        if (past(deadline))
-            return -1;
-        pause_briefly();
-    }
+    pid_t pid = -1;
+    return wait_for(seconds, [&] { return alive(pid = registered_pid()); }) ? pid : -1;
 }
 
 pid_t Lab::start_daemon(const std::vector<std::string>& args, double seconds)
@@ -481,14 +392,14 @@ pid_t Lab::start_daemon(const std::vector<std::string>& args, double seconds)
     int st = launch(args, seconds);
     if (st == -1)
         return -1;
-    if (!WIFEXITED(st) || WEXITSTATUS(st) != 0) {
+    if (st != 0) {
         error_ = "the launching process " + lab_describe_status(st);
         return -1;
     }
     pid_t pid = wait_registered(seconds);
     if (pid < 0)
-        error_ = "no live process registered within " + std::to_string(seconds) +
-                 " s; registration: \"" + lab_read_file(lab_plist_path) + "\"; log:\n" + log();
+        error_ = "no live process registered within " + std::to_string(seconds) + " s; registration: \"" +
+                 lab_read_file(lab_plist_path) + "\"; log:\n" + log();
     return pid;
 }
 
@@ -512,7 +423,6 @@ void Lab::reap()
     int status = 0;
     pid_t r;
     for (int i = 0; i < 1000 && (r = waitpid(-1, &status, WNOHANG)) > 0; ++i) {
-        // Noted here, whoever asks for the status later.
         if (WIFEXITED(status) && WEXITSTATUS(status) == lab_sanitizer_status)
             sanitizer_exits_ += "process " + std::to_string(r) + " exited with status " +
                                 std::to_string(lab_sanitizer_status) + " (a sanitizer's finding)\n";
@@ -520,35 +430,23 @@ void Lab::reap()
     }
 }
 
-namespace {
-constexpr const char* sanitizer_vars[2] = {"ASAN_OPTIONS", "UBSAN_OPTIONS"};
-}  // namespace
-
 std::string Lab::setup_sanitizer_reports()
 {
     const char* tmp = getenv("TMPDIR");
-    std::string templ = std::string(tmp != nullptr && tmp[0] == '/' ? tmp : "/tmp") +
-                        "/halyard-lab-reports.XXXXXX";
-    std::vector<char> path(templ.begin(), templ.end());
-    path.push_back('\0');
-    if (mkdtemp(path.data()) == nullptr)
-        return errtext("mkdtemp for the sanitizer reports");
-    report_dir_ = path.data();
+    std::string templ = std::string(tmp != nullptr && tmp[0] == '/' ? tmp : "/tmp") + "/halyard-lab-reports.XXXXXX";
     // A daemon started as another user writes its report here as well.
-    if (chmod(report_dir_.c_str(), 01777) != 0)
-        return errtext("chmod of the sanitizer report directory");
-    // Later options override earlier ones; unsanitized programs ignore both.
-    // UBSan's log_path names the same files: in a build with both, it
-    // reaches ASan's report path.
-    std::string extra = ":log_path=" + report_dir_ + "/report:exitcode=" +
-                        std::to_string(lab_sanitizer_status);
+    if (mkdtemp(templ.data()) == nullptr || chmod(templ.c_str(), 01777) != 0)
+        return errtext("a sanitizer report directory");
+    report_dir_ = templ;
+    // Later options override earlier ones; unsanitized programs ignore both;
+    // UBSan's log_path reaches ASan's report path in a build with both.
     for (int i = 0; i < 2; ++i) {
         const char* old = getenv(sanitizer_vars[i]);
         had_env_[i] = old != nullptr;
         saved_env_[i] = old != nullptr ? old : "";
-        std::string value = saved_env_[i] + extra;
-        if (setenv(sanitizer_vars[i], value.c_str(), 1) != 0)
-            return errtext("setenv");
+        std::string value = saved_env_[i] + ":log_path=" + report_dir_ + "/report:exitcode=" +
+                            std::to_string(lab_sanitizer_status);
+        setenv(sanitizer_vars[i], value.c_str(), 1);
     }
     return "";
 }
@@ -557,20 +455,13 @@ std::string Lab::sanitizer_reports()
 {
     reap();
     std::string text = sanitizer_exits_;
-    if (report_dir_.empty())
-        return text;
-    if (DIR* d = opendir(report_dir_.c_str())) {
-        while (dirent* e = readdir(d)) {
-            if (e->d_name[0] == '.')
-                continue;
-            std::string file = report_dir_ + "/" + e->d_name;
-            std::string report = lab_read_file(file);
-            if (report.size() > 16384)
-                report = report.substr(0, 16384) + "\n[... cut]\n";
-            text += "--- " + file + "\n" + report;
-        }
+    DIR* d = report_dir_.empty() ? nullptr : opendir(report_dir_.c_str());
+    for (dirent* e; d != nullptr && (e = readdir(d)) != nullptr;)
+        if (e->d_name[0] != '.')
+            text += "--- " + report_dir_ + "/" + e->d_name + "\n" +
+                    lab_read_file(report_dir_ + "/" + e->d_name).substr(0, 16384) + "\n";
+    if (d != nullptr)
         closedir(d);
-    }
     return text;
 }
 
@@ -580,10 +471,9 @@ void Lab::end_sanitizer_reports()
         return;
     // Only the files the sanitizers wrote; nothing can be mounted here.
     if (DIR* d = opendir(report_dir_.c_str())) {
-        while (dirent* e = readdir(d)) {
+        while (dirent* e = readdir(d))
             if (e->d_name[0] != '.')
                 unlink((report_dir_ + "/" + e->d_name).c_str());
-        }
         closedir(d);
     }
     rmdir(report_dir_.c_str());
@@ -598,123 +488,72 @@ void Lab::end_sanitizer_reports()
 
 bool Lab::wait_exit(pid_t pid, double seconds, int* wstatus, pid_t* which)
 {
-    auto deadline = deadline_in(seconds);
-    for (;;) {
+    std::pair<pid_t, int> found{-1, -1};
+    bool ended = wait_for(seconds, [&] {
         reap();
         for (auto it = exits_.begin(); it != exits_.end(); ++it) {
             if (pid == -1 || it->first == pid) {
-                if (wstatus != nullptr)
-                    *wstatus = it->second;
-                if (which != nullptr)
-                    *which = it->first;
+                found = *it;
                 exits_.erase(it);
                 return true;
             }
         }
-        if (pid > 0) {
-            pid_t ppid = 0;
-            char s = proc_state(pid, &ppid);
-            bool ours = s != '?' && ppid == getpid();
-            if (!ours && !alive(pid)) {
-                if (wstatus != nullptr)
-                    *wstatus = -1;
-                if (which != nullptr)
-                    *which = pid;
-                return true;
-            }
-        }
-        if (past(deadline))
-            return false;
-        pause_briefly();
-    }
+        // Not our child: gone is all that can be seen.
+        pid_t ppid = 0;
+        char s = pid > 0 ? proc_state(pid, &ppid) : '?';
+        found = {pid, -1};
+        return pid > 0 && !(s != '?' && ppid == getpid()) && !alive(pid);
+    });
+    if (ended && wstatus != nullptr)
+        *wstatus = found.second;
+    if (ended && which != nullptr)
+        *which = found.first;
+    return ended;
 }
 
 bool Lab::wait_log(const std::string& text, double seconds) const
 {
-    auto deadline = deadline_in(seconds);
-    for (;;) {
-        if (log().find(text) != std::string::npos)
-            return true;
-        if (past(deadline))
-            return false;
-        pause_briefly();
-    }
+    return wait_for(seconds, [&] { return log().find(text) != std::string::npos; });
 }
 
-std::string Lab::trace(const std::string& name) const
-{
-    return lab_read_file(std::string(lab_home) + "/" + name);
-}
+std::string Lab::trace(const std::string& name) const { return lab_read_file(std::string(lab_home) + "/" + name); }
 
 bool Lab::wait_trace(const std::string& text, const std::string& name, double seconds) const
 {
-    auto deadline = deadline_in(seconds);
-    for (;;) {
-        if (trace(name).find(text) != std::string::npos)
-            return true;
-        if (past(deadline))
-            return false;
-        pause_briefly();
-    }
+    return wait_for(seconds, [&] { return trace(name).find(text) != std::string::npos; });
 }
 
 bool Lab::udp_port_bound(pid_t pid, uint16_t port)
 {
-    // Lines: "  sl  local_address rem_address ...", local as "0100580A:0089".
+    // After the heading, one line per socket, the local address as "0100580A:0089".
     std::string table = lab_read_file("/proc/" + std::to_string(pid) + "/net/udp");
-    size_t pos = table.find('\n');
-    while (pos != std::string::npos && pos + 1 < table.size()) {
-        size_t end = table.find('\n', pos + 1);
-        std::string line = table.substr(pos + 1, end == std::string::npos ? std::string::npos
-                                                                          : end - pos - 1);
-        size_t colon = line.find(':');
-        size_t port_colon = colon == std::string::npos ? colon : line.find(':', colon + 1);
-        if (port_colon != std::string::npos &&
-            strtoul(line.c_str() + port_colon + 1, nullptr, 16) == port)
+    for (size_t pos = table.find('\n'); pos != std::string::npos; pos = table.find('\n', pos + 1)) {
+        size_t colon = table.find(':', pos);
+        colon = colon == std::string::npos ? colon : table.find(':', colon + 1);
+        if (colon != std::string::npos && colon < table.find('\n', pos + 1) &&
+            strtoul(table.c_str() + colon + 1, nullptr, 16) == port)
             return true;
-        pos = end;
     }
     return false;
 }
 
 int Lab::udp_socket(LabSide side, uint16_t port, const std::string& addr)
 {
-    int target = ns_fd(side);
-    if (target < 0) {
-        error_ = "no such lab namespace";
-        return -1;
-    }
-    int self = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
-    if (self < 0 || setns(target, CLONE_NEWNET) != 0) {
-        error_ = errtext("setns");
-        if (self >= 0)
-            close(self);
-        return -1;
-    }
-    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    int saved_errno = errno;
-    if (setns(self, CLONE_NEWNET) != 0)
-        abort();  // stranded in a lab namespace: stop rather than go on wrongly
-    close(self);
-    if (fd < 0) {
-        errno = saved_errno;
-        error_ = errtext("socket");
-        return -1;
-    }
-    int on = 1;
-    setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_in sin {};
     sin.sin_family = AF_INET;
     sin.sin_port = htons(port);
     if (!addr.empty() && inet_pton(AF_INET, addr.c_str(), &sin.sin_addr) != 1) {
-        close(fd);
         error_ = "not an IPv4 address: " + addr;
         return -1;
     }
-    if (bind(fd, reinterpret_cast<sockaddr*>(&sin), sizeof sin) != 0) {
-        error_ = errtext("bind");
-        close(fd);
+    int fd = ns_fd(side) < 0 ? -1 : in_netns(ns_fd(side), [] { return socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0); });
+    int on = 1;
+    if (fd < 0 || setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on) != 0 ||
+        setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+        bind(fd, reinterpret_cast<sockaddr*>(&sin), sizeof sin) != 0) {
+        error_ = errtext("a UDP socket in the lab");
+        if (fd >= 0)
+            close(fd);
         return -1;
     }
     sockets_.push_back(fd);
@@ -723,29 +562,11 @@ int Lab::udp_socket(LabSide side, uint16_t port, const std::string& addr)
 
 int Lab::raw_socket(LabSide side)
 {
-    int target = ns_fd(side);
-    if (target < 0) {
-        error_ = "no such lab namespace";
-        return -1;
-    }
-    int self = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
-    if (self < 0 || setns(target, CLONE_NEWNET) != 0) {
-        error_ = errtext("setns");
-        if (self >= 0)
-            close(self);
-        return -1;
-    }
-    int fd = socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_RAW);
-    int saved_errno = errno;
-    if (setns(self, CLONE_NEWNET) != 0)
-        abort();  // stranded in a lab namespace: stop rather than go on wrongly
-    close(self);
-    if (fd < 0) {
-        errno = saved_errno;
-        error_ = errtext("socket");
-        return -1;
-    }
-    sockets_.push_back(fd);
+    int fd = ns_fd(side) < 0 ? -1 : in_netns(ns_fd(side), [] { return socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_RAW); });
+    if (fd < 0)
+        error_ = errtext("a raw socket in the lab");
+    else
+        sockets_.push_back(fd);
     return fd;
 }
 
@@ -768,12 +589,10 @@ bool Lab::send_raw_udp(int fd, uint32_t from, uint16_t sport, uint32_t to, uint1
     sockaddr_in sin {};
     sin.sin_family = AF_INET;
     sin.sin_addr.s_addr = to;
-    return sendto(fd, p.data(), p.size(), 0, reinterpret_cast<sockaddr*>(&sin), sizeof sin) ==
-           ssize_t(p.size());
+    return sendto(fd, p.data(), p.size(), 0, reinterpret_cast<sockaddr*>(&sin), sizeof sin) == ssize_t(p.size());
 }
 
-bool Lab::send_to(int fd, const std::string& addr, uint16_t port,
-                  const std::vector<uint8_t>& bytes)
+bool Lab::send_to(int fd, const std::string& addr, uint16_t port, const std::vector<uint8_t>& bytes)
 {
     sockaddr_in to {};
     to.sin_family = AF_INET;
@@ -782,13 +601,10 @@ bool Lab::send_to(int fd, const std::string& addr, uint16_t port,
         error_ = "not an IPv4 address: " + addr;
         return false;
     }
-    ssize_t n = sendto(fd, bytes.data(), bytes.size(), 0,
-                       reinterpret_cast<sockaddr*>(&to), sizeof to);
-    if (n != ssize_t(bytes.size())) {
-        error_ = errtext("sendto");
-        return false;
-    }
-    return true;
+    if (sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to) == ssize_t(bytes.size()))
+        return true;
+    error_ = errtext("sendto");
+    return false;
 }
 
 std::optional<LabDatagram> Lab::recv(int fd, double seconds)
@@ -797,7 +613,7 @@ std::optional<LabDatagram> Lab::recv(int fd, double seconds)
     for (int i = 0; i < 1000; ++i) {
         pollfd p {fd, POLLIN, 0};
         int r = poll(&p, 1, ms_left(deadline));
-        if (r < 0 && errno == EINTR && !past(deadline))
+        if (r < 0 && errno == EINTR && Clock::now() < deadline)
             continue;
         if (r <= 0)
             return std::nullopt;
@@ -805,46 +621,27 @@ std::optional<LabDatagram> Lab::recv(int fd, double seconds)
         sockaddr_in from {};
         socklen_t len = sizeof from;
         ssize_t n = recvfrom(fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&from), &len);
-        if (n < 0) {
-            // An ICMP error from an earlier send; the caller waits for data.
-            if (past(deadline))
-                return std::nullopt;
+        if (n < 0)  // an ICMP error from an earlier send; wait on for data
             continue;
-        }
-        LabDatagram d;
-        d.bytes.assign(buf, buf + n);
         char text[INET_ADDRSTRLEN] = "";
         inet_ntop(AF_INET, &from.sin_addr, text, sizeof text);
-        d.from = text;
-        d.port = ntohs(from.sin_port);
-        return d;
+        return LabDatagram{std::vector<uint8_t>(buf, buf + n), text, ntohs(from.sin_port)};
     }
     return std::nullopt;
 }
 
-int Lab::run(LabSide side, const std::vector<std::string>& argv, std::string* out, double seconds, int uid,
-             int gid)
+int Lab::run(LabSide side, const std::vector<std::string>& argv, std::string* out, double seconds, int uid, int gid)
 {
-    int target = ns_fd(side);
-    if (target < 0 || argv.empty()) {
-        error_ = "run: no such lab namespace or no command";
+    int pipe_fds[2] = {-1, -1};
+    if (ns_fd(side) < 0 || argv.empty() || pipe2(pipe_fds, O_CLOEXEC) != 0) {
+        error_ = "run: no such lab namespace, no command or no pipe";
         return -1;
     }
-    int pipe_fds[2];
-    if (pipe2(pipe_fds, O_CLOEXEC) != 0) {
-        error_ = errtext("pipe");
-        return -1;
-    }
-    pid_t pid = spawn(target, argv, pipe_fds[1], uid, gid);
+    pid_t pid = spawn(ns_fd(side), argv, pipe_fds[1], uid, gid);
     close(pipe_fds[1]);
-    if (pid < 0) {
-        close(pipe_fds[0]);
-        error_ = errtext("fork");
-        return -1;
-    }
     auto deadline = deadline_in(seconds);
     std::string text;
-    for (int i = 0; i < 100000 && !past(deadline); ++i) {
+    for (int i = 0; pid > 0 && i < 100000 && Clock::now() < deadline; ++i) {
         pollfd p {pipe_fds[0], POLLIN, 0};
         if (poll(&p, 1, ms_left(deadline)) <= 0)
             continue;
@@ -858,19 +655,16 @@ int Lab::run(LabSide side, const std::vector<std::string>& argv, std::string* ou
     close(pipe_fds[0]);
     if (out != nullptr)
         *out = text;
-    return wait_child(pid, deadline);
+    if (pid < 0)
+        error_ = errtext("fork");
+    return pid < 0 ? -1 : wait_spawned(pid, deadline);
 }
 
 pid_t Lab::start(LabSide side, const std::vector<std::string>& argv)
 {
-    int target = ns_fd(side);
-    if (target < 0 || argv.empty()) {
-        error_ = "start: no such lab namespace or no command";
-        return -1;
-    }
-    pid_t pid = spawn(target, argv, -1, -1, -1);
+    pid_t pid = ns_fd(side) >= 0 && !argv.empty() ? spawn(ns_fd(side), argv, -1, -1, -1) : -1;
     if (pid < 0)
-        error_ = errtext("fork");
+        error_ = "start: no such lab namespace or no command, or no fork";
     return pid;
 }
 
@@ -878,50 +672,38 @@ void Lab::kill_leftovers()
 {
     if (daemon_ns_ < 0)
         return;
-    pid_t registered = registered_pid();
-    if (alive(registered))
-        stop_daemon(registered, 20.0);
-
+    if (alive(registered_pid()))
+        stop_daemon(registered_pid(), 20.0);
     // Anything else still in the lab's namespaces, or re-parented to us (the
     // notifier, a second instance): first asked, then made to end.
-    ino_t lab_ns[3] = {netns_inode_of_fd(daemon_ns_), 0, 0};
-    for (int s = 0; s < 2; ++s)
-        if (station_ns_[s] >= 0)
-            lab_ns[s + 1] = netns_inode_of_fd(station_ns_[s]);
+    std::vector<ino_t> lab_ns;
+    for (int fd : {daemon_ns_, station_ns_[0], station_ns_[1]})
+        if (fd >= 0)
+            lab_ns.push_back(inode_of("/proc/self/fd/" + std::to_string(fd)));
     for (int round = 0; round < 2; ++round) {
         std::vector<pid_t> left;
-        if (DIR* d = opendir("/proc")) {
-            while (dirent* e = readdir(d)) {
-                pid_t pid = pid_t(atoi(e->d_name));
-                if (pid <= 0 || pid == getpid())
-                    continue;
-                pid_t ppid = 0;
-                char s = proc_state(pid, &ppid);
-                if (s == '?' || s == 'Z')
-                    continue;
-                ino_t ns = netns_inode_of(("/proc/" + std::string(e->d_name) + "/ns/net").c_str());
-                bool in_lab = ns != 0 && (ns == lab_ns[0] || ns == lab_ns[1] || ns == lab_ns[2]);
-                if (in_lab || ppid == getpid())
-                    left.push_back(pid);
-            }
-            closedir(d);
+        DIR* d = opendir("/proc");
+        for (dirent* e; d != nullptr && (e = readdir(d)) != nullptr;) {
+            pid_t pid = pid_t(atoi(e->d_name)), ppid = 0;
+            char s = pid > 0 && pid != getpid() ? proc_state(pid, &ppid) : '?';
+            ino_t ns = s == '?' || s == 'Z' ? 0 : inode_of("/proc/" + std::string(e->d_name) + "/ns/net");
+            if (ns != 0 && (ppid == getpid() || std::find(lab_ns.begin(), lab_ns.end(), ns) != lab_ns.end()))
+                left.push_back(pid);
         }
-        if (left.empty())
-            break;
+        if (d != nullptr)
+            closedir(d);
         for (pid_t pid : left)
             kill(pid, round == 0 ? SIGTERM : SIGKILL);
         for (pid_t pid : left)
             wait_exit(pid, 10.0);
     }
+    reap();
 }
 
 int Lab::halyardctl(const std::vector<std::string>& args, std::string* out, int uid, int gid)
 {
     std::vector<std::string> argv{HALYARDCTL_BINARY};
     argv.insert(argv.end(), args.begin(), args.end());
-    std::string text;
-    int st = run(lab_daemon, argv, &text, 60.0, uid, gid);
-    if (out != nullptr)
-        *out = text;
+    int st = run(lab_daemon, argv, out, 60.0, uid, gid);
     return st != -1 && WIFEXITED(st) ? WEXITSTATUS(st) : -1;
 }

@@ -1,41 +1,20 @@
 #pragma once
 
 // End-to-end lab: the real daemon inside private namespaces, with one or two
-// other stations on veth links.
-//
-// The whole test process first moves into a private mount namespace and a
-// private network namespace of its own, so nothing a test does reaches the
-// host's network or its /etc/opt, /var/opt and /opt (fresh tmpfs over each).
-// It also becomes a child subreaper: the daemon's detached process is
-// re-parented to the test, so its own exit status can be observed.
+// other stations on veth links. The test process first moves into private
+// mount and network namespaces of its own (fresh tmpfs over /etc/opt,
+// /var/opt, /opt), so nothing reaches the host, and becomes a child
+// subreaper, so the detached daemon's exit status can be seen.
 //
 //   daemon netns:  hd0 10.88.0.1/24   hd1 10.89.0.1/24 (second station only)
-//   station 1:     hs0 10.88.0.2/24
-//   station 2:     hs1 10.89.0.2/24
+//   station 1:     hs0 10.88.0.2/24   station 2: hs1 10.89.0.2/24
 //
-// Typical use:
-//   class Startup : public ::testing::Test {
-//   protected:
-//       void SetUp() override { LAB_SETUP_OR_SKIP(lab, 1); }
-//       Lab lab;
-//   };
-//   TEST_F(Startup, Runs) {
-//       pid_t pid = lab.start_daemon({"-z", "proc=3"});
-//       ASSERT_GT(pid, 0) << lab.log();
-//       int fd = lab.udp_socket(lab_station1, 0);
-//       lab.send_to(fd, "10.88.0.1", 137, bytes);
-//       auto answer = lab.recv(fd, 10.0);
-//   }
+// Use: LAB_SETUP_OR_SKIP(lab, 1) in SetUp(), then lab.start_daemon(),
+// lab.udp_socket(lab_station1, 0), lab.send_to(...), lab.recv(fd, 10.0).
 // Every wait is bounded by a deadline in seconds; nothing asserts on speed.
-//
-// Sanitizer reports: the daemon's descriptors 0 to 2 lead to /dev/null once
-// it has detached, so a sanitized build's report would vanish. Each lab
-// points the sanitizers of every program it starts (the daemon, its
-// notifier, halyardctl) at a report directory of its own and makes them end
-// a process with lab_sanitizer_status. The lab's destructor fails the
-// running test when a report file appeared or a process of the lab ended
-// with that status (UBSan in a build with ASan writes only to descriptor 2,
-// so for it the status is all that shows).
+// The sanitizers of every program the lab starts report into a directory of
+// the lab and end a process with lab_sanitizer_status (a detached daemon's
+// descriptor 2 is /dev/null); the destructor fails the test on either.
 
 #include <sys/types.h>
 
@@ -63,19 +42,16 @@ struct LabDatagram {
     uint16_t port = 0;    // sender port
 };
 
-// One time-stamped group of the log: its ctime line and its messages, each
-// without the leading tab and the CR LF.
+// One time-stamped group of the log: its stamp line, its messages (no tab, no CR LF).
 struct LabLogGroup {
     std::string stamp;
     std::vector<std::string> messages;
 };
 
-// Moves the test process into its private namespaces (once per process).
-// Returns "" or the reason the test must be skipped (not root, no namespaces).
+// Moves the process into its private namespaces (once): "" or why to skip.
 std::string lab_enter_private_namespaces();
 
-// Splits a log file's text into its groups; text outside any group (a
-// message line before the first stamp) goes into a group with an empty stamp.
+// A log's groups; messages before the first stamp go into one without a stamp.
 std::vector<LabLogGroup> lab_parse_log(const std::string& text);
 
 // The whole file, or "" when it cannot be read.
@@ -84,7 +60,7 @@ std::string lab_read_file(const std::string& path);
 // The "pid" property of a property-list text, or -1 when there is none.
 pid_t lab_plist_pid(const std::string& plist_text);
 
-// Wait status helpers for readable failures: "exited 1", "killed by 15".
+// "exited 1", "killed by signal 15": wait statuses readable in failures.
 std::string lab_describe_status(int wstatus);
 
 class Lab {
@@ -94,8 +70,7 @@ public:
     Lab(const Lab&) = delete;
     Lab& operator=(const Lab&) = delete;
 
-    // Private namespaces, fresh places, the daemon's namespace and 1 or 2
-    // stations. Returns "" or the reason to skip.
+    // Private namespaces and places, 1 or 2 stations: "" or the reason to skip.
     std::string setup(int stations = 1);
 
     // The configuration naming the daemon's lab interfaces; it ends inside
@@ -104,11 +79,8 @@ public:
     bool write_config(const std::string& text);
     bool write_file(const std::string& path, const std::string& text, mode_t mode = 0644);
 
-    // Runs the daemon binary in the daemon namespace and waits (up to
-    // `seconds`) for the launching process to end. Returns its wait status,
-    // or -1 when it could not be started or did not end. uid/gid >= 0: the
-    // launching process drops to them before exec. The daemon binary is
-    // halyard_binary() unless `binary` is given.
+    // Runs the daemon (or `binary`) in the daemon namespace, as uid/gid when
+    // >= 0, and waits for the launching process: its wait status, or -1.
     int launch(const std::vector<std::string>& args, double seconds = 30.0,
                int uid = -1, int gid = -1, const char* binary = nullptr);
 
@@ -117,19 +89,16 @@ public:
     // Waits until a live process is registered; its pid, or -1.
     pid_t wait_registered(double seconds = 20.0) const;
 
-    // Writes the default configuration unless one was written, launches
-    // (expecting status 0) and waits for the registration: the daemon's pid,
-    // or -1 (with the reason in last_error()).
+    // The default configuration unless one was written, a launch that must
+    // exit 0, the registration: the daemon's pid, or -1 (see last_error()).
     pid_t start_daemon(const std::vector<std::string>& args = {}, double seconds = 20.0);
 
-    // SIGTERM, then waits for the process to end; SIGKILL as a last resort.
-    // Returns true when it ended by itself; *wstatus gets its wait status when
-    // it was our child (re-parented), else -1.
+    // SIGTERM, then SIGKILL as a last resort: true when it ended by itself;
+    // *wstatus is its wait status when it was our child, else -1.
     bool stop_daemon(pid_t pid, double seconds = 20.0, int* wstatus = nullptr);
 
-    // Waits until `pid` has ended; pid -1 means the next re-parented process
-    // that ends (the detached child of a launch). Reaps it and gives its wait
-    // status (-1 when it was not our child) and pid. False on time-out.
+    // Waits until `pid` (-1: any re-parented process) has ended: its wait
+    // status (-1 when not our child) and pid. False on time-out.
     bool wait_exit(pid_t pid, double seconds, int* wstatus = nullptr,
                    pid_t* which = nullptr);
 
@@ -145,13 +114,12 @@ public:
     // Whether `pid`'s network namespace has a UDP socket bound to `port`.
     static bool udp_port_bound(pid_t pid, uint16_t port);
 
-    // A UDP socket created inside a lab namespace, bound to addr:port (addr
-    // "" = any), with broadcasts allowed. Owned by the lab; -1 on failure.
+    // A UDP socket in a lab namespace bound to addr:port ("" = any),
+    // broadcasts allowed, owned by the lab; -1 on failure.
     int udp_socket(LabSide side, uint16_t port, const std::string& addr = "");
     bool send_to(int fd, const std::string& addr, uint16_t port,
                  const std::vector<uint8_t>& bytes);
-    // A raw IPv4 socket in a lab namespace (the caller writes the IP header,
-    // so any source address can be given); owned by the lab, -1 on failure.
+    // A raw IPv4 socket (any source address can be written), owned by the lab.
     int raw_socket(LabSide side);
     // One UDP datagram from `from`:sport to `to`:dport through a raw socket.
     bool send_raw_udp(int fd, uint32_t from, uint16_t sport, uint32_t to, uint16_t dport,
@@ -159,16 +127,13 @@ public:
     // The next datagram, or nothing when none came within `seconds`.
     std::optional<LabDatagram> recv(int fd, double seconds);
 
-    // Runs a command (absolute path) in a lab namespace, stdout and stderr
-    // in *out; its wait status, or -1 (killed at the deadline).
-    // uid/gid >= 0: it runs as that user and group.
+    // Runs a command (absolute path) in a lab namespace, as uid/gid when >= 0,
+    // its output in *out: its wait status, or -1 (killed at the deadline).
     int run(LabSide side, const std::vector<std::string>& argv,
             std::string* out = nullptr, double seconds = 30.0, int uid = -1, int gid = -1);
-    // Starts a command (absolute path) in a lab namespace without waiting,
-    // output to /dev/null; its pid, or -1. The lab ends it with the rest.
+    // Starts a command without waiting (output dropped): its pid, or -1.
     pid_t start(LabSide side, const std::vector<std::string>& argv);
-    // halyardctl with args on the daemon's side: its exit status (-1 when
-    // it did not exit), its output in *out; as uid/gid when given.
+    // halyardctl on the daemon's side: its exit status (-1: none), output in *out.
     int halyardctl(const std::vector<std::string>& args, std::string* out = nullptr,
                    int uid = -1, int gid = -1);
 
@@ -176,8 +141,7 @@ public:
     static const char* station_addr(int station) { return station == 2 ? "10.89.0.2" : "10.88.0.2"; }
     static const char* daemon_ifname(int station) { return station == 2 ? "hd1" : "hd0"; }
 
-    // The sanitizer reports so far: each report file's name and text, and
-    // each reaped process that ended with lab_sanitizer_status; "" if none.
+    // The sanitizer reports and exits so far; "" if none.
     std::string sanitizer_reports();
 
     const std::string& last_error() const { return error_; }

@@ -9,22 +9,16 @@ namespace ndasim {
 
 void put_int(Bytes& b, int32_t v)
 {
-    uint32_t u = uint32_t(v);
     for (int i = 0; i < 4; ++i)
-        b.push_back(uint8_t(u >> (8 * i)));
-}
-
-void put_block(Bytes& b, const Bytes& raw)
-{
-    b.insert(b.end(), raw.begin(), raw.end());
-    if (raw.size() % 2 != 0)
-        b.push_back(0);
+        b.push_back(uint8_t(uint32_t(v) >> (8 * i)));
 }
 
 void put_name(Bytes& b, const Bytes& name16)
 {
     put_int(b, 16);
-    put_block(b, name16);
+    b.insert(b.end(), name16.begin(), name16.end());
+    if (name16.size() % 2 != 0)
+        b.push_back(0);
 }
 
 void put_ip(Bytes& b, const std::string& dotted)
@@ -32,7 +26,7 @@ void put_ip(Bytes& b, const std::string& dotted)
     in_addr a{};
     inet_pton(AF_INET, dotted.c_str(), &a);
     const uint8_t* p = reinterpret_cast<const uint8_t*>(&a.s_addr);
-    put_block(b, Bytes{4, p[0], p[1], p[2], p[3]});
+    b.insert(b.end(), {4, p[0], p[1], p[2], p[3], 0});
 }
 
 void put_addr_list(Bytes& b, const std::vector<std::string>& dotted)
@@ -44,29 +38,15 @@ void put_addr_list(Bytes& b, const std::vector<std::string>& dotted)
     put_int(b, 0);
 }
 
-void put_string(Bytes& b, const std::string& text)
-{
-    Bytes raw(text.begin(), text.end());
-    raw.push_back(0);
-    put_block(b, raw);
-}
-
 Bytes header(uint32_t id, uint32_t action, int32_t ans, int32_t err)
 {
-    Bytes b;
-    put_int(b, int32_t(version));
-    put_int(b, int32_t(id));
-    put_int(b, int32_t(action));
-    put_int(b, ans);
-    put_int(b, err);
-    return b;
+    return cat({int_item(int32_t(version)), int_item(int32_t(id)), int_item(int32_t(action)), int_item(ans),
+                int_item(err)});
 }
 
 Bytes datagram(uint32_t id, uint32_t action, int32_t ans, int32_t err, const Bytes& body)
 {
-    Bytes b = header(id, action, ans, err);
-    b.insert(b.end(), body.begin(), body.end());
-    return b;
+    return cat({header(id, action, ans, err), body});
 }
 
 Bytes cat(std::initializer_list<Bytes> parts)
@@ -77,33 +57,10 @@ Bytes cat(std::initializer_list<Bytes> parts)
     return all;
 }
 
-Bytes int_item(int32_t v)
-{
-    Bytes b;
-    put_int(b, v);
-    return b;
-}
-
-Bytes name_item(const Bytes& name16)
-{
-    Bytes b;
-    put_name(b, name16);
-    return b;
-}
-
-Bytes ip_item(const std::string& dotted)
-{
-    Bytes b;
-    put_ip(b, dotted);
-    return b;
-}
-
-Bytes addr_list(const std::vector<std::string>& dotted)
-{
-    Bytes b;
-    put_addr_list(b, dotted);
-    return b;
-}
+Bytes int_item(int32_t v) { Bytes b; put_int(b, v); return b; }
+Bytes name_item(const Bytes& name16) { Bytes b; put_name(b, name16); return b; }
+Bytes ip_item(const std::string& dotted) { Bytes b; put_ip(b, dotted); return b; }
+Bytes addr_list(const std::vector<std::string>& dotted) { Bytes b; put_addr_list(b, dotted); return b; }
 
 Bytes nb_name(const std::string& text, uint8_t type)
 {
@@ -115,10 +72,9 @@ Bytes nb_name(const std::string& text, uint8_t type)
 
 Bytes permanent_name(const std::string& dotted)
 {
-    Bytes n(16, 0);
-    in_addr a{};
-    inet_pton(AF_INET, dotted.c_str(), &a);
-    memcpy(n.data() + 10, &a.s_addr, 4);
+    Bytes n(10, 0), ip = ip_item(dotted);
+    n.insert(n.end(), ip.begin() + 1, ip.end());  // the address, then the pad: one zero
+    n.push_back(0);
     return n;
 }
 
@@ -131,17 +87,12 @@ std::string name_text(const Bytes& name16)
     while (end > 0 && name16[end - 1] == ' ')
         --end;
     char hex[8];
-    for (size_t i = 0; i < end; ++i) {
+    for (size_t i = 0; i <= end; ++i) {
         uint8_t c = name16[i];
-        if (c >= 0x21 && c < 0x7f && c != '\\') {
-            t.push_back(char(c));
-        } else {
-            snprintf(hex, sizeof hex, "\\x%02x", c);
-            t += hex;
-        }
+        snprintf(hex, sizeof hex, i == end ? "<%02x>" : "\\x%02x", c);
+        t += i < end && c >= 0x21 && c < 0x7f && c != '\\' ? std::string(1, char(c)) : std::string(hex);
     }
-    snprintf(hex, sizeof hex, "<%02x>", name16[15]);
-    return t + hex;
+    return t;
 }
 
 int32_t Reader::get_int()
@@ -187,13 +138,10 @@ std::vector<std::string> Reader::get_addr_list()
     std::vector<std::string> out;
     for (int i = 0; i < 64 && ok; ++i) {
         int32_t tag = get_int();
-        if (!ok || tag == 0)
+        if (ok && tag == 0)
             return out;
-        if (tag != 1) {
-            ok = false;
-            return out;
-        }
-        std::string a = get_ip();
+        ok = ok && tag == 1;
+        std::string a = ok ? get_ip() : "";
         if (ok)
             out.push_back(a);
     }
@@ -221,34 +169,17 @@ Message decode(const Bytes& raw)
         m.body_ok = r.left() == 0;
         return m;
     }
-    switch (m.action) {
-    case query:
+    bool named = m.action == query || m.action == add || m.action == del || m.action == verify;
+    if (named)
         m.name = r.get_name();
-        m.ints.push_back(r.get_int());
-        break;
-    case add:
-        m.name = r.get_name();
-        m.ints.push_back(r.get_int());
-        m.addrs = r.get_addr_list();
-        break;
-    case del:
-        m.name = r.get_name();
-        m.addrs = r.get_addr_list();
-        break;
-    case equiv:
-        m.addrs = r.get_addr_list();
-        break;
-    case purge:
-        m.addrs.push_back(r.get_ip());
-        break;
-    case verify:
-        m.name = r.get_name();
-        m.addrs.push_back(r.get_ip());
-        break;
-    default:
+    else if (m.action != equiv && m.action != purge)
         r.ok = false;
-        break;
-    }
+    if (m.action == query || m.action == add)
+        m.ints.push_back(r.get_int());
+    if (m.action == add || m.action == del || m.action == equiv)
+        m.addrs = r.get_addr_list();
+    if (m.action == purge || m.action == verify)
+        m.addrs.push_back(r.get_ip());
     m.body_ok = r.ok && r.left() == 0;
     return m;
 }
@@ -279,7 +210,6 @@ double seconds(Clock::time_point a, Clock::time_point b)
 bool Agent::open(Lab& lab, LabSide side, const std::string& addr, uint16_t port)
 {
     lab_ = &lab;
-    addr_ = addr;
     fd_ = lab.udp_socket(side, port, addr);
     return fd_ >= 0;
 }
@@ -296,11 +226,8 @@ std::optional<Message> Agent::take(double secs, int32_t action, bool response)
             return m;
         }
     }
-    if (lab_ == nullptr || fd_ < 0)
-        return std::nullopt;
-    auto until = Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                    std::chrono::duration<double>(secs));
-    for (int i = 0; i < 100000; ++i) {
+    auto until = Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(secs));
+    for (int i = 0; fd_ >= 0 && i < 100000; ++i) {
         double left = seconds(Clock::now(), until);
         auto d = lab_->recv(fd_, left > 0 ? left : 0);
         if (!d)
@@ -313,26 +240,15 @@ std::optional<Message> Agent::take(double secs, int32_t action, bool response)
         if (matches(m))
             return m;
         queue_.push_back(m);
-        if (left <= 0 && i > 0)
+        if (left <= 0)
             break;
     }
     return std::nullopt;
 }
 
-std::optional<Message> Agent::next(double secs, int32_t action)
-{
-    return take(secs, action, false);
-}
-
-std::optional<Message> Agent::next_response(double secs, int32_t action)
-{
-    return take(secs, action, true);
-}
-
 void Agent::drain(double secs)
 {
-    // Nothing matches a request of action 0, so everything lands in the queue.
-    take(secs, 0, false);
+    take(secs, 0, false);  // nothing is a request of action 0
     queue_.clear();
 }
 
@@ -387,7 +303,7 @@ bool Agent::send_equiv(const std::string& daemon, uint32_t id,
 
 bool Agent::send_raw(const std::string& to, uint16_t port, const Bytes& bytes)
 {
-    return lab_ != nullptr && fd_ >= 0 && lab_->send_to(fd_, to, port, bytes);
+    return fd_ >= 0 && lab_->send_to(fd_, to, port, bytes);
 }
 
 }  // namespace ndasim

@@ -1,22 +1,15 @@
 #pragma once
 
-// A name-directory agent simulated for the end-to-end tests.
-//
-// It owns a UDP socket in a lab station's namespace at the agent port,
-// records every ENS datagram it receives (decoded here, with an encoder and
-// decoder of its own, independent of the daemon's packet modules), and
-// answers as the test scripts it: positive or negative QUERY answers, ADD
-// accepted or refused with another owner, silence, a late answer, and VERIFY
-// and EQUIV requests of its own sent to the daemon's ENS port.
+// A name-directory agent simulated for the end-to-end tests: a UDP socket in
+// a lab station at the agent port that records every ENS datagram it gets
+// (decoded with an encoder and decoder of its own, independent of the
+// daemon's packet modules) and answers as the test scripts it.
 //
 // ENS on the wire: 32-bit little-endian ints; a 20-byte header of version
 // 0x00010001, id, action (bit 31 set in a response), ans, err; items padded
 // to even lengths: name = int 16 + 16 bytes; ip = length byte 4, the four
 // address bytes, a pad byte; an address list = pairs (int 1, ip), int 0.
-//
-// Everything is synchronous and bounded: next() waits at most the given
-// seconds; datagrams that do not match what is asked for are kept for later
-// calls, never dropped.
+// Every wait is bounded; datagrams not asked for yet are kept, never dropped.
 
 #include "tests/support/lab.h"
 
@@ -37,44 +30,30 @@ constexpr uint32_t version = 0x00010001;
 constexpr uint32_t response_bit = 0x80000000u;
 constexpr int32_t any = -1;
 
-enum Action : int32_t {
-    query = 1,
-    verify = 2,
-    add = 3,
-    del = 4,
-    equiv = 5,
-    purge = 7,
-};
+enum Action : int32_t { query = 1, verify = 2, add = 3, del = 4, equiv = 5, purge = 7 };
 
 // Encoder: every item as the wire has it.
 void put_int(Bytes& b, int32_t v);
-void put_block(Bytes& b, const Bytes& raw);       // raw bytes, a pad byte when odd
 void put_name(Bytes& b, const Bytes& name16);     // int 16, the 16 bytes
 void put_ip(Bytes& b, const std::string& dotted); // 4, a.b.c.d, pad
 void put_addr_list(Bytes& b, const std::vector<std::string>& dotted);
-void put_string(Bytes& b, const std::string& text);  // text, NUL, pad when odd
 Bytes header(uint32_t id, uint32_t action, int32_t ans = 0, int32_t err = 0);
-// A whole datagram: header then body.
 Bytes datagram(uint32_t id, uint32_t action, int32_t ans, int32_t err, const Bytes& body);
-
-// The same items as values, to write a datagram in one expression:
-// cat({header(1, add), name_item(n), int_item(0), addr_list({"10.88.0.1"})}).
+// The same as values: cat({header(1, add), name_item(n), int_item(0), addr_list({"10.88.0.1"})}).
 Bytes cat(std::initializer_list<Bytes> parts);
 Bytes int_item(int32_t v);
 Bytes name_item(const Bytes& name16);
 Bytes ip_item(const std::string& dotted);
 Bytes addr_list(const std::vector<std::string>& dotted);
 
-// The 16-byte NetBIOS name: text blank-padded to 15, then the type byte.
+// The 16-byte name: text blank-padded to 15, then the type byte.
 Bytes nb_name(const std::string& text, uint8_t type);
 // The permanent name of an address: ten zero bytes, the address, two zeros.
 Bytes permanent_name(const std::string& dotted);
-// "fileserv<20>": the text up to the first blank, then the type in hex;
-// other bytes than printable ASCII as \xhh.
+// "fileserv<20>": the text up to the blanks, the type in hex; other bytes as \xhh.
 std::string name_text(const Bytes& name16);
 
-// Decoder over one datagram; a read past the end sets ok to false and gives
-// a zero value.
+// Decoder over one datagram; a read past the end clears ok and gives zero.
 struct Reader {
     const Bytes& b;
     size_t at = 0;
@@ -90,9 +69,7 @@ struct Reader {
 
 // One datagram received by the agent, decoded.
 struct Message {
-    // When the agent read it: exact only while the test is waiting in
-    // next(); a datagram that sat in the socket meanwhile looks later.
-    Clock::time_point when;
+    Clock::time_point when;  // when read: exact only while a test waits in next()
     std::string from;
     uint16_t port = 0;
     Bytes raw;
@@ -105,8 +82,7 @@ struct Message {
     int32_t err = 0;
     // The body by action: QUERY name, int; ADD name, int flags, address
     // list; DELETE name, address list; EQUIV address list; PURGE ip;
-    // VERIFY request name, ip. ints holds every int item that is not part
-    // of an address list, in order.
+    // VERIFY name, ip. ints: the int items outside address lists.
     Bytes name;
     std::vector<int32_t> ints;
     std::vector<std::string> addrs;  // the address list, or the one ip item
@@ -125,20 +101,17 @@ public:
     Agent(const Agent&) = delete;
     Agent& operator=(const Agent&) = delete;
 
-    // Binds addr:port in side's namespace (the socket is the lab's). False,
-    // with the lab's reason in lab.last_error(), on failure.
+    // Binds addr:port in side's namespace; false (see lab.last_error()) on failure.
     bool open(Lab& lab, LabSide side, const std::string& addr, uint16_t port = 227);
 
-    // The next request (bit 31 clear) of that action (any: every action) that
-    // arrived or arrives within `seconds`; nothing when none did.
-    std::optional<Message> next(double seconds, int32_t action = any);
-    // The same for responses (to the agent's own VERIFY requests).
-    std::optional<Message> next_response(double seconds, int32_t action = any);
-    // Whatever arrives within `seconds` goes to the queue; the queue emptied.
+    // The next request (next_response: response) of that action (any: every
+    // action) that arrived or arrives within `seconds`.
+    std::optional<Message> next(double seconds, int32_t action = any) { return take(seconds, action, false); }
+    std::optional<Message> next_response(double seconds, int32_t action = any) { return take(seconds, action, true); }
+    // What arrives within `seconds` is recorded; nothing stays queued.
     void drain(double seconds);
-    // Every datagram received so far, in order of arrival.
+    // Every datagram received so far, and of those the requests of one action.
     const std::vector<Message>& history() const { return history_; }
-    // Of those, the requests of one action.
     std::vector<Message> requests(int32_t action) const;
 
     // Answers to a request, to its sender and with its id.
@@ -155,14 +128,11 @@ public:
                     const std::vector<std::string>& addresses, uint16_t port = 228);
     bool send_raw(const std::string& to, uint16_t port, const Bytes& bytes);
 
-    const std::string& address() const { return addr_; }
-
 private:
     std::optional<Message> take(double seconds, int32_t action, bool response);
 
     Lab* lab_ = nullptr;
     int fd_ = -1;
-    std::string addr_;
     std::deque<Message> queue_;     // received, not yet taken
     std::vector<Message> history_;  // everything received
 };

@@ -4,7 +4,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <net/if.h>
 #include <sched.h>
 #include <sys/ioctl.h>
@@ -12,31 +11,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace {
-
-constexpr int SKIP = 77;
-
-bool loopback_up()
-{
-    int s = socket(AF_INET, SOCK_DGRAM, 0);
-    if (s < 0)
-        return false;
-    struct ifreq ifr = {};
-    strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
-    bool ok = ioctl(s, SIOCGIFFLAGS, &ifr) == 0;
-    ifr.ifr_flags = short(ifr.ifr_flags | IFF_UP);
-    ok = ok && ioctl(s, SIOCSIFFLAGS, &ifr) == 0;
-    close(s);
-    return ok;
-}
-
-}  // namespace
-
 void child_skip(const char* reason)
 {
     printf("[  SKIP    ] child: %s\n", reason);
     fflush(stdout);
-    _exit(SKIP);
+    _exit(77);
 }
 
 int run_in_child(bool private_net, const std::function<void()>& body)
@@ -48,13 +27,16 @@ int run_in_child(bool private_net, const std::function<void()>& body)
         return 1;
     if (pid == 0) {
         if (private_net) {
-            if (unshare(CLONE_NEWNET) != 0) {
-                printf("[  SKIP    ] unshare(CLONE_NEWNET): %s (needs root)\n", strerror(errno));
-                fflush(stdout);
-                _exit(SKIP);
-            }
-            if (!loopback_up())
+            if (unshare(CLONE_NEWNET) != 0)
+                child_skip("unshare(CLONE_NEWNET) failed (needs root)");
+            int s = socket(AF_INET, SOCK_DGRAM, 0);
+            struct ifreq ifr = {};
+            strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
+            bool up = s >= 0 && ioctl(s, SIOCGIFFLAGS, &ifr) == 0;
+            ifr.ifr_flags = short(ifr.ifr_flags | IFF_UP);
+            if (!up || ioctl(s, SIOCSIFFLAGS, &ifr) != 0)
                 child_skip("cannot bring up lo in the private namespace");
+            close(s);
         }
         body();
         fflush(stdout);
@@ -68,8 +50,7 @@ int run_in_child(bool private_net, const std::function<void()>& body)
             return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
         if (r < 0 && errno != EINTR)
             return 1;
-        struct timespec ts = {0, 10 * 1000 * 1000};
-        nanosleep(&ts, nullptr);
+        usleep(10 * 1000);
     }
     kill(pid, SIGKILL);
     waitpid(pid, &status, 0);
