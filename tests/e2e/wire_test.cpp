@@ -21,9 +21,12 @@ namespace {
 void put16(Bytes& b, uint16_t v) { b.insert(b.end(), {uint8_t(v >> 8), uint8_t(v)}); }
 void put32(Bytes& b, uint32_t v) { put16(b, uint16_t(v >> 16)), put16(b, uint16_t(v)); }
 void append(Bytes& b, const Bytes& more) { b.insert(b.end(), more.begin(), more.end()); }
+Bytes cat(Bytes a, const Bytes& b) { return append(a, b), a; }
 
-// The encoded name with the scope's labels, e.g. "Corp.Example": 4Corp7Example0.
-Bytes encoded(const std::string& name, uint8_t type, const std::string& scope = "")
+// id, b2, b3, the four counts, the name encoded with the scope's labels
+// ("Corp.Example": 4Corp7Example0), then `rest`.
+Bytes packet(uint16_t id, uint8_t b2, uint8_t b3, const Bytes& counts, const std::string& name, uint8_t type,
+             const std::string& scope, const Bytes& rest)
 {
     Bytes labels;
     for (size_t start = 0; !scope.empty() && start <= scope.size();) {
@@ -33,72 +36,41 @@ Bytes encoded(const std::string& name, uint8_t type, const std::string& scope = 
         start = dot + 1;
     }
     labels.push_back(0);
-    return wire_name(ns_name(name.c_str(), type), labels);
-}
-
-Bytes header(uint16_t id, uint8_t b2, uint8_t b3, uint16_t qd, uint16_t an, uint16_t ns, uint16_t ar)
-{
-    Bytes b;
-    for (uint16_t v : {id, uint16_t(b2 << 8 | b3), qd, an, ns, ar})
-        put16(b, v);
-    return b;
+    return ns_packet(id, b2, b3, counts, ns_name(name.c_str(), type), labels, rest);
 }
 
 // An NB record after its name: NB, IN, TTL 0, RDLENGTH 6, flags, address.
-Bytes nb_rr_tail(uint16_t flags, const Bytes& addr)
-{
-    Bytes b{0, 0x20, 0, 1, 0, 0, 0, 0, 0, 6};
-    put16(b, flags);
-    append(b, addr);
-    return b;
-}
+Bytes rr(uint16_t flags, const Bytes& addr) { return cat({0, 0x20, 0, 1, 0, 0, 0, 0, 0, 6, uint8_t(flags >> 8), uint8_t(flags)}, addr); }
 
 // A registration (b2 0x29) or release (0x30) request, the additional
 // record's name a pointer to the question.
 Bytes registration(uint16_t id, uint8_t b2, const std::string& name, uint8_t type, uint16_t flags,
                    const Bytes& addr, const std::string& scope = "")
 {
-    Bytes b = header(id, b2, 0x10, 1, 0, 0, 1);
-    append(b, encoded(name, type, scope));
-    append(b, {0, 0x20, 0, 1, 0xC0, 0x0C});
-    append(b, nb_rr_tail(flags, addr));
-    return b;
+    return packet(id, b2, 0x10, {1, 0, 0, 1}, name, type, scope, cat({0, 0x20, 0, 1, 0xC0, 0x0C}, rr(flags, addr)));
 }
 
 Bytes name_query(uint16_t id, const std::string& name, uint8_t type, const std::string& scope = "")
 {
-    Bytes b = header(id, 0x01, 0x10, 1, 0, 0, 0);
-    append(b, encoded(name, type, scope));
-    append(b, {0, 0x20, 0, 1});
-    return b;
+    return packet(id, 0x01, 0x10, {1, 0, 0, 0}, name, type, scope, {0, 0x20, 0, 1});
 }
 
-Bytes status_request(uint16_t id, const std::string& name, uint8_t type, bool broadcast,
-                     const std::string& scope = "")
+Bytes status_request(uint16_t id, const std::string& name, bool broadcast, const std::string& scope = "")
 {
-    Bytes b = header(id, 0x00, broadcast ? 0x10 : 0x00, 1, 0, 0, 0);
-    append(b, encoded(name, type, scope));
-    append(b, {0, 0x21, 0, 1});
-    return b;
+    return packet(id, 0x00, broadcast ? 0x10 : 0x00, {1, 0, 0, 0}, name, 0x20, scope, {0, 0x21, 0, 1});
 }
 
 // A one-record response (query answer, defence, registration response).
 Bytes nb_response(uint16_t id, uint8_t b2, uint8_t b3, const std::string& name, uint8_t type, uint16_t flags,
                   const Bytes& addr, const std::string& scope = "")
 {
-    Bytes b = header(id, b2, b3, 0, 1, 0, 0);
-    append(b, encoded(name, type, scope));
-    append(b, nb_rr_tail(flags, addr));
-    return b;
+    return packet(id, b2, b3, {0, 1, 0, 0}, name, type, scope, rr(flags, addr));
 }
 
 // The negative status response for a name we do not hold: RCODE 3, NULL record.
 Bytes no_such_name(uint16_t id, const std::string& name, const std::string& scope = "")
 {
-    Bytes b = header(id, 0x84, 0x03, 0, 1, 0, 0);
-    append(b, encoded(name, 0x20, scope));
-    append(b, {0x00, 0x0A, 0x00, 0x01, 0, 0, 0, 0, 0, 0});
-    return b;
+    return packet(id, 0x84, 0x03, {0, 1, 0, 0}, name, 0x20, scope, {0, 0x0A, 0, 1, 0, 0, 0, 0, 0, 0});
 }
 
 // The statistics block of a positive status response for `counter`.
@@ -129,7 +101,7 @@ uint16_t id_of(const Bytes& b) { return b.size() >= 2 ? uint16_t(b[0] << 8 | b[1
 // Is this datagram of the given packet byte 2 and for this name?
 bool is_packet_for(const Bytes& b, uint8_t b2, const std::string& name, uint8_t type)
 {
-    Bytes enc = encoded(name, type);
+    Bytes enc = wire_name(ns_name(name.c_str(), type));
     return b.size() >= 12 + enc.size() && b[2] == b2 && Bytes(b.begin() + 12, b.begin() + 12 + long(enc.size())) == enc;
 }
 
@@ -178,7 +150,7 @@ protected:
                                 : lab.udp_socket(lab_station1, 0);
         const char* daemon = Lab::daemon_addr(station);
         if (fd < 0 || !lab.send_to(fd, to ? to : daemon, 137, bytes) ||
-            !lab.send_to(fd, daemon, 137, status_request(0xEEEE, "nobody", 0x20, false, scope)))
+            !lab.send_to(fd, daemon, 137, status_request(0xEEEE, "nobody", false, scope)))
             return {{'s', 'e', 'n', 'd'}};
         Bytes end = no_such_name(0xEEEE, "nobody", scope);
         for (auto d = lab.recv(fd, 20.0); d && d->bytes != end && got.size() < 10; d = lab.recv(fd, 20.0))
@@ -233,14 +205,11 @@ TEST_F(Wire, LookupsClaimsAnswersDefencesStatusAndReleasesByteForByte)
     if (got.size() == 1) {
         Bytes star(16, 0);
         star[0] = '*';
-        Bytes want = header(id_of(got[0].bytes), 0x00, 0x00, 1, 0, 0, 0);
-        append(want, wire_name(star));
-        append(want, {0, 0x21, 0, 1});
+        Bytes want = ns_packet(id_of(got[0].bytes), 0x00, 0x00, {1, 0, 0, 0}, star, {0}, {0, 0x21, 0, 1});
         EXPECT_EQ(got[0].from, "10.88.0.1");
         EXPECT_EQ(got[0].bytes, want);
-        Bytes answer = header(id_of(want), 0x84, 0x00, 0, 1, 0, 0);
-        append(answer, wire_name(star));
-        append(answer, {0, 0x21, 0, 1, 0, 0, 0, 0, 0, 18 * 2 + 47, 2});
+        Bytes answer = ns_packet(id_of(want), 0x84, 0x00, {0, 1, 0, 0}, star, {0},
+                                 {0, 0x21, 0, 1, 0, 0, 0, 0, 0, 18 * 2 + 47, 2});
         append(answer, entry("STATION1", 0x20, 0x0400));
         append(answer, entry("WORKGROUP", 0x1e, 0x8400));
         append(answer, statistics(5));
@@ -311,9 +280,9 @@ TEST_F(Wire, LookupsClaimsAnswersDefencesStatusAndReleasesByteForByte)
          registration(0x24, 0x29, "workgrp", 0x1e, 0x8000, addr_of(1, false)), {}},
         {"claim of a name we do not hold", 1, bcast[1], registration(0x25, 0x29, "nobody", 0x20, 0, addr_of(1, false)),
          {}},
-        {"directed status request for a name we do not hold", 1, nullptr, status_request(0x31, "other", 0x20, false),
+        {"directed status request for a name we do not hold", 1, nullptr, status_request(0x31, "other", false),
          {no_such_name(0x31, "other")}},
-        {"broadcast status request for a name we do not hold", 1, bcast[1], status_request(0x32, "other", 0x20, true),
+        {"broadcast status request for a name we do not hold", 1, bcast[1], status_request(0x32, "other", true),
          {}},
     };
     for (const auto& c : cases) {
@@ -322,25 +291,25 @@ TEST_F(Wire, LookupsClaimsAnswersDefencesStatusAndReleasesByteForByte)
     }
     EXPECT_EQ(lab.halyardctl({"check", "fileserv<20>"}, &out), 0) << out;
 
+    // Our permanent names close every table: ten zero bytes, the address,
+    // two zero bytes, flags active and permanent.
+    Bytes permanent_names;
+    for (int t = 1; t <= 2; ++t)
+        permanent_names = cat(cat(cat(permanent_names, Bytes(10, 0)), addr_of(t, true)), {0, 0, 6, 0});
     // Node status, twice from subnet 1 and once from subnet 2: the same table
     // (both names, then both permanent names), the counter one up each time.
     std::optional<uint32_t> last;
     for (int round = 0; round < 3; ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
         int s = round == 2 ? 2 : 1;
-        auto a = exchange(s, nullptr, status_request(uint16_t(0x1234 + round), "fileserv", 0x20, false));
+        auto a = exchange(s, nullptr, status_request(uint16_t(0x1234 + round), "fileserv", false));
         ASSERT_EQ(a.size(), 1u) << lab.log();
         const Bytes& r = a[0];
-        Bytes want = header(uint16_t(0x1234 + round), 0x84, 0x00, 0, 1, 0, 0);
-        append(want, encoded("fileserv", 0x20));
-        append(want, {0, 0x21, 0, 1, 0, 0, 0, 0, 0, 18 * 4 + 47, 4});
+        Bytes want = packet(uint16_t(0x1234 + round), 0x84, 0x00, {0, 1, 0, 0}, "fileserv", 0x20, "",
+                            {0, 0x21, 0, 1, 0, 0, 0, 0, 0, 18 * 4 + 47, 4});
         append(want, entry("fileserv", 0x20, 0x0400));
         append(want, entry("workgrp", 0x1e, 0x8400));
-        for (int t = 1; t <= 2; ++t) {
-            append(want, Bytes(10, 0));
-            append(want, addr_of(t, true));
-            append(want, {0, 0, 0x06, 0x00});
-        }
+        append(want, permanent_names);
         ASSERT_EQ(r.size(), want.size() + 46);
         ASSERT_EQ(Bytes(r.begin(), r.end() - 46), want);
         uint32_t counter = uint32_t(r[r.size() - 26]) << 24 | uint32_t(r[r.size() - 25]) << 16 |
@@ -395,20 +364,15 @@ TEST_F(Wire, LookupsClaimsAnswersDefencesStatusAndReleasesByteForByte)
         snprintf(name, sizeof name, "n%02d<20>", i);
         ASSERT_EQ(lab.halyardctl({"add", name}, &out), 0) << out;
     }
-    auto a = exchange(1, nullptr, status_request(0x4444, "n00", 0x20, false));
+    auto a = exchange(1, nullptr, status_request(0x4444, "n00", false));
     ASSERT_EQ(a.size(), 1u) << lab.log();
-    Bytes want = header(0x4444, 0x84, 0x00, 0, 1, 0, 0);
-    append(want, encoded("n00", 0x20));
-    append(want, {0, 0x21, 0, 1, 0, 0, 0, 0, (18 * 77 + 47) >> 8, (18 * 77 + 47) & 0xff, 77});
+    Bytes want = packet(0x4444, 0x84, 0x00, {0, 1, 0, 0}, "n00", 0x20, "",
+                        {0, 0x21, 0, 1, 0, 0, 0, 0, (18 * 77 + 47) >> 8, (18 * 77 + 47) & 0xff, 77});
     for (int i = 0; i < 75; ++i) {
         snprintf(name, sizeof name, "n%02d", i);
         append(want, entry(name, 0x20, 0x0400));
     }
-    for (int s = 1; s <= 2; ++s) {
-        append(want, Bytes(10, 0));
-        append(want, addr_of(s, true));
-        append(want, {0, 0, 0x06, 0x00});
-    }
+    append(want, permanent_names);
     ASSERT_EQ(a[0].size(), want.size() + 46);
     EXPECT_EQ(Bytes(a[0].begin(), a[0].end() - 46), want);
 }
