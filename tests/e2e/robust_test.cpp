@@ -43,12 +43,25 @@ Bytes cat(Bytes a, const Bytes& b)
 }
 
 Bytes nb(const std::string& text, uint8_t type = 0x20) { return ns_name(text.c_str(), type); }
-Bytes query(uint16_t id, const Bytes& name) { return ns_packet(id, 0x01, 0x10, {1, 0, 0, 0}, name, {0}, {0, 0x20, 0, 1}); }
-Bytes status_request(uint16_t id, const Bytes& name) { return ns_packet(id, 0, 0, {1, 0, 0, 0}, name, {0}, {0, 0x21, 0, 1}); }
-Bytes nb_rr(uint16_t flags) { return cat({0, 0x20, 0, 1, 0, 0, 0, 0, 0, 6, uint8_t(flags >> 8), uint8_t(flags)}, ip_bytes("10.88.0.2")); }
+Bytes query(uint16_t id, const Bytes& name)
+{
+    return ns_packet(id, 0x01, 0x10, {1, 0, 0, 0}, name, {0}, {0, 0x20, 0, 1});
+}
+Bytes status_request(uint16_t id, const Bytes& name)
+{
+    return ns_packet(id, 0, 0, {1, 0, 0, 0}, name, {0}, {0, 0x21, 0, 1});
+}
+// NB, IN, TTL 0, RDLENGTH 6, no flags, station 1's address.
+const Bytes nb_rr = cat({0, 0x20, 0, 1, 0, 0, 0, 0, 0, 6, 0, 0}, ip_bytes("10.88.0.2"));
 // A registration (0x29) or release (0x30) request, or a one-record response.
-Bytes request(uint16_t id, uint8_t b2, const Bytes& name) { return ns_packet(id, b2, 0x10, {1, 0, 0, 1}, name, {0}, cat({0, 0x20, 0, 1, 0xC0, 0x0C}, nb_rr(0))); }
-Bytes response(uint16_t id, uint8_t b2, uint8_t b3, const Bytes& name) { return ns_packet(id, b2, b3, {0, 1, 0, 0}, name, {0}, nb_rr(0)); }
+Bytes request(uint16_t id, uint8_t b2, const Bytes& name)
+{
+    return ns_packet(id, b2, 0x10, {1, 0, 0, 1}, name, {0}, cat({0, 0x20, 0, 1, 0xC0, 0x0C}, nb_rr));
+}
+Bytes response(uint16_t id, uint8_t b2, uint8_t b3, const Bytes& name)
+{
+    return ns_packet(id, b2, b3, {0, 1, 0, 0}, name, {0}, nb_rr);
+}
 
 // A node-status answer with these names (flags 0x0400 each, or as given)
 // and the 46-byte statistics.
@@ -123,7 +136,7 @@ Bytes hostile(Rng& rng, const std::vector<Bytes>& seeds)
         uint16_t ptr = uint16_t(rng.below(3) ? 0xC000 | rng.below(0x3fff) : 0xC00C);
         b = cat(head, {0, 1, 0, 1, 0, 0, 0, 1, uint8_t(ptr >> 8), uint8_t(ptr), 0, 0x20, 0, 1,
                        uint8_t(0xC0 | rng.below(64)), uint8_t(rng.next())});
-        b = cat(b, nb_rr(0));
+        b = cat(b, nb_rr);
         break;
     }
     case 7: {  // a well-formed name whose text form outgrows any name area:
@@ -138,7 +151,7 @@ Bytes hostile(Rng& rng, const std::vector<Bytes>& seeds)
     case 8:  // scope labels ending in a pointer back into the name
         b = cat(cat(head, {0, 1, 0, 0, 0, 0, 0, 1}), name);
         b = cat(b, {3, 'a', 'b', 'c', 0xC0, uint8_t(12 + rng.below(40)), 0, 0x20, 0, 1, 0xC0, 0x0C});
-        b = cat(b, nb_rr(0));
+        b = cat(b, nb_rr);
         break;
     default:  // valid, another id
         b[0] = uint8_t(rng.next());
@@ -204,7 +217,8 @@ protected:
     bool sent_and_read(const Bytes& b, uint16_t id)
     {
         Bytes want = ns_packet(id, 0x84, 0x03, {0, 1, 0, 0}, nb("nobody"), {0}, {0, 0x0A, 0, 1, 0, 0, 0, 0, 0, 0});
-        if (!lab.send_to(fd, "10.88.0.1", 137, b) || !lab.send_to(fd, "10.88.0.1", 137, status_request(id, nb("nobody"))))
+        if (!lab.send_to(fd, "10.88.0.1", 137, b) ||
+            !lab.send_to(fd, "10.88.0.1", 137, status_request(id, nb("nobody"))))
             return false;
         for (auto d = lab.recv(fd, 20.0); d; d = lab.recv(fd, 20.0))
             if (d->bytes == want)
@@ -386,7 +400,8 @@ TEST_F(Robust, HostsThatAnswerOurStatusRequestsAreAllLearned)
     ASSERT_EQ(lab.run(lab_station1, {"/sbin/ip", "route", "add", "local", "10.78.0.0/16", "dev", "lo"}), 0);
     ASSERT_EQ(lab.run(lab_daemon, {"/sbin/ip", "route", "add", "10.78.0.0/16", "via", "10.88.0.2"}), 0);
     std::string out;
-    EXPECT_EQ(lab.run(lab_station1, {hostsim, "--target", "10.88.0.1", "--net", "10.78", "--hosts", "5000"}, &out, 120.0), 0);
+    EXPECT_EQ(lab.run(lab_station1, {hostsim, "--target", "10.88.0.1", "--net", "10.78", "--hosts", "5000"}, &out,
+                      120.0), 0);
     EXPECT_GE(ens_names(), size_t(3 * 5000)) << out;  // three names each
     still_serving("5,000 hosts learned");
 }
@@ -401,7 +416,8 @@ TEST_F(Robust, ALogRemovedWhileRunningIsCreatedAgainAndAnUnwritableOneIsLeftAlon
     // A claim answered by another station: a message for the log.
     auto conflict = [&](const char* name) {
         std::string n = std::string(name) + "<20>", out;
-        if (lab.halyardctl({"add", n}, &out) != 0 || !lab.send_to(fd, "10.88.0.1", 137, response(1, 0xAD, 0x86, nb(name))))
+        if (lab.halyardctl({"add", n}, &out) != 0 ||
+            !lab.send_to(fd, "10.88.0.1", 137, response(1, 0xAD, 0x86, nb(name))))
             return false;
         for (int i = 0; i < 200 && lab.halyardctl({"check", n}, &out) != 1; ++i)
             usleep(100 * 1000);

@@ -78,8 +78,13 @@ protected:
     bool take_inodes()
     {
         std::vector<std::string> made;
-        for (int i = 0; i < 1000 && mknod((var_dir + "/spare" + std::to_string(i)).c_str(), S_IFREG | 0600, 0) == 0; ++i)
+        for (int i = 0; i < 1000; ++i) {
             made.push_back(var_dir + "/spare" + std::to_string(i));
+            if (mknod(made.back().c_str(), S_IFREG | 0600, 0) != 0) {
+                made.pop_back();
+                break;
+            }
+        }
         for (size_t i = 0; i < 3 && !made.empty(); ++i, made.pop_back())
             unlink(made.back().c_str());
         return !made.empty();
@@ -264,9 +269,11 @@ TEST_F(Startup, FailedStartsSayWhyAndLeaveNothingBehind)
              }
              return fd >= 0 && close(fd) == 0;
          },
-         [&] { return unmount_tiny(); }, -1, 0, 0, {"Halyard: VZ database error 7", "Halyard: Can't create pid property pid"}},
+         [&] { return unmount_tiny(); }, -1, 0, 0,
+         {"Halyard: VZ database error 7", "Halyard: Can't create pid property pid"}},
         {"no inode for the FIFOs", [&] { return mount_tiny("nr_inodes=16") && take_inodes(); },
-         [&] { return unmount_tiny(); }, -1, 0, 0, {"Halyard: cannot start notifier process: Error creating/opening FIFOs"}},
+         [&] { return unmount_tiny(); }, -1, 0, 0,
+         {"Halyard: cannot start notifier process: Error creating/opening FIFOs"}},
         {"no home directory: it cannot be examined",
          [] { return rmdir("/opt/KORRlibs/lib") == 0 && rmdir(lab_home) == 0; }, make_home, -1, 1, -1, {}},
         {"a plain file as home: no change into it",

@@ -40,7 +40,10 @@ Bytes packet(uint16_t id, uint8_t b2, uint8_t b3, const Bytes& counts, const std
 }
 
 // An NB record after its name: NB, IN, TTL 0, RDLENGTH 6, flags, address.
-Bytes rr(uint16_t flags, const Bytes& addr) { return cat({0, 0x20, 0, 1, 0, 0, 0, 0, 0, 6, uint8_t(flags >> 8), uint8_t(flags)}, addr); }
+Bytes rr(uint16_t flags, const Bytes& addr)
+{
+    return cat({0, 0x20, 0, 1, 0, 0, 0, 0, 0, 6, uint8_t(flags >> 8), uint8_t(flags)}, addr);
+}
 
 // A registration (b2 0x29) or release (0x30) request, the additional
 // record's name a pointer to the question.
@@ -269,7 +272,8 @@ TEST_F(Wire, LookupsClaimsAnswersDefencesStatusAndReleasesByteForByte)
         {"query for a name we do not hold", 1, bcast[1], name_query(0x13, "nobody", 0x20), {}},
         {"query of 1600 bytes", 1, nullptr, padded,
          {nb_response(0x15, 0x85, 0x00, "fileserv", 0x20, 0, addr_of(1, true))}},
-        {"unique claim of our unique name", 1, bcast[1], registration(0x21, 0x29, "fileserv", 0x20, 0, addr_of(1, false)),
+        {"unique claim of our unique name", 1, bcast[1],
+         registration(0x21, 0x29, "fileserv", 0x20, 0, addr_of(1, false)),
          {nb_response(0x21, 0xAD, 0x86, "fileserv", 0x20, 0, addr_of(1, true))}},
         {"group claim of our unique name", 2, bcast[2],
          registration(0x22, 0x29, "fileserv", 0x20, 0x8000, addr_of(2, false)),
