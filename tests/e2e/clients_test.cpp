@@ -48,14 +48,6 @@ bool put(int fd, const std::string& bytes)
     return write(fd, bytes.data(), bytes.size()) == ssize_t(bytes.size());
 }
 
-// A 16-byte name as the FIFO requests carry it.
-std::string fifo_name(const std::string& text)
-{
-    std::string n = text;
-    n.resize(15, ' ');
-    return n + '\x20';
-}
-
 bool gone_within(const char* path, double seconds)
 {
     for (int i = 0; i < seconds * 20 && access(path, F_OK) == 0; ++i)
@@ -84,13 +76,6 @@ pid_t intruder(const std::function<bool(int, int)>& act, int ready)
 class Clients : public ::testing::Test {
 protected:
     void SetUp() override { LAB_SETUP_OR_SKIP(lab, 1); }
-    void TearDown() override
-    {
-        for (int fd : {to, from})
-            if (fd >= 0)
-                close(fd);
-    }
-
     // Adds SHARED<20> as nobody and waits until a station's query for it is
     // answered (its claim has ended).
     void start_serving(const std::vector<std::string>& args = {})
@@ -127,41 +112,6 @@ protected:
         EXPECT_NE(out.find("10.88.0.1"), std::string::npos) << out;
     }
 
-    void open_fifos()
-    {
-        to = open(kServer, O_WRONLY | O_NONBLOCK);
-        from = open(kClient, O_RDWR | O_NONBLOCK);
-        ASSERT_TRUE(to >= 0 && from >= 0) << strerror(errno);
-    }
-
-    // The next answer's header and data; false when none came within 20 s.
-    bool answer(ns_hdr* h, std::string* data)
-    {
-        for (int i = 0; i < 100; ++i) {
-            if (pending.size() >= sizeof *h) {
-                memcpy(h, pending.data(), sizeof *h);
-                size_t want = sizeof *h + size_t(h->len);
-                if (h->len >= 0 && pending.size() >= want) {
-                    *data = pending.substr(sizeof *h, size_t(h->len));
-                    pending.erase(0, want);
-                    return true;
-                }
-            }
-            pollfd p{from, POLLIN, 0};
-            char buf[8192];
-            ssize_t n = poll(&p, 1, 200) > 0 ? read(from, buf, sizeof buf) : 0;
-            pending.append(buf, size_t(n > 0 ? n : 0));
-        }
-        return false;
-    }
-
-    static int32_t status(const std::string& data)
-    {
-        int32_t s = 0;
-        memcpy(&s, data.data(), std::min(data.size(), sizeof s));
-        return s;
-    }
-
     pid_t relay_of(pid_t daemon)
     {
         std::string d = std::to_string(daemon);
@@ -170,8 +120,6 @@ protected:
 
     Lab lab;
     int station = -1;
-    int to = -1, from = -1;
-    std::string pending;  // read but not yet taken: answers come back to back
 };
 
 TEST_F(Clients, NothingAClientWritesOrLeavesUnreadStopsTheService)
@@ -185,23 +133,16 @@ TEST_F(Clients, NothingAClientWritesOrLeavesUnreadStopsTheService)
         EXPECT_EQ(st.st_mode & 0777, f.mode) << f.path;
     }
 
-    open_fifos();
-    ns_hdr h{};
-    std::string data;
     // 7,000 names: their listing is more than the answer FIFO and the
     // daemon's pipe to the relay hold together.
-    for (int i = 0; i < 7000; i += 100) {
-        for (int k = i; k < i + 100; ++k)
-            ASSERT_TRUE(put(to, header(NS_ADDNAME, uint32_t(k), 20) + fifo_name("NAME" + std::to_string(10000 + k)) +
-                                    std::string(4, '\0')));
-        for (int k = i; k < i + 100; ++k) {
-            ASSERT_TRUE(answer(&h, &data)) << k;
-            ASSERT_EQ(status(data), 0) << k;
-        }
+    NscConn conn;
+    nsc_setup(&conn, nullptr, 20);
+    for (int i = 0; i < 7000; ++i) {
+        uint8_t name[16];
+        int32_t status = -1;
+        ASSERT_EQ(nsc_strtonb(name, ("NAME" + std::to_string(10000 + i) + "<20>").c_str()), 0);
+        ASSERT_TRUE(nsc_addname(&conn, name, 0, &status) == 0 && status == 0) << i << ": " << conn.why;
     }
-    close(to);
-    close(from);  // the intruders' answers are nobody's
-    to = from = -1;
 
     const struct {
         const char* why;
@@ -335,10 +276,11 @@ TEST_F(Clients, ClientsThatDieOrCrowdInGetOnlyTheirOwnAnswers)
 
     // A client that wrote its request and left: its answer waits in the
     // client FIFO when the next client comes.
-    open_fifos();
+    int to = open(kServer, O_WRONLY | O_NONBLOCK), from = open(kClient, O_RDWR | O_NONBLOCK);
     ASSERT_TRUE(put(to, header(NS_LISTNAME, 0x5a5a5a5a, 0)));
     pollfd p{from, POLLIN, 0};
     EXPECT_EQ(poll(&p, 1, 20000), 1) << "no answer came into the client FIFO";
+    close(to), close(from);
     EXPECT_EQ(lab.halyardctl({"scope"}, &out), 0) << out;
     EXPECT_EQ(lab.halyardctl({"check", "mine<20>"}, &out), 0) << out;
 
