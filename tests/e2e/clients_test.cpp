@@ -1,13 +1,13 @@
-// Local clients as a careless or hostile user of the machine may be: what
-// they write into the FIFOs, a client that never reads, a relay that is
-// killed, links planted where the super-user writes. After each, a
-// legitimate halyardctl run by an unprivileged user is answered, and so is a
-// station's name query.
+// Local clients as careful, careless or hostile users of the machine may be:
+// what they write into the FIFOs, clients that never read, die or come
+// twenty at once, a relay or a daemon killed, links planted where the
+// super-user writes. After each, a legitimate halyardctl run by an
+// unprivileged user is answered, and so is a station's name query.
 
 #include "tests/support/lab.h"
+#include "tests/support/nswire.h"
 
 #include <gtest/gtest.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "client/nsclient.h"
 #include "src/dorequest.h"
 
 namespace {
@@ -30,7 +31,6 @@ constexpr int kNobody = 65534;  // nobody and nogroup
 constexpr const char* kServer = "/var/opt/KORRbase/ns_serverfifo";
 constexpr const char* kClient = "/var/opt/KORRbase/ns_clientfifo";
 constexpr const char* kLock = "/var/opt/KORRbase/lock.name";
-constexpr const char* kVictim = "/etc/opt/KORRbase/victim";
 
 std::string header(uint32_t op, uint32_t xid, int32_t len, int32_t more = 0)
 {
@@ -48,75 +48,34 @@ bool put(int fd, const std::string& bytes)
     return write(fd, bytes.data(), bytes.size()) == ssize_t(bytes.size());
 }
 
-// The RFC 1002 name query of "SHARED<20>" (the name is written out encoded).
-std::vector<uint8_t> shared_query()
+bool gone_within(const char* path, double seconds)
 {
-    std::vector<uint8_t> q{0x42, 0x42, 0x01, 0x10, 0, 1, 0, 0, 0, 0, 0, 0, 32};
-    std::string padded = "SHARED         ";
-    padded += '\x20';
-    for (unsigned char c : padded) {
-        q.push_back(uint8_t('A' + (c >> 4)));
-        q.push_back(uint8_t('A' + (c & 15)));
-    }
-    q.insert(q.end(), {0, 0x00, 0x20, 0x00, 0x01});
-    return q;
+    for (int i = 0; i < seconds * 20 && access(path, F_OK) == 0; ++i)
+        usleep(50 * 1000);
+    return access(path, F_OK) != 0;
 }
 
 // A client process as the user nobody: it runs `act` on the server FIFO
-// (and the answer FIFO, which it opens but never reads) and then holds its descriptors until released (or 60 s), as a stalled writer
-// or a reader that never reads would.
-struct Intruder {
-    pid_t pid = -1;
-    int release = -1;
-    int ready = -1;
-
-    explicit Intruder(const std::function<bool(int, int)>& act)
-    {
-        int rel[2], rdy[2];
-        if (pipe(rel) != 0 || pipe(rdy) != 0)
-            return;
-        pid = fork();
-        if (pid == 0) {
-            close(rel[1]);
-            close(rdy[0]);
-            if (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0)
-                _exit(2);
-            int fd = open(kServer, O_WRONLY);
-            int answers = open(kClient, O_RDONLY | O_NONBLOCK);  // and never read
-            if (fd < 0 || answers < 0 || !act(fd, answers))
-                _exit(3);
-            if (write(rdy[1], "r", 1) != 1)
-                _exit(4);
-            pollfd p{rel[0], POLLIN, 0};
-            poll(&p, 1, 60000);
-            _exit(0);
-        }
-        close(rel[0]);
-        close(rdy[1]);
-        release = rel[1];
-        ready = rdy[0];
+// (and the answer FIFO, which it opens but never reads), says so on `ready`,
+// then holds its descriptors, as a stalled writer or a reader that never
+// reads would, until it is killed; its pid.
+pid_t intruder(const std::function<bool(int, int)>& act, int ready)
+{
+    pid_t pid = fork();
+    if (pid == 0) {
+        int fd = -1, answers = -1;
+        if (setgroups(0, nullptr) == 0 && setgid(kNobody) == 0 && setuid(kNobody) == 0 &&
+            (fd = open(kServer, O_WRONLY)) >= 0 && (answers = open(kClient, O_RDONLY | O_NONBLOCK)) >= 0 &&
+            act(fd, answers) && write(ready, "r", 1) == 1)
+            sleep(60);
+        _exit(0);
     }
-    bool wait_ready()
-    {
-        pollfd p{ready, POLLIN, 0};
-        char c;
-        return poll(&p, 1, 60000) == 1 && read(ready, &c, 1) == 1;
-    }
-    int end()
-    {
-        close(release);
-        close(ready);
-        int st = -1;
-        if (waitpid(pid, &st, 0) != pid)
-            return -1;
-        return st;
-    }
-};
+    return pid;
+}
 
 class Clients : public ::testing::Test {
 protected:
     void SetUp() override { LAB_SETUP_OR_SKIP(lab, 1); }
-
     // Adds SHARED<20> as nobody and waits until a station's query for it is
     // answered (its claim has ended).
     void start_serving(const std::vector<std::string>& args = {})
@@ -131,8 +90,9 @@ protected:
 
     bool query_answered()
     {
+        Bytes q = ns_packet(0x4242, 0x01, 0x10, {1, 0, 0, 0}, ns_name("SHARED"), {0}, {0, 0x20, 0, 1});
         for (int i = 0; i < 20; i++) {
-            if (!lab.send_to(station, "10.88.0.1", 137, shared_query()))
+            if (!lab.send_to(station, "10.88.0.1", 137, q))
                 return false;
             auto a = lab.recv(station, 0.5);
             if (a && a->bytes.size() > 3 && (a->bytes[2] & 0x80) != 0)
@@ -152,48 +112,10 @@ protected:
         EXPECT_NE(out.find("10.88.0.1"), std::string::npos) << out;
     }
 
-    // Adds n names NAME10000<20>... through the FIFOs, taking every answer.
-    void add_names(int n)
-    {
-        int to = open(kServer, O_WRONLY);
-        int from = open(kClient, O_RDONLY | O_NONBLOCK);
-        ASSERT_TRUE(to >= 0 && from >= 0);
-        // A relay that ended would end this process with the broken-pipe
-        // signal: a failed write says it instead, with the log.
-        sigset_t pipe_set;
-        sigemptyset(&pipe_set);
-        sigaddset(&pipe_set, SIGPIPE);
-        pthread_sigmask(SIG_BLOCK, &pipe_set, nullptr);
-        size_t answered = 0;
-        char buf[8192];
-        auto take = [&] {
-            for (ssize_t r; (r = read(from, buf, sizeof buf)) > 0;)
-                answered += size_t(r);
-        };
-        for (int i = 0; i < n; i++) {
-            std::string name = "NAME" + std::to_string(10000 + i);
-            name.resize(15, ' ');
-            name += '\x20';
-            std::string req = header(NS_ADDNAME, uint32_t(i), 20) + name + std::string(4, '\0');
-            ASSERT_TRUE(put(to, req)) << i << ": " << strerror(errno) << "\n" << lab.log();
-            if (i % 100 == 99)
-                take();
-        }
-        for (int i = 0; i < 600 && answered < size_t(n) * (24 + 4); i++) {
-            take();
-            poll(nullptr, 0, 100);
-        }
-        EXPECT_EQ(answered, size_t(n) * (24 + 4));
-        close(to);
-        close(from);
-        pthread_sigmask(SIG_UNBLOCK, &pipe_set, nullptr);
-    }
-
     pid_t relay_of(pid_t daemon)
     {
-        std::string kids = lab_read_file("/proc/" + std::to_string(daemon) + "/task/" + std::to_string(daemon) +
-                                         "/children");
-        return pid_t(atoi(kids.c_str()));
+        std::string d = std::to_string(daemon);
+        return pid_t(atoi(lab_read_file("/proc/" + d + "/task/" + d + "/children").c_str()));
     }
 
     Lab lab;
@@ -204,13 +126,23 @@ TEST_F(Clients, NothingAClientWritesOrLeavesUnreadStopsTheService)
 {
     start_serving({"-n"});
     // The designed modes: any local user is a client.
-    struct stat st;
-    ASSERT_EQ(stat(kServer, &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0622u);
-    ASSERT_EQ(stat(kClient, &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0644u);
-    ASSERT_EQ(stat(kLock, &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0666u);
+    const struct { const char* path; mode_t mode; } files[] = {{kServer, 0622}, {kClient, 0644}, {kLock, 0666}};
+    for (const auto& f : files) {
+        struct stat st;
+        ASSERT_EQ(stat(f.path, &st), 0) << f.path;
+        EXPECT_EQ(st.st_mode & 0777, f.mode) << f.path;
+    }
+
+    // 7,000 names: their listing is more than the answer FIFO and the
+    // daemon's pipe to the relay hold together.
+    NscConn conn;
+    nsc_setup(&conn, nullptr, 20);
+    for (int i = 0; i < 7000; ++i) {
+        uint8_t name[16];
+        int32_t status = -1;
+        ASSERT_EQ(nsc_strtonb(name, ("NAME" + std::to_string(10000 + i) + "<20>").c_str()), 0);
+        ASSERT_TRUE(nsc_addname(&conn, name, 0, &status) == 0 && status == 0) << i << ": " << conn.why;
+    }
 
     const struct {
         const char* why;
@@ -219,14 +151,13 @@ TEST_F(Clients, NothingAClientWritesOrLeavesUnreadStopsTheService)
         {"one byte", [](int fd, int) { return put(fd, "a"); }},
         {"a header split across two writes a second apart",
          [](int fd, int) {
-             std::string h = header(NS_NBSCOPE, 1, 0);
-             bool ok = put(fd, h.substr(0, 5));
+             std::string head = header(NS_NBSCOPE, 1, 0);
+             bool ok = put(fd, head.substr(0, 5));
              sleep(1);
-             return ok && put(fd, h.substr(5));
+             return ok && put(fd, head.substr(5));
          }},
         {"garbage without a magic", [](int fd, int) { return put(fd, std::string(100, 'x')); }},
-        {"a header announcing data that never comes",
-         [](int fd, int) { return put(fd, header(NS_ADDNAME, 2, 100)); }},
+        {"a header announcing data that never comes", [](int fd, int) { return put(fd, header(NS_ADDNAME, 2, 100)); }},
         {"3,000 headers marked more",
          [](int fd, int) {
              for (int i = 0; i < 3000; i++)
@@ -241,9 +172,7 @@ TEST_F(Clients, NothingAClientWritesOrLeavesUnreadStopsTheService)
                      return false;
              return true;
          }},
-        // 7,000 names list in 35 messages of 4 KiB: more than the answer FIFO
-        // and the daemon's pipe to the relay hold together.
-        {"a listing of 7,000 names that nobody reads",
+        {"a listing of 7,001 names that nobody reads",
          [](int fd, int answers) {
              if (!put(fd, header(NS_LISTNAME, 7, 0)))
                  return false;
@@ -256,15 +185,18 @@ TEST_F(Clients, NothingAClientWritesOrLeavesUnreadStopsTheService)
              return held >= 16 * 4036;
          }},
     };
-    add_names(7000);
+    int ready[2];
+    ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
     for (const auto& c : cases) {
-        Intruder in(c.act);
-        ASSERT_GT(in.pid, 0);
-        EXPECT_TRUE(in.wait_ready()) << c.why;
+        pid_t in = intruder(c.act, ready[1]);
+        pollfd p{ready[0], POLLIN, 0};
+        char r;
+        EXPECT_TRUE(poll(&p, 1, 60000) == 1 && read(ready[0], &r, 1) == 1) << c.why;
         expect_served(c.why);
-        int end = in.end();
-        EXPECT_TRUE(WIFEXITED(end) && WEXITSTATUS(end) == 0) << c.why << ": " << lab_describe_status(end);
+        kill(in, SIGKILL);
+        waitpid(in, nullptr, 0);
     }
+    close(ready[0]), close(ready[1]);
     // Each drop left its line in the relay's trace.
     std::string trace = lab.trace("ntf.trc");
     for (const char* line : {"ntf_take: 1 bytes without a header skipped\n",
@@ -273,34 +205,161 @@ TEST_F(Clients, NothingAClientWritesOrLeavesUnreadStopsTheService)
         EXPECT_NE(trace.find(line), std::string::npos) << line;
 }
 
-TEST_F(Clients, AKilledRelayIsReplacedAndHalyardctlSaysWhatIsWrongMeanwhile)
+// One client: 50 requests about names of its own, each answer checked; 0
+// or the failing request's number (its connection times out after 60 s).
+int client_run(int index)
+{
+    NscConn c;
+    nsc_setup(&c, nullptr, 60);
+    char text[32];
+    uint8_t own[16], other[16];
+    snprintf(text, sizeof text, "client%02d<20>", index);
+    int32_t status = -1;
+    if (nsc_strtonb(own, text) != 0 || nsc_addname(&c, own, 0, &status) != 0 || status != 0)
+        return 1;
+    for (int r = 1; r < 49; ++r) {
+        // Its own name, or a name nobody holds, different for every request.
+        snprintf(text, sizeof text, "c%02dr%02d<20>", index, r);
+        NscCheck ck;
+        bool mine = r % 2 == 1;
+        if (nsc_strtonb(other, text) != 0 || nsc_ckname(&c, mine ? own : other, &ck) != 0 ||
+            ck.status != (mine ? 0 : NSC_NOTFOUND) || (mine && memcmp(ck.name, own, 16) != 0))
+            return r + 1;
+    }
+    return nsc_delname(&c, own, &status) == 0 && status == 0 ? 0 : 50;
+}
+
+// The process holding the lock on lock.name, or 0.
+pid_t lock_holder()
+{
+    int fd = open(kLock, O_RDWR | O_CLOEXEC);
+    struct flock fl {};
+    fl.l_type = F_WRLCK;
+    pid_t holder = fd >= 0 && fcntl(fd, F_GETLK, &fl) == 0 && fl.l_type != F_UNLCK ? fl.l_pid : 0;
+    close(fd);
+    return holder;
+}
+
+TEST_F(Clients, ClientsThatDieOrCrowdInGetOnlyTheirOwnAnswers)
+{
+    pid_t pid = lab.start_daemon();
+    ASSERT_GT(pid, 0) << lab.last_error();
+    std::string out;
+    ASSERT_EQ(lab.halyardctl({"add", "mine<20>"}, &out), 0) << out;
+
+    // A client killed while its lookup (answered after 5 s) is under way:
+    // the late answer comes while the next client waits for its own.
+    int watch = lab.udp_socket(lab_station1, 137);
+    ASSERT_GE(watch, 0);
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        NscConn c;
+        nsc_setup(&c, nullptr, 30);
+        uint8_t name[16];
+        NscLookup l;
+        _exit(nsc_strtonb(name, "nobody<20>") == 0 && nsc_lookup(&c, name, &l) == 0 ? 0 : 1);
+    }
+    // Its request is in the daemon once the query goes on the wire.
+    Bytes enc = wire_name(ns_name("nobody"));
+    bool seen = false;
+    for (auto d = lab.recv(watch, 20.0); d && !seen; d = seen ? d : lab.recv(watch, 20.0))
+        seen = d->bytes.size() > 12 + enc.size() && d->bytes[2] == 0x01 &&
+               Bytes(d->bytes.begin() + 12, d->bytes.begin() + 12 + long(enc.size())) == enc;
+    EXPECT_EQ(lock_holder(), child);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    ASSERT_TRUE(seen) << "the lookup's query was not seen";
+    EXPECT_EQ(lab.halyardctl({"check", "mine<20>"}, &out), 0) << out;
+    EXPECT_NE(out.find("mine"), std::string::npos) << out;
+    EXPECT_EQ(lab.halyardctl({"check", "nobody<20>"}, &out), 1) << out;
+
+    // A client that wrote its request and left: its answer waits in the
+    // client FIFO when the next client comes.
+    int to = open(kServer, O_WRONLY | O_NONBLOCK), from = open(kClient, O_RDWR | O_NONBLOCK);
+    ASSERT_TRUE(put(to, header(NS_LISTNAME, 0x5a5a5a5a, 0)));
+    pollfd p{from, POLLIN, 0};
+    EXPECT_EQ(poll(&p, 1, 20000), 1) << "no answer came into the client FIFO";
+    close(to), close(from);
+    EXPECT_EQ(lab.halyardctl({"scope"}, &out), 0) << out;
+    EXPECT_EQ(lab.halyardctl({"check", "mine<20>"}, &out), 0) << out;
+
+    // Twenty clients at once, each with fifty requests.
+    std::vector<pid_t> kids;
+    for (int i = 0; i < 20; ++i) {
+        kids.push_back(fork());
+        if (kids.back() == 0)
+            _exit(client_run(i));
+    }
+    for (size_t i = 0; i < kids.size(); ++i) {
+        int st = -1;
+        EXPECT_TRUE(kids[i] > 0 && waitpid(kids[i], &st, 0) == kids[i] && WIFEXITED(st) && WEXITSTATUS(st) == 0)
+            << "client " << i << ": " << lab_describe_status(st);
+    }
+    EXPECT_EQ(lab.halyardctl({"list"}, &out), 0) << out;
+    EXPECT_EQ(out.find("client"), std::string::npos) << out;
+    EXPECT_EQ(lab.registered_pid(), pid);
+}
+
+TEST_F(Clients, AKilledRelayOrDaemonIsToldToClientsAndReplaced)
 {
     start_serving();
-    pid_t daemon = lab.registered_pid();
-    pid_t relay = relay_of(daemon);
+    pid_t pid = lab.registered_pid();
+    pid_t relay = relay_of(pid);
     ASSERT_GT(relay, 0);
-
-    // Held still, the daemon cannot replace the relay yet: the client is told.
-    ASSERT_EQ(kill(daemon, SIGSTOP), 0);
+    // Held still, the daemon cannot replace a killed relay yet: the client is told.
+    ASSERT_EQ(kill(pid, SIGSTOP), 0);
     ASSERT_EQ(kill(relay, SIGKILL), 0);
     std::string out;
     EXPECT_EQ(lab.halyardctl({"--timeout", "3", "lookup", "SHARED<20>"}, &out, kNobody, kNobody), 3) << out;
-    EXPECT_NE(out.find("runs (pid " + std::to_string(daemon) + ") but its request relay does not"),
-              std::string::npos)
+    EXPECT_NE(out.find("runs (pid " + std::to_string(pid) + ") but its request relay does not"), std::string::npos)
         << out;
-    ASSERT_EQ(kill(daemon, SIGCONT), 0);
-
+    ASSERT_EQ(kill(pid, SIGCONT), 0);
     EXPECT_TRUE(lab.wait_log("Halyard: notifier process ended; starting a new one")) << lab.log();
-    pid_t again = relay_of(daemon);
-    EXPECT_GT(again, 0);
-    EXPECT_NE(again, relay);
+    EXPECT_NE(relay_of(pid), relay);
     expect_served("kill -9 of the relay");
+
+    // An orderly stop hangs the relay up; it removes the FIFOs.
+    ASSERT_TRUE(lab.stop_daemon(pid));
+    ASSERT_TRUE(lab.wait_exit(-1, 20.0)) << "the relay did not end";
+    EXPECT_TRUE(gone_within(kServer, 20.0));
+    EXPECT_TRUE(gone_within(kClient, 20.0));
+
+    // Killed outright, nothing cleans up: the registration names the dead
+    // process and the relay still waits on its FIFO.
+    pid = lab.start_daemon();
+    ASSERT_GT(pid, 0) << lab.last_error();
+    ASSERT_EQ(lab.halyardctl({"add", "keep<20>"}), 0);
+    ASSERT_EQ(kill(pid, SIGKILL), 0);
+    int status = -1;
+    ASSERT_TRUE(lab.wait_exit(pid, 20.0, &status));
+    EXPECT_EQ(lab.registered_pid(), pid);
+    EXPECT_EQ(access(kServer, F_OK), 0);
+    // The next request reaches the relay, whose pipe to the daemon is broken:
+    // it ends by that signal, removing the FIFOs. The client is told.
+    EXPECT_EQ(lab.halyardctl({"--timeout", "3", "list"}, &out), 3) << out;
+    EXPECT_NE(out.find("running"), std::string::npos) << out;
+    ASSERT_TRUE(lab.wait_exit(-1, 20.0, &status)) << "the relay did not end";
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == SIGPIPE) << lab_describe_status(status);
+    EXPECT_TRUE(gone_within(kServer, 20.0));
+    EXPECT_TRUE(gone_within(kClient, 20.0));
+    EXPECT_EQ(lab.halyardctl({"list"}, &out), 3) << out;
+    EXPECT_NE(out.find("not running"), std::string::npos) << out;
+
+    // A new start takes over the stale registration and serves.
+    ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
+    EXPECT_EQ(lab.halyardctl({"list"}, &out), 0) << out;
+    EXPECT_EQ(out.find("keep"), std::string::npos) << out;
+    EXPECT_EQ(lab.halyardctl({"add", "fresh<20>"}, &out), 0) << out;
+    EXPECT_EQ(lab.log().find("pid lock"), std::string::npos) << lab.log();
+    EXPECT_EQ(lab.log().find("database error"), std::string::npos) << lab.log();
 }
 
 // Links planted where the super-user appends or rewrites: the file behind
 // them stays as it was, and the log says why.
 TEST_F(Clients, RootFollowsNoLinkPlantedInTheAdministrativeUsersDirectories)
 {
+    const char* victim = "/etc/opt/KORRbase/victim";
     const struct {
         const char* why;
         const char* link;
@@ -313,25 +372,24 @@ TEST_F(Clients, RootFollowsNoLinkPlantedInTheAdministrativeUsersDirectories)
         {"registration", lab_plist_path, lab_plist_path, {}, false},
     };
     ASSERT_TRUE(lab.write_config(lab.default_config()));
-    ASSERT_EQ(mkdir("/var/opt/KORRbase/rtdb/realm=NB", 0775) == 0 || errno == EEXIST, true);
-    ASSERT_EQ(mkdir("/var/opt/KORRbase/rtdb/realm=NB/program=Halyard", 0775) == 0 || errno == EEXIST, true);
+    ASSERT_EQ(mkdir("/var/opt/KORRbase/rtdb/realm=NB", 0775), 0);
+    ASSERT_EQ(mkdir("/var/opt/KORRbase/rtdb/realm=NB/program=Halyard", 0775), 0);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.why);
-        ASSERT_TRUE(lab.write_file(kVictim, "precious\n", 0600));
+        ASSERT_TRUE(lab.write_file(victim, "precious\n", 0600));
         unlink(c.link);
-        ASSERT_EQ(symlink(kVictim, c.link), 0);
+        ASSERT_EQ(symlink(victim, c.link), 0);
         if (c.serves) {
             start_serving(c.args);
             expect_served(c.why);
             EXPECT_TRUE(lab.stop_daemon(lab.registered_pid()));
         } else {
             EXPECT_EQ(lab.launch(c.args), 0);
-            int status = -1;
-            EXPECT_TRUE(lab.wait_exit(-1, 20.0, &status));
+            EXPECT_TRUE(lab.wait_exit(-1, 20.0));
         }
         EXPECT_TRUE(lab.wait_log(std::string("Halyard: refusing to write ") + c.named + ": a symbolic link"))
             << lab.log();
-        EXPECT_EQ(lab_read_file(kVictim), "precious\n");
+        EXPECT_EQ(lab_read_file(victim), "precious\n");
         struct stat st;
         ASSERT_EQ(lstat(c.link, &st), 0);
         EXPECT_TRUE(S_ISLNK(st.st_mode));
