@@ -9,13 +9,11 @@
 // made that many commands after the input began (1 to 7 are the waiting
 // ones), so that responses can find their command.
 #include <arpa/inet.h>
-#include <climits>
 #include <cstdio>
 #include <cstring>
 
 #include "fuzz/fuzzenv.h"
 
-#include <span>
 #include "nmtrace.h"
 #include "shr/uniinet.h"
 #include "src/cust.h"
@@ -36,26 +34,19 @@ uint8_t query_area[NPKT_AREA];
 uint8_t claim_area[NPKT_AREA];
 npkt query_pkt, claim_pkt;
 
-void name16(uint8_t* out, const char* text, uint8_t type = 0x20)
-{
-    memset(out, ' ', 16);
-    memcpy(out, text, strlen(text));
-    out[15] = type;
-}
-
 // Another station's query for REMOTE and its registration of CLAIMED, both
 // from 10.88.0.7, as decode_npack leaves them.
 void make_packets()
 {
     uint8_t name[16];
     npkt out;
-    name16(name, "REMOTE");
+    fz_name16(name, "REMOTE");
     init_outpkt(&out, query_area, NT_QUERY, name);
     build_query(&out, 0x1234, 0);
     decode_npack(&query_pkt, query_area, out.size);
     iantoua(&query_pkt.addr, inet_addr("10.88.0.7"), 137);
 
-    name16(name, "CLAIMED");
+    fz_name16(name, "CLAIMED");
     uint8_t* p = claim_area;
     p[0] = 0x43;
     p[1] = 0x21;
@@ -72,16 +63,6 @@ void make_packets()
     iantoua(&claim_pkt.addr, inet_addr("10.88.0.7"), 137);
 }
 
-void clear_enstable()
-{
-    for (int i = 0; i < 100000; i++) {
-        EnsAddr* a = ens_a_old(0, LONG_MAX);
-        if (a == nullptr)
-            break;
-        ens_free(a->host);
-    }
-}
-
 // Makes the seven waiting commands; the id the first one got, less one.
 uint32_t start_commands()
 {
@@ -90,12 +71,12 @@ uint32_t start_commands()
     delete probe;
     uint8_t name[16];
     uint32_t addrs[2] = {inet_addr("10.88.0.1"), inet_addr("10.88.1.1")};
-    name16(name, "FAR");
+    fz_name16(name, "FAR");
     add_lu(name, 0, NS_LOOKUP, 1, 11);
     nda_lquery(name, 1, 11);
-    name16(name, "HOST");
+    fz_name16(name, "HOST");
     nda_add(name, 0, addrs, 1);
-    name16(name, "OLD");
+    fz_name16(name, "OLD");
     nda_delete(name, addrs, 2);
     nda_equiv(addrs, 2);
     nda_purge(inet_addr("10.88.0.50"));
@@ -108,15 +89,9 @@ uint32_t start_commands()
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    fz_private_net();
-    fz_quiet();
-    fz_fake_clock();
-    fz_ntf_pipes();
-    fz_daemon_host();
+    fz_daemon();
     nda_addr[0] = inet_addr("10.88.0.200");
     nda_ct = 1;
-    for (const if_entry& e : std::span(my_addr, size_t(my_addr_ct)))
-        ens_a_add(e.addr, nullptr);
     make_packets();
     return 0;
 }
@@ -126,14 +101,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (size < 1 || size > 1 + 1500)
         return -1;
     uint8_t opt = data[0];
-    if (opt & 2) {
-        tcfile = fz_trace_sink();
-        tc_in = tc_out = tc_proc = tc_err = 9;
-    }
+    if (opt & 2)
+        fz_trace_all();
     uint8_t name[16];
-    name16(name, "HOST");
+    fz_name16(name, "HOST");
     nt_add(name, 0);
-    name16(name, "TEAM", 0x1C);
+    fz_name16(name, "TEAM", 0x1C);
     nt_add(name, NT_GROUP);
     uint32_t base = start_commands();
 
@@ -155,12 +128,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     delete[] bytes;
 
     rm_lu(1);
-    fz_advance(70, 1);   // retries, waits and cached answers run out
-    fz_ntf_drain();
-    fz_clear_names();
-    clear_enstable();
-    tcfile = nullptr;
-    tc_in = tc_out = tc_proc = tc_err = 0;
-    fz_truncate_log();
+    fz_end_input(70);   // retries, waits and cached answers run out
     return 0;
 }

@@ -8,17 +8,14 @@
 //   bit 2  every trace level at 9    bit 3  the sender is off our subnets
 //   bit 4  lookups are not strict
 #include <arpa/inet.h>
-#include <climits>
 #include <cstdio>
 #include <cstring>
 
 #include "fuzz/fuzzenv.h"
 
-#include <span>
 #include "nmtrace.h"
 #include "shr/uniinet.h"
 #include "src/dorequest.h"
-#include "src/enstable.h"
 #include "src/getnpack.h"
 #include "src/maininit.h"
 #include "src/namelogin.h"
@@ -26,37 +23,9 @@
 #include "src/ntable.h"
 #include "src/service.h"
 
-namespace {
-
-void name16(uint8_t* out, const char* text, uint8_t type)
-{
-    memset(out, ' ', 16);
-    memcpy(out, text, strlen(text));
-    out[15] = type;
-}
-
-// The hosts learnt from status answers: gone before the next input.
-void clear_enstable()
-{
-    for (int i = 0; i < 100000; i++) {
-        EnsAddr* a = ens_a_old(0, LONG_MAX);
-        if (a == nullptr)
-            break;
-        ens_free(a->host);
-    }
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    fz_private_net();
-    fz_quiet();
-    fz_fake_clock();
-    fz_ntf_pipes();
-    fz_daemon_host();
-    for (const if_entry& e : std::span(my_addr, size_t(my_addr_ct)))
-        ens_a_add(e.addr, nullptr);
+    fz_daemon();
     return 0;
 }
 
@@ -68,18 +37,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     nda_ct = opt & 1;
     nda_addr[0] = inet_addr("10.88.0.200");
     strict = (opt & 16) ? 0 : 1;
-    if (opt & 4) {
-        tcfile = fz_trace_sink();
-        tc_in = tc_out = tc_proc = tc_err = 9;
-    }
+    if (opt & 4)
+        fz_trace_all();
     uint8_t name[16];
-    name16(name, "HOST", 0x20);
+    fz_name16(name, "HOST", 0x20);
     nt_add(name, 0);
-    name16(name, "TEAM", 0x1C);
+    fz_name16(name, "TEAM", 0x1C);
     nt_add(name, NT_GROUP);
-    name16(name, "NEWNAME", 0x20);
+    fz_name16(name, "NEWNAME", 0x20);
     nt_add(name, NT_PENDING);
-    name16(name, "FAR", 0x20);
+    fz_name16(name, "FAR", 0x20);
     add_lu(name, 0, NS_LOOKUP, 1, 11);
     add_lu(name, inet_addr("10.88.0.7"), NS_ADAPSTAT, 2, 12);
 
@@ -97,12 +64,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 
     rm_lu(1);
     rm_lu(2);
-    fz_advance(40, 1);   // claims, retries and waits run out
-    fz_ntf_drain();
-    fz_clear_names();
-    clear_enstable();
-    tcfile = nullptr;
-    tc_in = tc_out = tc_proc = tc_err = 0;
-    fz_truncate_log();
+    fz_end_input(40);   // claims, retries and waits run out
     return 0;
 }

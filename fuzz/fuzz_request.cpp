@@ -19,11 +19,7 @@
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    fz_private_net();
-    fz_quiet();
-    fz_fake_clock();
-    fz_ntf_pipes();
-    fz_daemon_host();
+    fz_daemon();
     ssport = 139;
     nda_addr[0] = inet_addr("10.88.0.200");
     strcpy(nb_scope, "sales.corp");
@@ -36,10 +32,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         return -1;
     uint8_t opt = data[0];
     nda_ct = opt & 1;
-    if (opt & 2) {
-        tcfile = fz_trace_sink();
-        tc_in = tc_out = tc_proc = tc_err = 9;
-    }
+    if (opt & 2)
+        fz_trace_all();
     fz_ntf_feed(data + 1, size - 1);
     // Each interrupt reads until a lookup or a status request; a request
     // cut short ends the pass.
@@ -47,11 +41,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         do_request(SIGINT);
         fz_ntf_drain();
     }
-    fz_advance(20, 1);   // claim cycles and lookup time-outs run out
-    fz_ntf_drain();
-    fz_clear_names();
-    tcfile = nullptr;
-    tc_in = tc_out = tc_proc = tc_err = 0;
-    fz_truncate_log();
+    fz_end_input(20);   // claim cycles and lookup time-outs run out
     return 0;
 }

@@ -6,7 +6,9 @@
 #include <cstring>
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <climits>
 #include <initializer_list>
+#include <span>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -15,6 +17,7 @@
 
 #include "nmtrace.h"
 #include "shr/logging.h"
+#include "src/enstable.h"
 #include "src/maininit.h"
 #include "src/namelogin.h"
 #include "src/namecust.h"
@@ -171,4 +174,45 @@ void fz_daemon_host()
     nmport = 137;
     ndport = 227;
     ensport = 228;
+}
+
+void fz_daemon()
+{
+    fz_private_net();
+    fz_quiet();
+    fz_fake_clock();
+    fz_ntf_pipes();
+    fz_daemon_host();
+    for (const if_entry& e : std::span(my_addr, size_t(my_addr_ct)))
+        ens_a_add(e.addr, nullptr);
+}
+
+void fz_name16(uint8_t* out, const char* text, uint8_t type)
+{
+    memset(out, ' ', 16);
+    memcpy(out, text, strnlen(text, 15));
+    out[15] = type;
+}
+
+void fz_trace_all()
+{
+    tcfile = fz_trace_sink();
+    tc_in = tc_out = tc_proc = tc_err = 9;
+}
+
+void fz_end_input(int seconds)
+{
+    fz_advance(seconds, 1);
+    fz_ntf_drain();
+    fz_clear_names();
+    // The hosts learnt from the input; our own stay.
+    for (int i = 0; i < 100000; i++) {
+        EnsAddr* a = ens_a_old(0, LONG_MAX);
+        if (a == nullptr)
+            break;
+        ens_free(a->host);
+    }
+    tcfile = nullptr;
+    tc_in = tc_out = tc_proc = tc_err = 0;
+    fz_truncate_log();
 }

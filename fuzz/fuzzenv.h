@@ -49,3 +49,15 @@ bool fz_ntf_pending();  // request bytes still wait in the pipe
 void fz_daemon_host();
 // Empties the local name table.
 void fz_clear_names();
+
+// A daemon as the datagram and request harnesses need it: off the network,
+// quiet, on the fake clock, with its relay pipes and fz_daemon_host's
+// settings, its own addresses known as its own host.
+void fz_daemon();
+// NAME padded with spaces to 15 bytes, then TYPE.
+void fz_name16(uint8_t* out, const char* text, uint8_t type = 0x20);
+// Every trace level at 9 into fz_trace_sink.
+void fz_trace_all();
+// The end of an input: the clock moves on SECONDS so that retries and waits
+// run out, then names, learnt hosts, responses, trace and log are cleared.
+void fz_end_input(int seconds);
