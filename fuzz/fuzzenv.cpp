@@ -101,12 +101,12 @@ FILE* fz_trace_sink()
     return sink;
 }
 
-void fz_fake_clock()
+static void fz_fake_clock()
 {
     dg_set_clock(fake_time, fake_alarm);
 }
 
-void fz_advance(int seconds, int step)
+static void fz_advance(int seconds, int step)
 {
     for (int done = 0; done < seconds; done += step) {
         fake_now += step;
@@ -114,12 +114,7 @@ void fz_advance(int seconds, int step)
     }
 }
 
-time_t fz_now()
-{
-    return fake_now;
-}
-
-void fz_ntf_pipes()
+static void fz_ntf_pipes()
 {
     int a[2], b[2];
     if (pipe(a) != 0 || pipe(b) != 0)
@@ -157,13 +152,13 @@ bool fz_ntf_pending()
     return ioctl(from_ntf, FIONREAD, &n) == 0 && n > 0;
 }
 
-void fz_clear_names()
+static void fz_clear_names()
 {
     while (n_table != nullptr)
         nt_del(n_table->name);
 }
 
-void fz_daemon_host()
+static void fz_daemon_host()
 {
     static if_entry ifs[2];
     ifs[0] = {inet_addr("10.88.0.1"), inet_addr("10.88.0.255"), inet_addr("255.255.255.0")};

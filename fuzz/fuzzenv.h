@@ -29,31 +29,17 @@ void fz_truncate_log();
 // What does not fit in its 64 KiB is dropped after formatting.
 FILE* fz_trace_sink();
 
-// The timer table on a fake clock whose alarm never arms.
-void fz_fake_clock();
-// Moves the fake clock on by seconds and runs every timer due, step by step,
-// so that retries and time-outs run their course.
-void fz_advance(int seconds, int step);
-time_t fz_now();
-
-// The daemon's ends of the relay pipes (from_ntf non-blocking, to_ntf
-// non-blocking with a large buffer); fz_ntf_feed writes a request stream
-// (at most the pipe's room), fz_ntf_drain discards every response waiting.
-void fz_ntf_pipes();
+// A daemon as the datagram and request harnesses need it: off the network,
+// quiet, its timers on a fake clock whose alarm never arms, the daemon's
+// ends of the relay pipes (non-blocking, large), two interfaces 10.88.0.1/24
+// and 10.88.1.1/24 with the UDP transport and the default ports, its own
+// addresses known as its own host.
+void fz_daemon();
+// fz_ntf_feed writes a request stream (at most the pipe's room),
+// fz_ntf_drain discards every response waiting.
 size_t fz_ntf_feed(const uint8_t* data, size_t size);
 void fz_ntf_drain();
 bool fz_ntf_pending();  // request bytes still wait in the pipe
-
-// The settings of a configured daemon: two interfaces, 10.88.0.1/24 and
-// 10.88.1.1/24, the UDP transport and the default ports.
-void fz_daemon_host();
-// Empties the local name table.
-void fz_clear_names();
-
-// A daemon as the datagram and request harnesses need it: off the network,
-// quiet, on the fake clock, with its relay pipes and fz_daemon_host's
-// settings, its own addresses known as its own host.
-void fz_daemon();
 // NAME padded with spaces to 15 bytes, then TYPE.
 void fz_name16(uint8_t* out, const char* text, uint8_t type = 0x20);
 // Every trace level at 9 into fz_trace_sink.

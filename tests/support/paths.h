@@ -3,9 +3,7 @@
 // Where the build put the daemon, and the source tree (for test data).
 const char* halyard_binary();
 const char* halyard_source_dir();
-// The build tree and the cmake that made it (for installing from it).
+// The build tree (generated manual pages).
 const char* halyard_build_dir();
-const char* halyard_cmake();
-// The benchmark's load generator and reference responder (bench/).
+// The benchmark's load generator (bench/), also a crowd of status answerers.
 const char* halyard_loadgen_binary();
-const char* halyard_refresp_binary();
