@@ -262,7 +262,7 @@ TEST_F(Directory, ServesEveryRequestOfTheProtocol)
                    "halyard-nda: the configuration's [agent] section is malformed: not started\n");
     EXPECT_NE(lab_read_file("/var/opt/KORRbase/log.nda").find("bad.vz line 2: port: expecting"), std::string::npos);
 
-    start_agent();
+    pid_t agent = start_agent();
     int s[3] = {lab.udp_socket(lab_daemon, 228, "127.0.0.2"), lab.udp_socket(lab_daemon, 228, "127.0.0.3"),
                 lab.udp_socket(lab_daemon, 228, "127.0.0.4")};
     ASSERT_TRUE(s[0] >= 0 && s[1] >= 0 && s[2] >= 0) << lab.last_error();
@@ -297,6 +297,25 @@ TEST_F(Directory, ServesEveryRequestOfTheProtocol)
     ASSERT_TRUE(lab.send_to(s[2], "127.0.0.1", 227, datagram(v.id, ndasim::verify | response_bit, -1, 3, {})));
     EXPECT_EQ(from_agent(s[1]), answer(12, ndasim::add, 0));
     EXPECT_EQ(ask_agent(TEAM), "10.1.0.3");
+
+    // A flood of garbage and of ADDs for 10,000 new names, each a new id:
+    // the agent keeps answering, its resident size bounded (the names are
+    // in the directory's file, the answers kept for repeats capped).
+    uint32_t seed = 7;
+    for (int i = 0; i < 20000; i++) {
+        Bytes d(i % 2 ? seed % 600 : 0);
+        for (uint8_t& b : d)
+            b = uint8_t((seed = seed * 1103515245 + 12345) >> 16);
+        if (i % 2 == 0)
+            d = add(100000 + i, nb_name("F" + std::to_string(i), 0x20), 0, {"10.2.0.9"});
+        lab.send_to(s[i % 3], "127.0.0.1", 227, d);
+    }
+    // What overflowed the agent's socket buffer is lost: ask until answered.
+    EXPECT_TRUE(wait_for(60, [&] { return ask_agent(TEAM) == "10.1.0.3"; }));
+    std::string status = lab_read_file("/proc/" + std::to_string(agent) + "/status");
+    size_t at = status.find("\nVmRSS:");
+    ASSERT_NE(at, std::string::npos);
+    EXPECT_LE(atol(status.c_str() + at + 7), 32 * 1024) << status.substr(at, 30);
 }
 
 
