@@ -1,15 +1,12 @@
-// What any station of the LAN can send, with two agents configured
-// (simulated, on station 1) so that the ENS port is open and the daemon
-// learns from what it hears: malformed, cut and mutated datagrams at both
-// ports, queries from 100,000 senders, status answers nobody asked for or
-// forged; and the log taken away. After each the daemon is the same process,
-// serves stations and clients, and stays within its bound on resident size.
-// Every flood is bounded in count and in time; nothing asserts on speed.
+// What any station can send, with two simulated agents so that the ENS port
+// is open: malformed and mutated datagrams at both ports, unasked status
+// answers, queries from 100,000 senders. After each the daemon is the same
+// process, serves, and stays within its bound on resident size. Every flood
+// is bounded in count and time; nothing asserts on speed.
 
 #include "tests/support/lab.h"
 #include "tests/support/ndasim.h"
 #include "tests/support/nswire.h"
-#include "tests/support/paths.h"
 
 #include <gtest/gtest.h>
 #include <arpa/inet.h>
@@ -36,35 +33,22 @@ using ndasim::put_ip;
 
 double since(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
 
-Bytes cat(Bytes a, const Bytes& b)
-{
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
+Bytes cat(Bytes a, const Bytes& b) { return a.insert(a.end(), b.begin(), b.end()), a; }
 
 Bytes nb(const std::string& text, uint8_t type = 0x20) { return ns_name(text.c_str(), type); }
-Bytes query(uint16_t id, const Bytes& name)
-{
-    return ns_packet(id, 0x01, 0x10, {1, 0, 0, 0}, name, {0}, {0, 0x20, 0, 1});
-}
-Bytes status_request(uint16_t id, const Bytes& name)
-{
-    return ns_packet(id, 0, 0, {1, 0, 0, 0}, name, {0}, {0, 0x21, 0, 1});
-}
-// NB, IN, TTL 0, RDLENGTH 6, no flags, station 1's address.
-const Bytes nb_rr = cat({0, 0x20, 0, 1, 0, 0, 0, 0, 0, 6, 0, 0}, ip_bytes("10.88.0.2"));
-// A registration (0x29) or release (0x30) request, or a one-record response.
-Bytes request(uint16_t id, uint8_t b2, const Bytes& name)
+Bytes query(uint16_t id, const Bytes& name) { return ns_packet(id, 1, 0x10, {1, 0, 0, 0}, name, {0}, {0, 0x20, 0, 1}); }
+Bytes status_request(uint16_t id, const Bytes& n) { return ns_packet(id, 0, 0, {1, 0, 0, 0}, n, {0}, {0, 0x21, 0, 1}); }
+const Bytes nb_rr = cat({0, 0x20, 0, 1, 0, 0, 0, 0, 0, 6, 0, 0}, ip_bytes("10.88.0.2"));  // NB record, station 1
+Bytes request(uint16_t id, uint8_t b2, const Bytes& name)  // registration (0x29) or release (0x30)
 {
     return ns_packet(id, b2, 0x10, {1, 0, 0, 1}, name, {0}, cat({0, 0x20, 0, 1, 0xC0, 0x0C}, nb_rr));
 }
-Bytes response(uint16_t id, uint8_t b2, uint8_t b3, const Bytes& name)
+Bytes response(uint16_t id, uint8_t b2, uint8_t b3, const Bytes& n)
 {
-    return ns_packet(id, b2, b3, {0, 1, 0, 0}, name, {0}, nb_rr);
+    return ns_packet(id, b2, b3, {0, 1, 0, 0}, n, {0}, nb_rr);
 }
 
-// A node-status answer with these names (flags 0x0400 each, or as given)
-// and the 46-byte statistics.
+// A node-status answer with these names and flags and zero statistics.
 Bytes status_answer(uint16_t id, const std::vector<std::pair<Bytes, uint16_t>>& names)
 {
     Bytes rdata{uint8_t(names.size())};
@@ -174,8 +158,7 @@ class Robust : public ::testing::Test {
 protected:
     void SetUp() override { LAB_SETUP_OR_SKIP(lab, 1); }
 
-    // Two agents, the route back to the flood's senders, the daemon with a
-    // name of its own claimed and registered.
+    // Two agents, the route to the flood's senders, our name claimed and registered.
     void start(const char* trace)
     {
         for (const char* a : {"10.88.0.5/24", "10.88.0.6/24"})
@@ -197,8 +180,7 @@ protected:
         ASSERT_TRUE(raw >= 0 && fd >= 0) << lab.last_error();
     }
 
-    // Asks station 1's question until answered with our address, for at most
-    // 30 s (a name is not answered while its claim runs).
+    // Asks station 1's query until answered with our address (not while the claim runs).
     bool answered(uint16_t id, const Bytes& name)
     {
         int q = lab.udp_socket(lab_station1, 0);
@@ -212,8 +194,7 @@ protected:
         return false;
     }
 
-    // Sends `b` from station 1, then a status request for a name we do not
-    // hold, and waits for its negative answer: the daemon has read `b`.
+    // Sends `b`, then a status request whose negative answer shows `b` was read.
     bool sent_and_read(const Bytes& b, uint16_t id)
     {
         Bytes want = ns_packet(id, 0x84, 0x03, {0, 1, 0, 0}, nb("nobody"), {0}, {0, 0x0A, 0, 1, 0, 0, 0, 0, 0, 0});
@@ -226,9 +207,8 @@ protected:
         return false;
     }
 
-    // `count` hostile datagrams at both ports for at most `seconds`, spread
-    // over the time (far more than the daemon can read, not all at once),
-    // a valid query for our name among every 32; the count sent.
+    // Up to `count` hostile datagrams at both ports spread over `seconds`, a
+    // valid query for our name among every 32; the count sent.
     uint64_t flood(Rng& rng, double seconds, uint64_t count)
     {
         static const std::vector<Bytes> ns = ns_seeds(), ens = ens_seeds();
@@ -241,8 +221,7 @@ protected:
             bool to_ens = i % 32 != 31 && rng.below(3) == 0;
             Bytes b = i % 32 == 31 ? query(uint16_t(i), nb("FLOOD")) : hostile(rng, to_ens ? ens : ns);
             sockaddr_in to{AF_INET, htons(to_ens ? 228 : 137), {htonl(0x0A580001)}, {}};
-            // A full socket buffer loses one; it is not counted. Answers are
-            // read and thrown away, so that they never hold the flood up.
+            // A full buffer loses one, uncounted; answers are thrown away.
             sent += sendto(fd, b.data(), b.size(), MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&to), sizeof to) > 0;
             for (uint8_t sink[1600]; recv(fd, sink, sizeof sink, MSG_DONTWAIT) > 0;) {
             }
@@ -250,8 +229,7 @@ protected:
         return sent;
     }
 
-    // The same process serves both kinds of users, within the README's
-    // bound on its resident size.
+    // The same process serves both kinds of users, within the README's bound on its size.
     void still_serving(const char* after)
     {
         SCOPED_TRACE(after);
@@ -266,8 +244,7 @@ protected:
 #endif
     }
 
-    // Name entries in the daemon's table, from its dump into the trace (made
-    // after the answer: waits until a new one is complete).
+    // Name entries in the daemon's table, from a new dump into the trace.
     size_t ens_names()
     {
         size_t before = lab.trace().size();
@@ -301,9 +278,8 @@ TEST_F(Robust, HostileDatagramsAtBothPortsLeaveTheDaemonServing)
     std::string out;
     EXPECT_EQ(lab.halyardctl({"check", "FLOOD<20>"}, &out), 0) << out;
 
-    // 2,000 hostile datagrams at the name port, every 50th followed by a
-    // request whose answer shows the daemon has read all before it (so the
-    // burst is not simply lost in a full socket buffer).
+    // 2,000 hostile datagrams at the name port, every 50th shown read (not
+    // lost in a full socket buffer).
     Rng rng{0x9e3779b9u};
     const std::vector<Bytes> seeds = ns_seeds();
     for (int i = 0; i < 2000; ++i) {
@@ -318,8 +294,7 @@ TEST_F(Robust, HostileDatagramsAtBothPortsLeaveTheDaemonServing)
     EXPECT_NE(trace.find("decode_npack: d_to_vd failed"), std::string::npos);
     EXPECT_NE(trace.find("decode_npack: find_flags failed"), std::string::npos);
 
-    // A flood at both ports; the daemon's exit afterwards lets a sanitized
-    // build's leak check see every block the flood left behind.
+    // A flood at both ports; the exit lets a sanitized build check for leaks.
     EXPECT_GT(flood(rng, 6.0, 120000), 1000u);
     still_serving("hostile datagrams");
     EXPECT_EQ(lab.halyardctl({"check", "FLOOD<20>"}, &out), 0) << out;
@@ -329,43 +304,15 @@ TEST_F(Robust, HostileDatagramsAtBothPortsLeaveTheDaemonServing)
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << lab_describe_status(status);
 }
 
-// Status answers nobody asked for, naming our own addresses or from many
-// senders, then queries from 100,000 senders.
+// Status answers nobody asked for from many senders, then queries from
+// 100,000 senders. (What an agent's refusal takes away is the agents' suite.)
 TEST_F(Robust, StationsWithoutNumberTeachTheDaemonOnlyWhatItAsked)
 {
     start("proc=1");
     const uint32_t daemon = inet_addr("10.88.0.1");
-    // Our own status answer (a client asks one of our addresses) and forged
-    // ones naming our address: none may make us a host of the table, or our
-    // own queries and an agent's refusal of a local name would go unrecognised.
-    std::string out;
-    EXPECT_EQ(lab.halyardctl({"status", "10.88.0.1", "FLOOD<20>"}, &out), 0) << out;
-    const Bytes own = ndasim::permanent_name("10.88.0.1");
-    ASSERT_TRUE(lab.send_raw_udp(raw, sender(7), 137, daemon, 137,
-                                 status_answer(1, {{nb("FORGED"), 0x0400}, {own, 0x0600},
-                                                   {ndasim::permanent_name("10.90.0.7"), 0x0600}})));
-    ASSERT_TRUE(sent_and_read(status_answer(2, {{nb("FORGED2"), 0x0400}, {own, 0x0600}}), 0x4242));
-    ASSERT_NE(ens_names(), size_t(-1));
-    std::string t = lab.trace();
-    std::string dump = t.substr(t.rfind("\nENS table --\n"));
-    EXPECT_EQ(dump.find("10.88.0.1"), std::string::npos) << dump;
-    EXPECT_EQ(dump.find("forged"), std::string::npos) << dump;
-    // So an agent that knows another owner of a new local name still takes
-    // it from us: the log says so and the name is gone.
-    ASSERT_EQ(lab.halyardctl({"add", "MINE<20>"}), 0);
-    std::optional<ndasim::Message> add;
-    for (int i = 0; i < 100 && !(add && add->name == nb("MINE")); i++)
-        add = agents[0].next(20.0, ndasim::add);
-    ASSERT_TRUE(add && add->name == nb("MINE")) << lab.trace();
-    ASSERT_TRUE(agents[0].reply_add_refused(*add, false, "10.88.0.9"));
-    EXPECT_TRUE(lab.wait_log("name already exists on network")) << lab.log();
-    EXPECT_TRUE(lab.wait_log("at address 10.88.0.9")) << lab.log();
-    still_serving("own addresses");
-
     size_t names = ens_names();
     // Unasked status answers of 50 names from 50,000 senders: 16 hosts are
-    // learned at once and 4 a second after (the dump comes after the flood's
-    // end, so a few more seconds' worth).
+    // learned at once and 4 a second after (plus a second for the dump).
     auto begin = Clock::now();
     std::vector<std::pair<Bytes, uint16_t>> fifty;
     for (int i = 0; i < 50; i++)
@@ -378,69 +325,13 @@ TEST_F(Robust, StationsWithoutNumberTeachTheDaemonOnlyWhatItAsked)
     EXPECT_LE(ens_names(), names + size_t(50 * (16 + 4 * (since(begin) + 1))));
     still_serving("unasked status answers");
 
-    // Queries from 100,000 senders, a name of their own each (so that no
-    // query is merged with another), at most about 20,000 a second.
+    // Queries from 100,000 senders, a name each (none merged), ~20,000 a second.
     sent = 0;
     begin = Clock::now();
     for (uint32_t i = 0; i < 100000 && since(begin) < 60.0; i++, i % 100 ? 0 : usleep(5000))
         sent += lab.send_raw_udp(raw, sender(i), 137, daemon, 137, query(uint16_t(i), nb("Q" + std::to_string(i))));
     EXPECT_GT(sent, 1000u);
     still_serving("queries from 100,000 senders");
-}
-
-// Hosts that answer our own status requests (asked because they sent a
-// query) are all learned, as many as the benchmark's 5,000 on one /16.
-TEST_F(Robust, HostsThatAnswerOurStatusRequestsAreAllLearned)
-{
-    std::string hostsim = halyard_loadgen_binary();
-    hostsim.replace(hostsim.rfind("loadgen"), 7, "hostsim");
-    if (access(hostsim.c_str(), X_OK) != 0)
-        GTEST_SKIP() << hostsim << " is not built (target halyard-hostsim)";
-    start("proc=1");
-    ASSERT_EQ(lab.run(lab_station1, {"/sbin/ip", "route", "add", "local", "10.78.0.0/16", "dev", "lo"}), 0);
-    ASSERT_EQ(lab.run(lab_daemon, {"/sbin/ip", "route", "add", "10.78.0.0/16", "via", "10.88.0.2"}), 0);
-    std::string out;
-    EXPECT_EQ(lab.run(lab_station1, {hostsim, "--target", "10.88.0.1", "--net", "10.78", "--hosts", "5000"}, &out,
-                      120.0), 0);
-    EXPECT_GE(ens_names(), size_t(3 * 5000)) << out;  // three names each
-    still_serving("5,000 hosts learned");
-}
-
-// A log removed while the daemon runs is made again by the next message; a
-// directory in its place turns logging off for the rest of the process.
-TEST_F(Robust, ALogRemovedWhileRunningIsCreatedAgainAndAnUnwritableOneIsLeftAlone)
-{
-    pid = lab.start_daemon();
-    ASSERT_GT(pid, 0) << lab.last_error();
-    fd = lab.udp_socket(lab_station1, 0);
-    // A claim answered by another station: a message for the log.
-    auto conflict = [&](const char* name) {
-        std::string n = std::string(name) + "<20>", out;
-        if (lab.halyardctl({"add", n}, &out) != 0 ||
-            !lab.send_to(fd, "10.88.0.1", 137, response(1, 0xAD, 0x86, nb(name))))
-            return false;
-        for (int i = 0; i < 200 && lab.halyardctl({"check", n}, &out) != 1; ++i)
-            usleep(100 * 1000);
-        return lab.halyardctl({"check", n}, &out) == 1;  // handled: the name is dropped
-    };
-    ASSERT_EQ(unlink(lab_log_path), 0);
-    ASSERT_TRUE(conflict("GONE"));
-    ASSERT_TRUE(lab.wait_log("Halyard: name already exists on network: gone")) << lab.log();
-    auto groups = lab.log_groups();
-    ASSERT_EQ(groups.size(), 1u) << lab.log();
-    EXPECT_EQ(groups[0].messages.size(), 2u) << lab.log();
-
-    ASSERT_EQ(unlink(lab_log_path), 0);
-    ASSERT_EQ(mkdir(lab_log_path, 0755), 0);
-    ASSERT_TRUE(conflict("LOST"));
-    ASSERT_EQ(rmdir(lab_log_path), 0);
-    ASSERT_TRUE(conflict("BACK"));
-    EXPECT_NE(access(lab_log_path, F_OK), 0) << lab.log();
-    EXPECT_EQ(lab.registered_pid(), pid);
-    ASSERT_TRUE(lab.stop_daemon(pid));
-    // The next process logs again.
-    ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
-    EXPECT_TRUE(lab.wait_log(" starting.")) << lab.log();
 }
 
 }  // namespace
