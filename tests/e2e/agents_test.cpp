@@ -1,13 +1,13 @@
 // The peer name directory as its agents and the other stations see it: the
 // real daemon in the lab, a simulated agent at the agent port of a station,
-// ENS datagrams on the wire both ways.
+// ENS datagrams on the wire both ways. Registration, lookups and conflicts
+// through a real agent are in nda_test; here what only a scripted agent shows.
 
 #include "tests/support/lab.h"
 #include "tests/support/ndasim.h"
 #include "tests/support/nswire.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <functional>
 #include <string>
@@ -20,35 +20,18 @@ using ndasim::Agent;
 using ndasim::Message;
 using Addrs = std::vector<std::string>;
 
-// Name-service datagrams of the other stations, written out.
-Bytes nb_tail(uint16_t flags, const Bytes& addr)
+Bytes nb(const char* text, uint8_t type = 0x20) { return ndasim::nb_name(text, type); }
+const Bytes wildcard{'*', 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+
+// A registration (b2 0x29) or release (0x30) of another station; the
+// additional record's name points to the question.
+Bytes registration(uint16_t id, uint8_t b2, const Bytes& name, const Bytes& addr)
 {
-    Bytes b{0x00, 0x20, 0x00, 0x01, 0, 0, 0, 0, 0, 6, uint8_t(flags >> 8), uint8_t(flags)};
-    b.insert(b.end(), addr.begin(), addr.end());
-    return b;
-}
-Bytes name_query(uint16_t id, const Bytes& name)
-{
-    return ns_packet(id, 0x01, 0x10, {1, 0, 0, 0}, name, {0}, {0x00, 0x20, 0x00, 0x01});
-}
-// A registration (b2 0x29) or release (0x30) request; the additional record's
-// name points to the question.
-Bytes registration(uint16_t id, uint8_t b2, const Bytes& name, uint16_t flags, const Bytes& addr)
-{
-    Bytes rest{0x00, 0x20, 0x00, 0x01, 0xC0, 0x0C};
-    Bytes t = nb_tail(flags, addr);
-    rest.insert(rest.end(), t.begin(), t.end());
+    Bytes rest{0x00, 0x20, 0x00, 0x01, 0xC0, 0x0C, 0x00, 0x20, 0x00, 0x01, 0, 0, 0, 0, 0, 6, 0, 0};
+    rest.insert(rest.end(), addr.begin(), addr.end());
     return ns_packet(id, b2, 0x10, {1, 0, 0, 1}, name, {0}, rest);
 }
-// A one-record response: positive query answer (0x85 0x00), negative
-// registration response (0xAD 0x86).
-Bytes nb_response(uint16_t id, uint8_t b2, uint8_t b3, const Bytes& name, uint16_t flags,
-                  const Bytes& addr)
-{
-    return ns_packet(id, b2, b3, {0, 1, 0, 0}, name, {0}, nb_tail(flags, addr));
-}
 bool is_status_request(const Bytes& b) { return b.size() >= 50 && b[2] == 0x00 && b[b.size() - 3] == 0x21; }
-bool is_query(const Bytes& b) { return b.size() >= 50 && b[2] == 0x01 && b[b.size() - 3] == 0x20; }
 bool is_refusal(const Bytes& b) { return b.size() > 3 && b[2] == 0xAD; }
 Bytes question_name(const Bytes& b)
 {
@@ -74,8 +57,6 @@ Bytes status_response(uint16_t id, const Bytes& asked, const std::vector<StatusE
     rest.insert(rest.end(), 46, 0);
     return ns_packet(id, 0x84, 0x00, {0, 1, 0, 0}, asked, {0}, rest);
 }
-Bytes nb(const char* text, uint8_t type = 0x20) { return ndasim::nb_name(text, type); }
-const Bytes wildcard{'*', 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
 
 // The daemon with agents on addresses of their own (10.88.0.5 on station 1,
 // 10.89.0.5 on station 2), so the stations' 10.88.0.2 and 10.89.0.2 are
@@ -84,59 +65,34 @@ class EnsLab : public ::testing::Test {
 protected:
     void SetUp() override { LAB_SETUP_OR_SKIP(lab, 2); }
 
-    // Adds the agent's address to the station and opens the agent there.
-    ::testing::AssertionResult open_agent(Agent& agent, int station, bool bound = true)
+    ::testing::AssertionResult open_agent(Agent& agent, int station)
     {
         std::string a = station == 2 ? "10.89.0.5" : "10.88.0.5";
         LabSide side = station == 2 ? lab_station2 : lab_station1;
         if (lab.run(side, {"/sbin/ip", "addr", "add", a + "/24", "dev", station == 2 ? "hs1" : "hs0"}) != 0 ||
-            !agent.open(lab, side, bound ? a : ""))
+            !agent.open(lab, side, a))
             return ::testing::AssertionFailure() << "agent at " << a << ": " << lab.last_error();
         return ::testing::AssertionSuccess();
     }
 
-    // The daemon with these agents, more [transport tcpip] directives, the
-    // interfaces in the other order (hd1 first) if asked; the proc trace on.
-    pid_t start(const Addrs& agents, const std::string& more = "", bool reversed = false)
+    // The daemon with these agents; the proc trace on.
+    pid_t start(const Addrs& agents)
     {
-        std::string text = lab.default_config();
-        if (reversed) {
-            text = "[realm NB]\ntransport tcpip\n";
-            for (int s : {2, 1})
-                text += "\n[interface tcpip " + std::string(Lab::daemon_ifname(s)) + "]\naddress " +
-                        Lab::daemon_addr(s) + "\nnetmask 255.255.255.0\nbroadcast " +
-                        (s == 2 ? "10.89.0.255" : "10.88.0.255") + "\n";
-            text += "\n[transport tcpip]\n";
-        }
-        if (!agents.empty()) {
-            text += "NB-nd-addr";
-            for (const auto& a : agents)
-                text += " " + a;
-            text += "\n";
-        }
-        if (!lab.write_config(text + more))
-            return -1;
-        return lab.start_daemon({"-z", "proc=5"});
+        std::string text = lab.default_config() + "NB-nd-addr";
+        for (const auto& a : agents)
+            text += " " + a;
+        return lab.write_config(text + "\n") ? lab.start_daemon({"-z", "proc=5"}) : -1;
     }
 
-    // One agent on station 1, a socket at station 1's name-service port when
-    // `station` is given, the daemon with that agent; with two interfaces the
-    // start-up EQUIV (in the configuration's order) checked and answered.
-    ::testing::AssertionResult start_with_agent(Agent& agent, int* station, bool reversed = false)
+    // One agent on station 1, a socket at station 1's name-service port, the
+    // daemon with that agent, its start-up EQUIV of both addresses answered.
+    ::testing::AssertionResult start_with_agent(Agent& agent, int& station)
     {
         if (auto opened = open_agent(agent, 1); !opened)
             return opened;
-        if (station != nullptr && (*station = lab.udp_socket(lab_station1, 137)) < 0)
-            return ::testing::AssertionFailure() << "station socket: " << lab.last_error();
-        if (start({"10.88.0.5"}, "", reversed) <= 0)
-            return ::testing::AssertionFailure() << "daemon: " << lab.last_error();
-        if (lab.stations() < 2)
-            return ::testing::AssertionSuccess();
-        Addrs want = reversed ? Addrs{"10.89.0.1", "10.88.0.1"} : Addrs{"10.88.0.1", "10.89.0.1"};
-        auto m = agent.next(20.0, ndasim::equiv);
-        if (!m || !m->body_ok || m->addrs != want || !agent.reply(*m, 0, 0))
-            return ::testing::AssertionFailure() << "start-up EQUIV: " << (m ? m->describe() : lab.trace());
-        return ::testing::AssertionSuccess();
+        if ((station = lab.udp_socket(lab_station1, 137)) < 0 || start({"10.88.0.5"}) <= 0)
+            return ::testing::AssertionFailure() << "station or daemon: " << lab.last_error();
+        return answer(agent, ndasim::equiv, {}, {"10.88.0.1", "10.89.0.1"});
     }
 
     // The ENS table the daemon dumps into its trace: "\nname addr addr\n"
@@ -189,17 +145,18 @@ protected:
         return ::testing::AssertionSuccess();
     }
 
-    // A VERIFY the daemon answers at once (its own address, a name it does
-    // not have): its response shows that all the agent sent before was read.
-    ::testing::AssertionResult sync(Agent& agent, uint32_t id)
+    // A VERIFY of `name` at the daemon's own address, answered at once from
+    // its table: the response shows that all the agent sent before was read.
+    ::testing::AssertionResult sync(Agent& agent, uint32_t id, const char* name = "NOSUCHNAME", int32_t ans = -1)
     {
-        if (!agent.send_verify("10.88.0.1", id, nb("NOSUCHNAME"), "10.88.0.1"))
+        if (!agent.send_verify("10.88.0.1", id, nb(name), "10.88.0.1"))
             return ::testing::AssertionFailure() << "send failed";
         for (int i = 0; i < 100; ++i) {
             auto r = agent.next_response(20.0, ndasim::verify);
             if (!r || r->id == id)
-                return r ? ::testing::AssertionSuccess()
-                         : ::testing::AssertionFailure() << "no VERIFY response " << id << "\n" << lab.trace();
+                return r && r->ans == ans ? ::testing::AssertionSuccess()
+                                          : ::testing::AssertionFailure() << "VERIFY " << id << ": "
+                                                                          << (r ? r->describe() : lab.trace());
         }
         return ::testing::AssertionFailure() << "no VERIFY response " << id;
     }
@@ -207,172 +164,41 @@ protected:
     Lab lab;
 };
 
-class EnsLabOne : public EnsLab {
-protected:
-    void SetUp() override { LAB_SETUP_OR_SKIP(lab, 1); }
-};
-
-TEST_F(EnsLab, LocalNamesRegisteredLookupsAndClaimsOfOthersCheckedAtTheAgent)
+TEST_F(EnsLab, ClaimsOfOtherStationsAreCheckedAtTheAgent)
 {
     Agent agent;
     int station = -1;
-    ASSERT_TRUE(start_with_agent(agent, &station));
-    {
-        // Registered only once the claim is complete (two broadcasts a second
-        // apart), for every own address, with the group flag.
-        for (bool group : {false, true}) {
-            const char* arg = group ? "workgrp<1e>" : "fileserv<20>";
-            SCOPED_TRACE(arg);
-            std::vector<std::string> args{"add", arg};
-            if (group)
-                args.push_back("--group");
-            ASSERT_EQ(lab.halyardctl(args), 0);
-            auto added = ndasim::Clock::now();
-            auto m = agent.next(20.0, ndasim::add);
-            ASSERT_TRUE(m.has_value()) << lab.trace();
-            EXPECT_TRUE(m->body_ok && m->from == "10.88.0.1" && m->port == 228) << m->describe();
-            EXPECT_EQ(m->name, group ? nb("workgrp", 0x1e) : nb("fileserv"));
-            EXPECT_EQ(m->ints, std::vector<int32_t>{group ? 1 : 0});
-            EXPECT_EQ(m->addrs, (Addrs{"10.88.0.1", "10.89.0.1"}));
-            EXPECT_GE(ndasim::seconds(added, m->when), 1.0);
-            ASSERT_TRUE(agent.reply_add_accepted(*m));
-            EXPECT_EQ(lab.halyardctl({"check", arg}), 0);
-        }
-        EXPECT_EQ(lab.halyardctl({"add", "fileserv<20>"}), 1);  // already present
-        std::string listing;
-        EXPECT_EQ(lab.halyardctl({"list"}, &listing), 0);
-        EXPECT_TRUE(listing.find("fileserv<20>") != std::string::npos &&
-                    listing.find("workgrp<1e>") != std::string::npos) << listing;
+    ASSERT_TRUE(start_with_agent(agent, station));
 
-        // The agent knows another owner: the conflict is logged, the name dropped.
-        ASSERT_EQ(lab.halyardctl({"add", "CLASH<20>"}), 0);
-        auto m = agent.next(20.0, ndasim::add);
-        ASSERT_TRUE(m.has_value()) << lab.trace();
-        EXPECT_EQ(m->name, nb("CLASH"));
-        ASSERT_TRUE(agent.reply_add_refused(*m, false, "10.88.0.9"));
-        ASSERT_TRUE(lab.wait_log("name already exists on network: clash")) << lab.log();
-        EXPECT_NE(lab.log().find("at address 10.88.0.9"), std::string::npos) << lab.log();
-        std::string out;
-        EXPECT_EQ(lab.halyardctl({"check", "CLASH<20>"}, &out), 1) << out;
+    // Refused: defended on the owner's behalf, the owner's address in the
+    // answer; the claimer is asked for its status later.
+    ASSERT_TRUE(lab.send_to(station, "10.88.0.255", 137, registration(0x2101, 0x29, nb("TAKEN"), {10, 88, 0, 2})));
+    auto m = agent.next(20.0, ndasim::add);
+    ASSERT_TRUE(m.has_value()) << lab.trace();
+    EXPECT_TRUE(m->body_ok && m->name == nb("TAKEN") && m->ints == std::vector<int32_t>{0} &&
+                m->addrs == Addrs{"10.88.0.2"}) << m->describe();
+    ASSERT_TRUE(agent.reply_add_refused(*m, false, "10.88.0.9"));
+    auto d = collect(station, 1, 10.0, is_refusal);
+    ASSERT_EQ(d.size(), 1u) << lab.trace();
+    EXPECT_EQ(Bytes(d[0].bytes.end() - 4, d[0].bytes.end()), (Bytes{10, 88, 0, 9}));
+    ASSERT_EQ(collect(station, 1, 20.0, is_status_request).size(), 1u) << lab.trace();
 
-        // A deleted name is deleted at the agent for every own address.
-        ASSERT_EQ(lab.halyardctl({"del", "fileserv<20>"}, &out), 0) << out;
-        ASSERT_TRUE(answer(agent, ndasim::del, nb("fileserv"), {"10.88.0.1", "10.89.0.1"}));
-        EXPECT_EQ(lab.halyardctl({"check", "fileserv<20>"}), 1);
-    }
-    {
-        // An unknown name: a QUERY to the agent and a broadcast query; the
-        // agent's answer reaches the client.
-        std::string out;
-        int st = -1;
-        std::thread client([&] { st = lab.halyardctl({"lookup", "remote<20>"}, &out); });
-        auto q = agent.next(20.0, ndasim::query);
-        auto bcast = collect(station, 1, 20.0, [](const Bytes& b) {
-            return is_query(b) && question_name(b) == nb("remote");
-        });
-        if (q)
-            agent.reply_query_positive(*q, false, "10.88.0.7");
-        client.join();
-        ASSERT_TRUE(q.has_value()) << lab.trace();
-        EXPECT_TRUE(q->body_ok) << q->describe();
-        EXPECT_EQ(q->name, nb("remote"));
-        EXPECT_EQ(q->ints, std::vector<int32_t>{0});
-        EXPECT_EQ(q->addrs, Addrs{});
-        EXPECT_EQ(bcast.size(), 1u);
-        EXPECT_EQ(st, 0) << out;
-        EXPECT_NE(out.find("10.88.0.7"), std::string::npos) << out;
-
-        // Again within the minute: from the cache, no QUERY, no broadcast.
-        EXPECT_EQ(lab.halyardctl({"lookup", "remote<20>"}, &out), 0) << out;
-        EXPECT_NE(out.find("10.88.0.7"), std::string::npos) << out;
-        EXPECT_FALSE(agent.next(1.0, ndasim::query).has_value());
-        EXPECT_TRUE(collect(station, 1, 0.5, [](const Bytes& b) { return is_query(b); }).empty());
-        EXPECT_NE(lab.trace().find("nda_lquery: found cached NDA response, addr"), std::string::npos);
-
-        // A negative answer: the client waits for the broadcast query's 5 seconds
-        // and gets not found; the next lookup sends no QUERY at all.
-        std::thread client2([&] { st = lab.halyardctl({"lookup", "absent<20>"}, &out); });
-        q = agent.next(20.0, ndasim::query);
-        if (q)
-            agent.reply_query_negative(*q);
-        client2.join();
-        ASSERT_TRUE(q.has_value()) << lab.trace();
-        EXPECT_EQ(q->name, nb("absent"));
-        EXPECT_EQ(st, 1) << out;
-        EXPECT_NE(out.find("-6"), std::string::npos) << out;
-        EXPECT_EQ(lab.halyardctl({"lookup", "absent<20>"}, &out), 1) << out;
-        EXPECT_FALSE(agent.next(0.5, ndasim::query).has_value());
-        EXPECT_NE(lab.trace().find("nda_lquery: found cached negative NDA response"), std::string::npos);
-
-        // Another station's query for a name nobody local has: asked at the agent,
-        // answered on the owner's behalf; the same query again within the minute
-        // from the cache.
-        int asker = lab.udp_socket(lab_station2, 0);
-        ASSERT_GE(asker, 0);
-        ASSERT_TRUE(lab.send_to(asker, "10.89.0.255", 137, name_query(0x4711, nb("printer"))));
-        q = agent.next(20.0, ndasim::query);
-        ASSERT_TRUE(q.has_value()) << lab.trace();
-        EXPECT_EQ(q->name, nb("printer"));
-        ASSERT_TRUE(agent.reply_query_positive(*q, true, "10.88.0.8"));
-        auto a = lab.recv(asker, 10.0);
-        ASSERT_TRUE(a.has_value()) << lab.trace();
-        EXPECT_EQ(a->bytes, nb_response(0x4711, 0x85, 0x00, nb("printer"), 0x8000, {10, 88, 0, 8}));
-        ASSERT_TRUE(lab.send_to(asker, "10.89.0.255", 137, name_query(0x4712, nb("printer"))));
-        a = lab.recv(asker, 10.0);
-        ASSERT_TRUE(a.has_value()) << lab.trace();
-        EXPECT_EQ(a->bytes, nb_response(0x4712, 0x85, 0x00, nb("printer"), 0x8000, {10, 88, 0, 8}));
-        EXPECT_FALSE(agent.next(0.5, ndasim::query).has_value());
-    }
-    {
-        // Refused: defended on the owner's behalf, the owner's address in the answer.
-        ASSERT_TRUE(lab.send_to(station, "10.88.0.255", 137,
-                                registration(0x2101, 0x29, nb("TAKEN"), 0, {10, 88, 0, 2})));
-        auto m = agent.next(20.0, ndasim::add);
-        ASSERT_TRUE(m.has_value()) << lab.trace();
-        EXPECT_TRUE(m->body_ok) << m->describe();
-        EXPECT_EQ(m->name, nb("TAKEN"));
-        EXPECT_EQ(m->ints, std::vector<int32_t>{0});
-        EXPECT_EQ(m->addrs, Addrs{"10.88.0.2"});
-        ASSERT_TRUE(agent.reply_add_refused(*m, false, "10.88.0.9"));
-        auto d = collect(station, 1, 10.0, is_refusal);
-        ASSERT_EQ(d.size(), 1u) << lab.trace();
-        EXPECT_EQ(d[0].bytes, nb_response(0x2101, 0xAD, 0x86, nb("TAKEN"), 0, {10, 88, 0, 9}));
-        // The claimer is asked for its status 5 seconds later.
-        auto s = collect(station, 1, 20.0, is_status_request);
-        ASSERT_EQ(s.size(), 1u) << lab.trace();
-
-        // Accepted: the name enters the table for the claimer, and a node-status
-        // request goes to the claimer 5 seconds later.
-        ASSERT_TRUE(lab.send_to(station, "10.88.0.255", 137,
-                                registration(0x2102, 0x29, nb("FREE"), 0, {10, 88, 0, 2})));
-        m = agent.next(20.0, ndasim::add);
-        ASSERT_TRUE(m.has_value()) << lab.trace();
-        EXPECT_EQ(m->name, nb("FREE"));
-        auto accepted = ndasim::Clock::now();
-        ASSERT_TRUE(agent.reply_add_accepted(*m));
-        ASSERT_TRUE(sync(agent, 9001));
-        auto table = ens_table();
-        EXPECT_TRUE(table.find("\nfree 10.88.0.2\n") != std::string::npos) << table;
-        EXPECT_TRUE(collect(station, 1, 0.2, is_refusal).empty());
-        s = collect(station, 1, 20.0, is_status_request);
-        ASSERT_EQ(s.size(), 1u) << lab.trace();
-        EXPECT_GE(ndasim::seconds(accepted, ndasim::Clock::now()), 3.0);
-        EXPECT_EQ(question_name(s[0].bytes), nb("FREE"));
-
-        // On a host with two addresses, another station's query for a name known
-        // only through ENS is answered as proxy with the host's first address,
-        // without asking the agent.
-        int asker = lab.udp_socket(lab_station2, 0);
-        ASSERT_GE(asker, 0);
-        ASSERT_TRUE(lab.send_to(asker, "10.89.0.255", 137, name_query(0x3333, nb("FREE"))));
-        auto a = lab.recv(asker, 10.0);
-        ASSERT_TRUE(a.has_value()) << lab.trace();
-        EXPECT_EQ(a->bytes, nb_response(0x3333, 0x85, 0x00, nb("FREE"), 0, {10, 88, 0, 2}));
-        EXPECT_FALSE(agent.next(0.5, ndasim::query).has_value());
-    }
+    // Accepted: the name enters the table for the claimer, and a node-status
+    // request for it goes to the claimer some seconds later.
+    ASSERT_TRUE(lab.send_to(station, "10.88.0.255", 137, registration(0x2102, 0x29, nb("FREE"), {10, 88, 0, 2})));
+    m = agent.next(20.0, ndasim::add);
+    ASSERT_TRUE(m && m->name == nb("FREE")) << lab.trace();
+    auto accepted = ndasim::Clock::now();
+    ASSERT_TRUE(agent.reply_add_accepted(*m));
+    ASSERT_TRUE(sync(agent, 9001));
+    auto table = ens_table();
+    EXPECT_TRUE(table.find("\nfree 10.88.0.2\n") != std::string::npos) << table;
+    EXPECT_TRUE(collect(station, 1, 0.2, is_refusal).empty());
+    auto s = collect(station, 1, 20.0, is_status_request);
+    ASSERT_EQ(s.size(), 1u) << lab.trace();
+    EXPECT_GE(ndasim::seconds(accepted, ndasim::Clock::now()), 3.0);
+    EXPECT_EQ(question_name(s[0].bytes), nb("FREE"));
 }
-
-
 
 // Requests of one action from two agents listened to in turn, with the
 // agent each came to, until `count` came or `seconds` passed.
@@ -406,13 +232,11 @@ TEST_F(EnsLab, ACommandGoesTwiceToEachAgentThreeSecondsApartThenIsGivenUp)
     std::vector<std::string> seen;
     for (size_t i = 0; i < sends.size(); ++i) {
         const Message& m = sends[i].second;
-        seen.push_back(std::to_string(sends[i].first) + " " + ndasim::name_text(m.name) +
-                       (m.id == sends[0].second.id ? "" : " (another id)"));
-        EXPECT_EQ(m.addrs, (Addrs{"10.88.0.1", "10.89.0.1"}));
+        seen.push_back(std::to_string(sends[i].first) + (m.id == sends[0].second.id ? "" : " (another id)"));
         // A slow machine only makes the gaps longer.
         EXPECT_GE(ndasim::seconds(sends[i > 0 ? i - 1 : 0].second.when, m.when), i > 0 ? 1.5 : 0.0) << i;
     }
-    EXPECT_EQ(seen, (std::vector<std::string>{"1 lonely<20>", "1 lonely<20>", "2 lonely<20>", "2 lonely<20>"}));
+    EXPECT_EQ(seen, (std::vector<std::string>{"1", "1", "2", "2"}));
     // Given up: the start-up EQUIV and the ADD.
     const std::string none = "send_cmd: No response from any NDA";
     auto given_up = [&] {
@@ -437,9 +261,8 @@ TEST_F(EnsLab, ACommandGoesTwiceToEachAgentThreeSecondsApartThenIsGivenUp)
     // agent is never asked.
     ASSERT_EQ(lab.halyardctl({"del", "gone<20>"}), 0);
     auto d1 = first.next(20.0, ndasim::del);
-    ASSERT_TRUE(d1.has_value()) << lab.trace();
     auto d2 = first.next(20.0, ndasim::del);
-    ASSERT_TRUE(d2.has_value()) << lab.trace();
+    ASSERT_TRUE(d1 && d2) << lab.trace();
     EXPECT_EQ(d2->id, d1->id);
     ASSERT_TRUE(first.reply(*d1, 0, 0));
     EXPECT_TRUE(from_both(first, second, ndasim::del, 1, 5.0).empty());
@@ -449,118 +272,71 @@ TEST_F(EnsLab, VerifyAndEquivRequestsOfTheAgent)
 {
     Agent agent;
     int station = -1;
-    // The interfaces in the other order: the start-up EQUIV follows it.
-    ASSERT_TRUE(start_with_agent(agent, &station, true));
+    ASSERT_TRUE(start_with_agent(agent, station));
     ASSERT_EQ(lab.halyardctl({"add", "fileserv<20>"}), 0);
-    ASSERT_TRUE(answer(agent, ndasim::add, nb("fileserv"), {"10.89.0.1", "10.88.0.1"}));
+    ASSERT_TRUE(answer(agent, ndasim::add, nb("fileserv"), {"10.88.0.1", "10.89.0.1"}));
 
-    // For the daemon's own addresses: answered at once from its local table.
-    struct { const char *address, *name; int32_t ans, err; } own[] = {
-        {"10.88.0.1", "fileserv", 0, 0}, {"10.89.0.1", "fileserv", 0, 0}, {"10.88.0.1", "other", -1, 3}};
+    // For the daemon's own addresses: answered at once from its local table,
+    // with no node-status request; for another host: a node-status request
+    // for the name to its address, whose answer decides, or the time-out.
+    struct { const char *address, *name; bool own, answers; int32_t ans, err; } cases[] = {
+        {"10.88.0.1", "fileserv", true, false, 0, 0}, {"10.89.0.1", "fileserv", true, false, 0, 0},
+        {"10.88.0.1", "other", true, false, -1, 3},   {"10.88.0.2", "STATION1", false, true, 0, 0},
+        {"10.88.0.2", "STRANGER", false, true, -1, 3}, {"10.88.0.2", "STATION1", false, false, -1, 3}};
     uint32_t id = 100;
-    for (const auto& c : own) {
-        SCOPED_TRACE(std::string(c.name) + " at " + c.address);
-        ++id;
-        ASSERT_TRUE(agent.send_verify("10.88.0.1", id, nb(c.name), c.address));
-        auto r = agent.next_response(10.0, ndasim::verify);
-        ASSERT_TRUE(r.has_value()) << lab.trace();
-        EXPECT_EQ(r->raw, ndasim::header(id, ndasim::verify | ndasim::response_bit, c.ans, c.err));
-        EXPECT_TRUE(r->from == "10.88.0.1" && r->port == 228) << r->describe();
-    }
-    // No node-status request went out for those.
-    EXPECT_TRUE(collect(station, 1, 0.5, is_status_request).empty());
-
-    // For another host: a node-status request for the name to its address;
-    // its answer decides, or the 2-second time-out.
-    struct { const char* name; bool answers; int32_t ans, err; } other[] = {
-        {"STATION1", true, 0, 0}, {"STRANGER", true, -1, 3}, {"STATION1", false, -1, 3}};
-    for (const auto& c : other) {
-        SCOPED_TRACE(std::string(c.name) + (c.answers ? ", answered" : ", silent"));
-        ++id;
-        ASSERT_TRUE(agent.send_verify("10.88.0.1", id, nb(c.name), "10.88.0.2"));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.name) + " at " + c.address + (c.answers ? ", answered" : ""));
+        ASSERT_TRUE(agent.send_verify("10.88.0.1", ++id, nb(c.name), c.address));
         auto asked = ndasim::Clock::now();
-        auto req = collect(station, 1, 10.0, is_status_request);
-        ASSERT_EQ(req.size(), 1u) << lab.trace();
-        EXPECT_EQ(req[0].from, "10.88.0.1");
-        EXPECT_EQ(question_name(req[0].bytes), nb(c.name));
+        auto req = collect(station, 1, c.own ? 0.5 : 10.0, is_status_request);
+        ASSERT_EQ(req.size(), c.own ? 0u : 1u) << lab.trace();
+        EXPECT_TRUE(c.own || (req[0].from == "10.88.0.1" && question_name(req[0].bytes) == nb(c.name)));
         if (c.answers) {
             ASSERT_TRUE(lab.send_to(station, req[0].from, req[0].port,
                                     status_response(uint16_t(req[0].bytes[0] << 8 | req[0].bytes[1]), nb(c.name),
-                                                    {{nb("STATION1"), 0x0400},
-                                                     {nb("WORKGROUP", 0x1e), 0x8400}})));
+                                                    {{nb("STATION1"), 0x0400}, {nb("WORKGROUP", 0x1e), 0x8400}})));
         }
         auto r = agent.next_response(20.0, ndasim::verify);
         ASSERT_TRUE(r.has_value()) << lab.trace();
-        EXPECT_EQ(r->raw, ndasim::header(id, ndasim::verify | ndasim::response_bit, c.ans, c.err));
-        if (!c.answers) {
-            EXPECT_GE(ndasim::seconds(asked, r->when), 0.5);
-        }
+        EXPECT_TRUE(r->id == id && r->ans == c.ans && r->err == c.err && r->from == "10.88.0.1" && r->port == 228)
+            << r->describe();
+        EXPECT_TRUE(c.own || c.answers || ndasim::seconds(asked, r->when) >= 0.5);
     }
 
     // An EQUIV request of 25 addresses: the first 20 are passed on to the
     // agents; the requester gets no response.
-    Addrs many, first20;
-    for (int i = 1; i <= 25; ++i) {
+    Addrs many;
+    for (int i = 1; i <= 25; ++i)
         many.push_back("10.77.0." + std::to_string(i));
-        if (i <= 20)
-            first20.push_back(many.back());
-    }
     agent.drain(0.5);
     ASSERT_TRUE(agent.send_equiv("10.88.0.1", 77, many));
     auto e = agent.next(20.0, ndasim::equiv);
     ASSERT_TRUE(e.has_value()) << lab.trace();
-    EXPECT_TRUE(e->body_ok) << e->describe();
-    EXPECT_EQ(e->addrs, first20);
-    EXPECT_NE(e->id, 77u);
+    EXPECT_TRUE(e->body_ok && e->id != 77u) << e->describe();
+    EXPECT_EQ(e->addrs, Addrs(many.begin(), many.begin() + 20));
     EXPECT_TRUE(agent.reply(*e, 0, 0));
     EXPECT_FALSE(agent.next_response(0.5, ndasim::equiv).has_value());
 }
-
-TEST_F(EnsLab, AnEnsClientWithoutAgentsBroadcastsItsAddressesOnce)
-{
-    // hd1 is the first interface: the broadcast goes to its subnet alone,
-    // the addresses in the order of the configuration.
-    Agent first, second;
-    ASSERT_TRUE(open_agent(first, 1, false));  // any address: broadcasts too
-    ASSERT_TRUE(open_agent(second, 2, false));
-    ASSERT_GT(start({}, "NB-ensclient on\n", true), 0) << lab.last_error();
-    auto m = second.next(20.0, ndasim::equiv);
-    ASSERT_TRUE(m.has_value()) << lab.trace();
-    EXPECT_TRUE(m->body_ok) << m->describe();
-    EXPECT_EQ(m->from, "10.89.0.1");
-    EXPECT_EQ(m->port, 228);
-    EXPECT_EQ(m->id, 0u);
-    EXPECT_EQ(m->addrs, (Addrs{"10.89.0.1", "10.88.0.1"}));
-    EXPECT_FALSE(second.next(4.0).has_value());
-    EXPECT_FALSE(first.next(0.1).has_value());
-    // Without agents the daemon keeps no ENS socket open afterwards.
-    EXPECT_FALSE(Lab::udp_port_bound(lab.registered_pid(), 228));
-}
-
 
 TEST_F(EnsLab, HostsAreLearnedFromStatusAnswersAndForgottenByTheirReleases)
 {
     Agent agent;
     int station = -1;
-    ASSERT_TRUE(start_with_agent(agent, &station));
-    const Bytes perm2 = ndasim::permanent_name("10.88.0.2");
-    const Bytes perm3 = ndasim::permanent_name("10.88.0.3");
+    ASSERT_TRUE(start_with_agent(agent, station));
+    const Bytes perm2 = ndasim::permanent_name("10.88.0.2"), perm3 = ndasim::permanent_name("10.88.0.3");
+    const Addrs both{"10.88.0.2", "10.88.0.3"}, one{"10.88.0.2"};
 
     // Permanent names give the host's addresses: an EQUIV of both, then an
     // ADD of each name for both, in the answer's order.
-    std::vector<StatusEntry> names{{nb("STATION1"), 0x0400},
-                                   {nb("WORKGROUP", 0x1e), 0x8400},
-                                   {perm2, 0x0600},
-                                   {perm3, 0x0600}};
+    std::vector<StatusEntry> names{
+        {nb("STATION1"), 0x0400}, {nb("WORKGROUP", 0x1e), 0x8400}, {perm2, 0x0600}, {perm3, 0x0600}};
     ASSERT_TRUE(lab.send_to(station, "10.88.0.1", 137, status_response(1, wildcard, names)));
-    ASSERT_TRUE(answer(agent, ndasim::equiv, {}, {"10.88.0.2", "10.88.0.3"}));
+    ASSERT_TRUE(answer(agent, ndasim::equiv, {}, both));
     for (const auto& n : names) {
         auto m = agent.next(20.0, ndasim::add);
         ASSERT_TRUE(m.has_value()) << lab.trace();
-        EXPECT_EQ(m->name, n.name) << m->describe();
-        ASSERT_EQ(m->ints.size(), 1u);
-        EXPECT_EQ(m->ints[0] & 1, (n.flags & 0x8000) ? 1 : 0) << m->describe();
-        EXPECT_EQ(m->addrs, (Addrs{"10.88.0.2", "10.88.0.3"}));
+        EXPECT_TRUE(m->name == n.name && m->addrs == both &&
+                    m->ints.size() == 1 && (m->ints[0] & 1) == ((n.flags & 0x8000) ? 1 : 0)) << m->describe();
         // The agent knows another owner of STATION1: for a host learned from
         // its status, the owner is only remembered.
         if (m->name == nb("STATION1"))
@@ -583,13 +359,11 @@ TEST_F(EnsLab, HostsAreLearnedFromStatusAnswersAndForgottenByTheirReleases)
     ASSERT_EQ(lab.run(lab_station1, {"/sbin/ip", "addr", "add", "10.88.0.9/24", "dev", "hs0"}), 0);
     int owner = lab.udp_socket(lab_station1, 0, "10.88.0.9");
     ASSERT_GE(owner, 0);
-    ASSERT_TRUE(lab.send_to(owner, "10.88.0.1", 137,
-                            registration(0x0909, 0x29, nb("STATION1"), 0, {10, 88, 0, 9})));
+    ASSERT_TRUE(lab.send_to(owner, "10.88.0.1", 137, registration(0x0909, 0x29, nb("STATION1"), {10, 88, 0, 9})));
     ASSERT_TRUE(lab.wait_trace("nda_claim: found cached NDA response, addr")) << lab.trace();
     EXPECT_FALSE(agent.next(1.0, ndasim::add).has_value());
 
     // The same host with one name gone and one new: ADD and DELETE.
-    const Addrs both{"10.88.0.2", "10.88.0.3"}, one{"10.88.0.2"};
     names = {{nb("NEWNAME"), 0x0400}, {nb("WORKGROUP", 0x1e), 0x8400}, {perm2, 0x0600}, {perm3, 0x0600}};
     ASSERT_TRUE(lab.send_to(station, "10.88.0.1", 137, status_response(2, wildcard, names)));
     ASSERT_TRUE(answer(agent, ndasim::add, nb("NEWNAME"), both));
@@ -612,7 +386,7 @@ TEST_F(EnsLab, HostsAreLearnedFromStatusAnswersAndForgottenByTheirReleases)
     // table; the last one frees the host.
     uint16_t id = 0x5000;
     for (const Bytes& n : {nb("NEWNAME"), perm2}) {
-        ASSERT_TRUE(lab.send_to(station, "10.88.0.255", 137, registration(++id, 0x30, n, 0, {10, 88, 0, 2})));
+        ASSERT_TRUE(lab.send_to(station, "10.88.0.255", 137, registration(++id, 0x30, n, {10, 88, 0, 2})));
         ASSERT_TRUE(answer(agent, ndasim::del, n, one));
     }
     ASSERT_TRUE(lab.wait_trace("check_delete: host 10.88.0.2 has no name -- deleting it")) << lab.trace();
@@ -620,35 +394,6 @@ TEST_F(EnsLab, HostsAreLearnedFromStatusAnswersAndForgottenByTheirReleases)
     table = ens_table();
     EXPECT_EQ(table.find("10.88.0.2"), std::string::npos) << table;
 }
-
-TEST_F(EnsLabOne, OneInterfaceSendsNoEquivAndAnswersNoProxyQueries)
-{
-    Agent agent;
-    int station = -1;
-    ASSERT_TRUE(start_with_agent(agent, &station));
-
-    // A host learned from its status: its names are registered.
-    ASSERT_TRUE(lab.send_to(station, "10.88.0.1", 137,
-                            status_response(1, wildcard, {{nb("FILESRV1"), 0x0400}})));
-    ASSERT_TRUE(answer(agent, ndasim::add, nb("FILESRV1"), {"10.88.0.2"}));
-    ASSERT_TRUE(sync(agent, 9201));
-    auto table = ens_table();
-    EXPECT_TRUE(table.find("\nfilesrv1 10.88.0.2\n") != std::string::npos) << table;
-
-    // A query for it from another address: not answered as proxy with a
-    // single own address, and not passed to the agent either.
-    ASSERT_EQ(lab.run(lab_station1, {"/sbin/ip", "addr", "add", "10.88.0.3/24", "dev", "hs0"}), 0);
-    int asker = lab.udp_socket(lab_station1, 0, "10.88.0.3");
-    ASSERT_GE(asker, 0);
-    ASSERT_TRUE(lab.send_to(asker, "10.88.0.1", 137, name_query(0x3434, nb("FILESRV1"))));
-    EXPECT_FALSE(lab.recv(asker, 2.0).has_value());
-    EXPECT_FALSE(agent.next(0.5, ndasim::query).has_value());
-    // With one interface no EQUIV ever went out.
-    EXPECT_TRUE(agent.requests(ndasim::equiv).empty());
-}
-
-// ---------------------------------------------------------------------------
-// Bad input on the ENS port.
 
 TEST_F(EnsLab, MalformedEnsDatagramsAreDroppedAndTheDaemonKeepsServing)
 {
@@ -663,18 +408,6 @@ TEST_F(EnsLab, MalformedEnsDatagramsAreDroppedAndTheDaemonKeepsServing)
     ASSERT_TRUE(agent.send_raw("10.88.0.1", 228, ndasim::datagram(e->id, 6 | ndasim::response_bit, 0, 0, {})));
     ASSERT_TRUE(lab.wait_trace("ens_recv: unexpected response action: 6")) << lab.trace();
     EXPECT_FALSE(agent.next(4.0, ndasim::equiv).has_value());
-
-    // A positive QUERY answer without its marker is no answer.
-    std::string out;
-    int st = -1;
-    std::thread client([&] { st = lab.halyardctl({"lookup", "odd<20>"}, &out); });
-    auto q = agent.next(20.0, ndasim::query);
-    if (q)
-        agent.reply(*q, 0, 0, ndasim::cat({ndasim::int_item(0), ndasim::int_item(0), ndasim::ip_item("10.88.0.7")}));
-    client.join();
-    ASSERT_TRUE(q.has_value()) << lab.trace();
-    EXPECT_EQ(st, 1) << out;
-    EXPECT_NE(lab.trace().find("ens_recv (query_resp): bad packet"), std::string::npos);
 
     // Every length from 0 to 1500: random bytes, and a valid header of a
     // request, a response or a wrong version followed by random bytes.
@@ -713,12 +446,7 @@ TEST_F(EnsLab, MalformedEnsDatagramsAreDroppedAndTheDaemonKeepsServing)
     }
     ASSERT_TRUE(a.has_value()) << lab.trace();
     ASSERT_TRUE(agent.reply_add_accepted(*a));
-    ASSERT_TRUE(agent.send_verify("10.88.0.1", 20001, nb("after"), "10.88.0.1"));
-    auto r = agent.next_response(10.0, ndasim::verify);
-    while (r && r->id != 20001)
-        r = agent.next_response(10.0, ndasim::verify);
-    ASSERT_TRUE(r.has_value()) << lab.trace();
-    EXPECT_EQ(r->ans, 0);
+    ASSERT_TRUE(sync(agent, 20001, "after", 0));
     int status = -1;
     EXPECT_TRUE(lab.stop_daemon(pid, 20.0, &status));
     EXPECT_EQ(lab_describe_status(status), "exited 0");
