@@ -267,15 +267,6 @@ bool Agent::reply(const Message& req, int32_t ans, int32_t err, const Bytes& bod
                     datagram(req.id, uint32_t(req.action) | response_bit, ans, err, body));
 }
 
-bool Agent::reply_query_positive(const Message& req, bool group, const std::string& owner)
-{
-    Bytes body;
-    put_int(body, group ? 1 : 0);
-    put_int(body, 1);  // the marker, non-zero
-    put_ip(body, owner);
-    return reply(req, 0, 0, body);
-}
-
 bool Agent::reply_add_refused(const Message& req, bool group, const std::string& owner)
 {
     Bytes body;

@@ -110,14 +110,11 @@ public:
     std::optional<Message> next_response(double seconds, int32_t action = any) { return take(seconds, action, true); }
     // What arrives within `seconds` is recorded; nothing stays queued.
     void drain(double seconds);
-    // Every datagram received so far, and of those the requests of one action.
-    const std::vector<Message>& history() const { return history_; }
+    // The requests of one action received so far.
     std::vector<Message> requests(int32_t action) const;
 
     // Answers to a request, to its sender and with its id.
     bool reply(const Message& req, int32_t ans, int32_t err, const Bytes& body = {});
-    bool reply_query_positive(const Message& req, bool group, const std::string& owner);
-    bool reply_query_negative(const Message& req) { return reply(req, -1, 0); }
     bool reply_add_accepted(const Message& req) { return reply(req, 0, 0); }
     bool reply_add_refused(const Message& req, bool group, const std::string& owner);
 

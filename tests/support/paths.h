@@ -5,5 +5,3 @@ const char* halyard_binary();
 const char* halyard_source_dir();
 // The build tree (generated manual pages).
 const char* halyard_build_dir();
-// The benchmark's load generator (bench/), also a crowd of status answerers.
-const char* halyard_loadgen_binary();
