@@ -6,8 +6,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <csignal>
+#include <net/if.h>
 #include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -40,7 +44,26 @@ bool enter_private_dirs(std::string* why)
 
 namespace {
 
-void run_forked(const std::function<void()>& body, bool private_dirs)
+// A network namespace of its own with only its loopback, up.
+bool enter_private_net(std::string* why)
+{
+    if (unshare(CLONE_NEWNET) != 0) {
+        *why = std::string("a private network namespace (needs root): ") + strerror(errno);
+        return false;
+    }
+    int s = socket(AF_INET, SOCK_DGRAM, 0);
+    ifreq ifr{};
+    strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
+    bool up = s >= 0 && ioctl(s, SIOCGIFFLAGS, &ifr) == 0;
+    ifr.ifr_flags = short(ifr.ifr_flags | IFF_UP);
+    up = up && ioctl(s, SIOCSIFFLAGS, &ifr) == 0;
+    close(s);
+    if (!up)
+        *why = "cannot bring up lo in the private network namespace";
+    return up;
+}
+
+void run_forked(const std::function<void()>& body, bool private_dirs, bool private_net = false)
 {
     int pipefd[2];
     ASSERT_EQ(pipe(pipefd), 0);
@@ -51,7 +74,7 @@ void run_forked(const std::function<void()>& body, bool private_dirs)
     if (pid == 0) {
         close(pipefd[0]);
         std::string why;
-        if (private_dirs && !enter_private_dirs(&why)) {
+        if ((private_dirs && !enter_private_dirs(&why)) || (private_net && !enter_private_net(&why))) {
             ssize_t w = write(pipefd[1], why.data(), why.size());
             (void)w;
             _exit(77);  // skipped, the reason in the pipe
@@ -68,8 +91,16 @@ void run_forked(const std::function<void()>& body, bool private_dirs)
     for (ssize_t n; (n = read(pipefd[0], buf, sizeof buf)) > 0;)
         why.append(buf, size_t(n));
     close(pipefd[0]);
+    // A hung child must not hang the suite: at most 120 s, then it is killed.
     int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    pid_t r = 0;
+    for (int tries = 0; tries < 12000 && (r = waitpid(pid, &status, WNOHANG)) == 0; tries++)
+        usleep(10 * 1000);
+    if (r == 0) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+        ADD_FAILURE() << "the child did not end within 120 s";
+        return;
     }
     if (WIFEXITED(status) && WEXITSTATUS(status) == 77)
         GTEST_SKIP() << why;
@@ -82,6 +113,8 @@ void run_forked(const std::function<void()>& body, bool private_dirs)
 void run_in_private_dirs(const std::function<void()>& body) { run_forked(body, true); }
 
 void run_in_child(const std::function<void()>& body) { run_forked(body, false); }
+
+void run_in_private_net(const std::function<void()>& body) { run_forked(body, false, true); }
 
 int spawn_child(const std::function<int()>& fn)
 {

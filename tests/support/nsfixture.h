@@ -18,6 +18,8 @@ bool enter_private_dirs(std::string* why);
 void run_in_private_dirs(const std::function<void()>& body);
 // The same in a child that stays in the test's namespaces.
 void run_in_child(const std::function<void()>& body);
+// The same in a child in a network namespace of its own, only its loopback up.
+void run_in_private_net(const std::function<void()>& body);
 
 // A helper process that runs fn and exits with its result: its pid, or -1.
 int spawn_child(const std::function<int()>& fn);

@@ -10,7 +10,7 @@
 #include "src/namelogin.h"
 #include "src/ntable.h"
 #include "tests/support/nswire.h"
-#include "tests/support/privnet.h"
+#include "tests/support/nsfixture.h"
 #include "tests/unit/unitkit.h"
 
 // The test sends, so it runs in a child in its own network namespace:
@@ -49,7 +49,7 @@ Bytes request(uint16_t id, uint8_t b2, uint8_t nbflags_hi, const char* addr, con
 
 TEST(Claim, OneRequestPerInterfaceWithItsOwnAddressClaimIdsFromTheClockReleaseIdsFromOne)
 {
-    IN_CHILD(true, {
+    run_in_private_net([&] {
         Net net;
         const struct { bool claim; uint16_t id; uint32_t flags; uint8_t nbflags_hi; const char* scope; } cases[] = {
             {true, 0xA1B2, NT_PENDING, 0x00, ""}, {true, 0xA1B2, NT_GROUP | NT_PENDING, 0x80, ""},

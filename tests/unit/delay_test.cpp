@@ -11,7 +11,7 @@
 #include "src/nbndgio.h"
 #include "tests/support/ndasim.h"
 #include "tests/support/nswire.h"
-#include "tests/support/privnet.h"
+#include "tests/support/nsfixture.h"
 #include "tests/unit/unitkit.h"
 
 // In a child in its own network namespace: the ENS socket on 127.0.0.1, the
@@ -54,7 +54,7 @@ struct Net {
 // three seconds apart, then the command is given up.
 TEST(Delay, SilentAgentsGetTwoSendsEachThreeSecondsApartAndTheListIsCapped)
 {
-    IN_CHILD(true, {
+    run_in_private_net([&] {
         Net net;
         uint16_t nd = ndport;
         int second = ns_socket("127.0.0.3", &nd);

@@ -12,7 +12,7 @@
 #include "src/nbndgio.h"
 #include "tests/support/ndasim.h"
 #include "tests/support/nswire.h"
-#include "tests/support/privnet.h"
+#include "tests/support/nsfixture.h"
 #include "tests/unit/unitkit.h"
 
 // Every 300 seconds a host heard of more than 20 minutes ago is asked for
@@ -21,7 +21,7 @@
 // 127.0.0.1, the agent at 127.0.0.2, the host at 127.0.0.5.
 TEST(EnsProbe, AStaleHostIsProbedWithANewNameEachTickAndPurgedAtTheFourth)
 {
-    IN_CHILD(true, {
+    run_in_private_net([&] {
         dg_set_clock(fake_time, fake_alarm);
         uint16_t any = 0, any2 = 0, agent_port = 0;
         ens_fd = ns_socket("127.0.0.1", &any);

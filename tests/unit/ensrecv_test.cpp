@@ -15,7 +15,7 @@
 #include "src/ntable.h"
 #include "tests/support/ndasim.h"
 #include "tests/support/nswire.h"
-#include "tests/support/privnet.h"
+#include "tests/support/nsfixture.h"
 #include "tests/unit/unitkit.h"
 
 // Each test runs in a child in its own network namespace: ens_fd and dg_fd
@@ -81,7 +81,7 @@ struct Ens {
 // learned.
 TEST(EnsRecv, AddResponsesForOurNamesAndForStationsClaims)
 {
-    IN_CHILD(true, {
+    run_in_private_net([&] {
         Ens e;
         ASSERT_EQ(ens_a_add(inet_addr("10.88.0.20"), ens_create()), 0);
         const Bytes owner = cat({int_item(1), ip_item("10.88.0.9")});

@@ -12,7 +12,7 @@
 #include "src/ntable.h"
 #include "src/service.h"
 #include "tests/support/nswire.h"
-#include "tests/support/privnet.h"
+#include "tests/support/nsfixture.h"
 #include "tests/unit/unitkit.h"
 
 // Answers go back to the asker, so each test runs in a child in its own
@@ -51,7 +51,7 @@ Bytes answer(uint8_t b2, uint8_t b3, const char* name, uint8_t nbflags_hi, const
 
 TEST(Service, EachDatagramGetsItsAnswerFromTheAskersSubnetOrNone)
 {
-    IN_CHILD(true, {
+    run_in_private_net([&] {
         if_entry ifs[2] = {{inet_addr("10.88.0.1"), inet_addr("127.0.0.2"), inet_addr("255.255.255.0")},
                            {inet_addr("127.0.1.1"), inet_addr("127.0.1.255"), inet_addr("255.255.255.0")}};
         const char* asker_addr[3] = {"127.0.0.9", "127.0.1.9", "127.0.1.1"};
