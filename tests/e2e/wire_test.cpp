@@ -100,20 +100,6 @@ class Wire : public ::testing::Test {
 protected:
     void SetUp() override { LAB_SETUP_OR_SKIP(lab, 2); }
 
-    // Up to `count` datagrams on fd that satisfy `want`; others are dropped.
-    std::vector<LabDatagram> collect(int fd, size_t count, const std::function<bool(const Bytes&)>& want)
-    {
-        std::vector<LabDatagram> got;
-        for (int i = 0; i < 1000 && got.size() < count; ++i) {
-            auto d = lab.recv(fd, 20.0);
-            if (!d)
-                break;
-            if (want(d->bytes))
-                got.push_back(*d);
-        }
-        return got;
-    }
-
     // Asks until station 1's query is answered (not while a claim is pending).
     bool answered(const Bytes& query)
     {
@@ -163,7 +149,8 @@ TEST_F(Wire, ClaimsAnswersDefencesStatusAndReleasesByteForByte)
         ASSERT_EQ(lab.halyardctl(args, &out), 0) << out;
         std::vector<LabDatagram> claims[3];
         for (int s = 1; s <= 2; ++s) {
-            claims[s] = collect(fd[s], 2, [&](const Bytes& b) { return is_packet_for(b, 0x29, name, type); });
+            claims[s] = lab.collect(fd[s], 2, 20.0,
+                                    [&](const Bytes& b) { return is_packet_for(b, 0x29, name, type); });
             ASSERT_EQ(claims[s].size(), 2u) << "station " << s << "\n" << lab.log();
         }
         for (int c = 0; c < 2; ++c) {
@@ -257,7 +244,7 @@ TEST_F(Wire, ClaimsAnswersDefencesStatusAndReleasesByteForByte)
         uint8_t type = k == 0 ? 0x20 : 0x1e;
         ASSERT_EQ(lab.halyardctl({"del", std::string(name) + (k ? "<1e>" : "<20>")}, &out), 0) << out;
         for (int s = 1; s <= 2; ++s) {
-            auto rel = collect(fd[s], 1, [&](const Bytes& b) { return is_packet_for(b, 0x30, name, type); });
+            auto rel = lab.collect(fd[s], 1, 20.0, [&](const Bytes& b) { return is_packet_for(b, 0x30, name, type); });
             ASSERT_EQ(rel.size(), 1u) << "station " << s;
             EXPECT_EQ(rel[0].bytes, registration(uint16_t(k + 1), 0x30, name, type, k ? 0x8000 : 0, addr_of(s, true)));
         }

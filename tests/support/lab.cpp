@@ -630,6 +630,21 @@ std::optional<LabDatagram> Lab::recv(int fd, double seconds)
     return std::nullopt;
 }
 
+std::vector<LabDatagram> Lab::collect(int fd, size_t count, double seconds,
+                                      const std::function<bool(const std::vector<uint8_t>&)>& want)
+{
+    std::vector<LabDatagram> got;
+    auto deadline = deadline_in(seconds);
+    for (int i = 0; i < 10000 && got.size() < count; ++i) {
+        auto d = recv(fd, std::chrono::duration<double>(deadline - Clock::now()).count());
+        if (!d)
+            break;
+        if (want(d->bytes))
+            got.push_back(*d);
+    }
+    return got;
+}
+
 int Lab::run(LabSide side, const std::vector<std::string>& argv, std::string* out, double seconds, int uid, int gid)
 {
     int pipe_fds[2] = {-1, -1};

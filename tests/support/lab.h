@@ -19,6 +19,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -126,6 +127,9 @@ public:
                       const std::vector<uint8_t>& payload);
     // The next datagram, or nothing when none came within `seconds`.
     std::optional<LabDatagram> recv(int fd, double seconds);
+    // Up to `count` datagrams that satisfy `want` within `seconds`; the others are dropped.
+    std::vector<LabDatagram> collect(int fd, size_t count, double seconds,
+                                     const std::function<bool(const std::vector<uint8_t>&)>& want);
 
     // Runs a command (absolute path) in a lab namespace, as uid/gid when >= 0,
     // its output in *out: its wait status, or -1 (killed at the deadline).

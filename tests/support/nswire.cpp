@@ -44,6 +44,18 @@ Bytes ip_bytes(const char* dotted)
     return Bytes(p, p + 4);
 }
 
+Bytes ns_status_answer(uint16_t id, const Bytes& asked, const std::vector<std::pair<Bytes, uint16_t>>& names)
+{
+    size_t rdlength = 18 * names.size() + 47;
+    Bytes rest{0, 0x21, 0, 1, 0, 0, 0, 0, uint8_t(rdlength >> 8), uint8_t(rdlength), uint8_t(names.size())};
+    for (const auto& [name, flags] : names) {
+        rest.insert(rest.end(), name.begin(), name.end());
+        rest.insert(rest.end(), {uint8_t(flags >> 8), uint8_t(flags)});
+    }
+    rest.insert(rest.end(), 46, 0);
+    return ns_packet(id, 0x84, 0x00, {0, 1, 0, 0}, asked, {0}, rest);
+}
+
 int ns_socket(const char* addr, uint16_t* port)
 {
     return init_sock(inet_addr(addr), port, 0);

@@ -4,6 +4,7 @@
 // datagrams a loopback socket has received, and random bytes for fuzzing.
 
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 using Bytes = std::vector<uint8_t>;
@@ -31,6 +32,9 @@ Bytes wire_name(const Bytes& name, const Bytes& labels = {0});
 Bytes ns_packet(uint16_t id, uint8_t b2, uint8_t b3, const Bytes& counts, const Bytes& name,
                 const Bytes& labels, const Bytes& rest);
 Bytes ip_bytes(const char* dotted);
+// A positive node-status response for `asked`: the names with their flags
+// (0x8000 group, 0x0400 active, 0x0200 permanent), zero statistics.
+Bytes ns_status_answer(uint16_t id, const Bytes& asked, const std::vector<std::pair<Bytes, uint16_t>>& names);
 // A datagram socket bound to addr:*port (0: any port, then set); -1 on failure.
 int ns_socket(const char* addr, uint16_t* port);
 // The datagrams waiting on fd up to the 3-byte marker "end", which the
