@@ -28,8 +28,6 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using ndasim::put_int;
-using ndasim::put_ip;
 
 double since(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
 
@@ -60,16 +58,13 @@ std::vector<Bytes> ns_seeds()
 std::vector<Bytes> ens_seeds()
 {
     using namespace ndasim;
-    Bytes verify_body, equiv_body, answer, refusal;
-    put_name(verify_body, nb_name("FLOOD", 0x20));
-    put_ip(verify_body, "10.88.0.9");
-    put_addr_list(equiv_body, {"10.88.0.7", "10.88.0.8"});
-    put_int(answer, 0), put_int(answer, 1), put_ip(answer, "10.88.0.7");
-    put_int(refusal, 0), put_ip(refusal, "10.88.0.7");
-    return {datagram(11, verify, 0, 0, verify_body), datagram(12, equiv, 0, 0, equiv_body),
-            datagram(13, ndasim::query | response_bit, 0, 0, answer),
+    const Bytes owner = ip_item("10.88.0.7");
+    return {datagram(11, verify, 0, 0, ndasim::cat({name_item(nb_name("FLOOD", 0x20)), ip_item("10.88.0.9")})),
+            datagram(12, equiv, 0, 0, addr_list({"10.88.0.7", "10.88.0.8"})),
+            datagram(13, ndasim::query | response_bit, 0, 0, ndasim::cat({int_item(0), int_item(1), owner})),
             datagram(14, ndasim::query | response_bit, -1, 0, {}),
-            datagram(15, add | response_bit, -1, 1, refusal), datagram(16, del | response_bit, 0, 0, {})};
+            datagram(15, add | response_bit, -1, 1, ndasim::cat({int_item(0), owner})),
+            datagram(16, del | response_bit, 0, 0, {})};
 }
 
 // One hostile datagram made from a seed.

@@ -7,35 +7,31 @@
 
 namespace ndasim {
 
-void put_int(Bytes& b, int32_t v)
+Bytes int_item(int32_t v)
 {
+    Bytes b;
     for (int i = 0; i < 4; ++i)
         b.push_back(uint8_t(uint32_t(v) >> (8 * i)));
+    return b;
 }
 
-void put_name(Bytes& b, const Bytes& name16)
-{
-    put_int(b, 16);
-    b.insert(b.end(), name16.begin(), name16.end());
-    if (name16.size() % 2 != 0)
-        b.push_back(0);
-}
+// int 16, the 16 bytes (an odd length would be padded: names are even).
+Bytes name_item(const Bytes& name16) { return cat({int_item(16), name16}); }
 
-void put_ip(Bytes& b, const std::string& dotted)
+Bytes ip_item(const std::string& dotted)
 {
     in_addr a{};
     inet_pton(AF_INET, dotted.c_str(), &a);
     const uint8_t* p = reinterpret_cast<const uint8_t*>(&a.s_addr);
-    b.insert(b.end(), {4, p[0], p[1], p[2], p[3], 0});
+    return {4, p[0], p[1], p[2], p[3], 0};
 }
 
-void put_addr_list(Bytes& b, const std::vector<std::string>& dotted)
+Bytes addr_list(const std::vector<std::string>& dotted)
 {
-    for (const auto& d : dotted) {
-        put_int(b, 1);
-        put_ip(b, d);
-    }
-    put_int(b, 0);
+    Bytes b;
+    for (const auto& d : dotted)
+        b = cat({b, int_item(1), ip_item(d)});
+    return cat({b, int_item(0)});
 }
 
 Bytes header(uint32_t id, uint32_t action, int32_t ans, int32_t err)
@@ -57,10 +53,6 @@ Bytes cat(std::initializer_list<Bytes> parts)
     return all;
 }
 
-Bytes int_item(int32_t v) { Bytes b; put_int(b, v); return b; }
-Bytes name_item(const Bytes& name16) { Bytes b; put_name(b, name16); return b; }
-Bytes ip_item(const std::string& dotted) { Bytes b; put_ip(b, dotted); return b; }
-Bytes addr_list(const std::vector<std::string>& dotted) { Bytes b; put_addr_list(b, dotted); return b; }
 
 Bytes nb_name(const std::string& text, uint8_t type)
 {
@@ -269,27 +261,19 @@ bool Agent::reply(const Message& req, int32_t ans, int32_t err, const Bytes& bod
 
 bool Agent::reply_add_refused(const Message& req, bool group, const std::string& owner)
 {
-    Bytes body;
-    put_int(body, group ? 1 : 0);
-    put_ip(body, owner);
-    return reply(req, -1, 0, body);
+    return reply(req, -1, 0, cat({int_item(group ? 1 : 0), ip_item(owner)}));
 }
 
 bool Agent::send_verify(const std::string& daemon, uint32_t id, const Bytes& name16,
                         const std::string& address, uint16_t port)
 {
-    Bytes body;
-    put_name(body, name16);
-    put_ip(body, address);
-    return send_raw(daemon, port, datagram(id, verify, 0, 0, body));
+    return send_raw(daemon, port, datagram(id, verify, 0, 0, cat({name_item(name16), ip_item(address)})));
 }
 
 bool Agent::send_equiv(const std::string& daemon, uint32_t id,
                        const std::vector<std::string>& addresses, uint16_t port)
 {
-    Bytes body;
-    put_addr_list(body, addresses);
-    return send_raw(daemon, port, datagram(id, equiv, 0, 0, body));
+    return send_raw(daemon, port, datagram(id, equiv, 0, 0, addr_list(addresses)));
 }
 
 bool Agent::send_raw(const std::string& to, uint16_t port, const Bytes& bytes)

@@ -32,14 +32,9 @@ constexpr int32_t any = -1;
 
 enum Action : int32_t { query = 1, verify = 2, add = 3, del = 4, equiv = 5, purge = 7 };
 
-// Encoder: every item as the wire has it.
-void put_int(Bytes& b, int32_t v);
-void put_name(Bytes& b, const Bytes& name16);     // int 16, the 16 bytes
-void put_ip(Bytes& b, const std::string& dotted); // 4, a.b.c.d, pad
-void put_addr_list(Bytes& b, const std::vector<std::string>& dotted);
 Bytes header(uint32_t id, uint32_t action, int32_t ans = 0, int32_t err = 0);
 Bytes datagram(uint32_t id, uint32_t action, int32_t ans, int32_t err, const Bytes& body);
-// The same as values: cat({header(1, add), name_item(n), int_item(0), addr_list({"10.88.0.1"})}).
+// Every item as the wire has it: cat({header(1, add), name_item(n), int_item(0), addr_list({"10.88.0.1"})}).
 Bytes cat(std::initializer_list<Bytes> parts);
 Bytes int_item(int32_t v);
 Bytes name_item(const Bytes& name16);
