@@ -58,12 +58,6 @@ void expect_modes(mode_t server, mode_t client, mode_t lock, gid_t gid = gid_t(-
     }
 }
 
-bool gone_within(const char* path, double seconds)
-{
-    for (int i = 0; i < seconds * 20 && access(path, F_OK) == 0; ++i)
-        usleep(50 * 1000);
-    return access(path, F_OK) != 0;
-}
 
 // A client as nobody: runs `act` on the server FIFO and the answer FIFO (never
 // read), says so on `ready`, then holds both until killed; its pid.
@@ -303,8 +297,8 @@ TEST_F(Clients, AKilledRelayOrDaemonIsToldToClientsAndReplaced)
     // An orderly stop hangs the relay up; it removes the FIFOs.
     ASSERT_TRUE(lab.stop_daemon(pid));
     ASSERT_TRUE(lab.wait_exit(-1, 20.0)) << "the relay did not end";
-    EXPECT_TRUE(gone_within(kServer, 20.0));
-    EXPECT_TRUE(gone_within(kClient, 20.0));
+    EXPECT_TRUE(lab_wait_for(20.0, [] { return access(kServer, F_OK) != 0; }));
+    EXPECT_TRUE(lab_wait_for(20.0, [] { return access(kClient, F_OK) != 0; }));
 
     // Killed outright: the registration names the dead process.
     pid = lab.start_daemon();

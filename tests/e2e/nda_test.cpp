@@ -29,14 +29,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* nsenter = "/usr/bin/nsenter";
 
-bool wait_for(double seconds, const std::function<bool()>& cond)
-{
-    auto deadline = Clock::now() + std::chrono::milliseconds(int64_t(seconds * 1000));
-    for (; !cond(); std::this_thread::sleep_for(std::chrono::milliseconds(50)))
-        if (Clock::now() >= deadline)
-            return false;
-    return true;
-}
 
 Bytes add(uint32_t id, const Bytes& name, int group, const std::vector<std::string>& addrs)
 {
@@ -79,7 +71,7 @@ protected:
     {
         pid_t pid = lab.start(lab_daemon, {HALYARD_NDA_BINARY, "-f"});
         EXPECT_GT(pid, 0) << lab.last_error();
-        EXPECT_TRUE(wait_for(20, [&] { return Lab::udp_port_bound(pid, 227); }))
+        EXPECT_TRUE(lab_wait_for(20, [&] { return Lab::udp_port_bound(pid, 227); }))
             << "the agent does not listen; its log:\n" << lab_read_file("/var/opt/KORRbase/log.nda");
         return pid;
     }
@@ -93,7 +85,7 @@ protected:
                               " mkdir -p /etc/opt/KORRbase /var/opt/KORRbase/rtdb /opt/KORRlibs/lib &&"
                               " touch /var/opt/peer-ready && exec sleep 600"});
         ASSERT_GT(p.holder, 0) << lab.last_error();
-        ASSERT_TRUE(wait_for(20, [&] { return access((p.root() + "/var/opt/peer-ready").c_str(), F_OK) == 0; }));
+        ASSERT_TRUE(lab_wait_for(20, [&] { return access((p.root() + "/var/opt/peer-ready").c_str(), F_OK) == 0; }));
         std::string net = station == 2 ? "10.89.0." : "10.88.0.";
         std::string config = "[realm NB]\ntransport tcpip\n\n[interface tcpip hs" + std::to_string(station - 1) +
                              "]\naddress " + net + "2\nnetmask 255.255.255.0\nbroadcast " + net +
@@ -103,7 +95,7 @@ protected:
         argv.insert(argv.end(), args.begin(), args.end());
         std::string out;
         ASSERT_EQ(in_peer(p, argv, &out), 0) << out;
-        ASSERT_TRUE(wait_for(20, [&] {
+        ASSERT_TRUE(lab_wait_for(20, [&] {
             p.daemon = lab_plist_pid(lab_read_file(p.root() + lab_plist_path));
             return p.daemon > 0 && access((p.root() + "/var/opt/KORRbase/ns_serverfifo").c_str(), F_OK) == 0;
         })) << p.log();
@@ -180,28 +172,28 @@ TEST_F(Directory, NamesReachAcrossSubnetsAndStayUnique)
     const Bytes fs = nb_name("FILESRV", 0x20), team = nb_name("TEAM", 0x1e);
 
     ASSERT_EQ(ctl(a, {"add", "FILESRV<20>"}, &out), 0) << out;
-    ASSERT_TRUE(wait_for(30, [&] { return ask_agent(fs) == "10.88.0.2"; })) << a.log();
+    ASSERT_TRUE(lab_wait_for(30, [&] { return ask_agent(fs) == "10.88.0.2"; })) << a.log();
     ASSERT_EQ(ctl(b, {"lookup", "FILESRV<20>"}, &out), 0) << out;
     EXPECT_NE(out.find("10.88.0.2"), std::string::npos) << out;
 
     ASSERT_EQ(ctl(b, {"add", "FILESRV<20>"}, &out), 0) << out;
-    EXPECT_TRUE(wait_for(30, [&] {
+    EXPECT_TRUE(lab_wait_for(30, [&] {
         return b.log().find("name already exists on network: filesrv") != std::string::npos &&
                b.log().find("at address 10.88.0.2") != std::string::npos;
     })) << b.log();
-    EXPECT_TRUE(wait_for(10, [&] { return ctl(b, {"check", "FILESRV<20>"}, &out) == 1; })) << out;
+    EXPECT_TRUE(lab_wait_for(10, [&] { return ctl(b, {"check", "FILESRV<20>"}, &out) == 1; })) << out;
 
     ASSERT_EQ(ctl(a, {"del", "FILESRV<20>"}, &out), 0) << out;
-    EXPECT_TRUE(wait_for(30, [&] { return ask_agent(fs).empty(); })) << a.log();
+    EXPECT_TRUE(lab_wait_for(30, [&] { return ask_agent(fs).empty(); })) << a.log();
     ASSERT_EQ(ctl(b, {"add", "FILESRV<20>"}, &out), 0) << out;
-    EXPECT_TRUE(wait_for(30, [&] { return ask_agent(fs) == "10.89.0.2"; })) << b.log();
+    EXPECT_TRUE(lab_wait_for(30, [&] { return ask_agent(fs) == "10.89.0.2"; })) << b.log();
     EXPECT_EQ(ctl(b, {"check", "FILESRV<20>"}, &out), 0) << out;
 
     // Both members known; a lookup gets the one heard of most recently.
     ASSERT_EQ(ctl(a, {"add", "TEAM<1e>", "--group"}, &out), 0) << out;
-    ASSERT_TRUE(wait_for(30, [&] { return ask_agent(team) == "10.88.0.2"; })) << a.log();
+    ASSERT_TRUE(lab_wait_for(30, [&] { return ask_agent(team) == "10.88.0.2"; })) << a.log();
     ASSERT_EQ(ctl(b, {"add", "TEAM<1e>", "--group"}, &out), 0) << out;
-    EXPECT_TRUE(wait_for(30, [&] { return ask_agent(team) == "10.89.0.2"; })) << b.log();
+    EXPECT_TRUE(lab_wait_for(30, [&] { return ask_agent(team) == "10.89.0.2"; })) << b.log();
     lab.run(lab_daemon, {HALYARD_NDA_BINARY, "-l", "-j"}, &out);  // the agent may run meanwhile
     EXPECT_NE(out.find("{\"name\":\"TEAM<1e>\",\"group\":true,\"address\":\"10.88.0.2\",\"host\":1,\"seen\":"),
               std::string::npos) << out;
@@ -210,7 +202,7 @@ TEST_F(Directory, NamesReachAcrossSubnetsAndStayUnique)
     // B stops: its ENS port no longer answers the VERIFY, so A's claim wins.
     ASSERT_TRUE(lab.stop_daemon(b.daemon));
     ASSERT_EQ(ctl(a, {"add", "FILESRV<20>"}, &out), 0) << out;
-    EXPECT_TRUE(wait_for(30, [&] { return ask_agent(fs) == "10.88.0.2"; })) << a.log();
+    EXPECT_TRUE(lab_wait_for(30, [&] { return ask_agent(fs) == "10.88.0.2"; })) << a.log();
     EXPECT_EQ(ctl(a, {"check", "FILESRV<20>"}, &out), 0) << out;
 }
 
@@ -233,7 +225,7 @@ TEST_F(Directory, KeepsEveryAcknowledgedNameThroughAKill)
     bool killed = false;
     for (int i = 10; i < 40; i++) {
         ASSERT_EQ(ctl(a, {"add", "KEPT" + std::to_string(i) + "<20>"}, &out), 0) << out;
-        if (!killed && wait_for(0.5, [&] { return names_acked(seen = lab_read_file(trace)).size() >= 5; })) {
+        if (!killed && lab_wait_for(0.5, [&] { return names_acked(seen = lab_read_file(trace)).size() >= 5; })) {
             kill(agent, SIGKILL);  // the claims of the names after it go on
             killed = true;
             ASSERT_TRUE(lab.wait_exit(agent, 20));
@@ -311,7 +303,7 @@ TEST_F(Directory, ServesEveryRequestOfTheProtocol)
         lab.send_to(s[i % 3], "127.0.0.1", 227, d);
     }
     // What overflowed the agent's socket buffer is lost: ask until answered.
-    EXPECT_TRUE(wait_for(60, [&] { return ask_agent(TEAM) == "10.1.0.3"; }));
+    EXPECT_TRUE(lab_wait_for(60, [&] { return ask_agent(TEAM) == "10.1.0.3"; }));
     std::string status = lab_read_file("/proc/" + std::to_string(agent) + "/status");
     size_t at = status.find("\nVmRSS:");
     ASSERT_NE(at, std::string::npos);
@@ -346,7 +338,7 @@ TEST_F(Directory, TwoAgentsOnOneDatabaseNeverBothGiveAwayAName)
         pid_t pid = lab.start(lab_daemon, {HALYARD_NDA_BINARY, "-f", "-p", std::to_string(port), "-d",
                                            "host=" + pg_dir + " dbname=postgres user=postgres"});
         ASSERT_GT(pid, 0) << lab.last_error();
-        ASSERT_TRUE(wait_for(30, [&] { return Lab::udp_port_bound(pid, port); }))
+        ASSERT_TRUE(lab_wait_for(30, [&] { return Lab::udp_port_bound(pid, port); }))
             << lab_read_file("/var/opt/KORRbase/log.nda");
     }
     int station[2] = {lab.udp_socket(lab_daemon, 228, "127.0.0.2"), lab.udp_socket(lab_daemon, 228, "127.0.0.3")};

@@ -46,18 +46,6 @@ int ms_left(Clock::time_point deadline)
 }
 
 // Polls `done` every 20 ms until it holds or the deadline passes.
-bool wait_for(double seconds, const std::function<bool()>& done)
-{
-    auto deadline = deadline_in(seconds);
-    for (;;) {
-        if (done())
-            return true;
-        if (Clock::now() >= deadline)
-            return false;
-        usleep(20 * 1000);
-    }
-}
-
 std::string errtext(const std::string& what) { return what + ": " + strerror(errno); }
 
 ino_t inode_of(const std::string& path)
@@ -146,7 +134,7 @@ int wait_spawned(pid_t pid, Clock::time_point deadline)
 {
     int status = 0;
     pid_t r = 0;
-    if (wait_for(ms_left(deadline) / 1000.0, [&] { return (r = waitpid(pid, &status, WNOHANG)) != 0; }))
+    if (lab_wait_for(ms_left(deadline) / 1000.0, [&] { return (r = waitpid(pid, &status, WNOHANG)) != 0; }))
         return r == pid ? status : -1;
     kill(pid, SIGKILL);
     waitpid(pid, &status, 0);
@@ -208,6 +196,18 @@ std::string lab_read_file(const std::string& path)
         text.append(buf, size_t(n));
     close(fd);
     return text;
+}
+
+bool lab_wait_for(double seconds, const std::function<bool()>& done)
+{
+    auto deadline = deadline_in(seconds);
+    for (;;) {
+        if (done())
+            return true;
+        if (Clock::now() >= deadline)
+            return false;
+        usleep(20 * 1000);
+    }
 }
 
 pid_t lab_plist_pid(const std::string& plist_text)
@@ -314,7 +314,7 @@ std::string Lab::setup(int stations)
             !ip_in(side, {"link", "set", s_if, "up"}))
             return error_;
         // The pair carries traffic once both ends report a carrier.
-        if (!wait_for(10.0, [&] {
+        if (!lab_wait_for(10.0, [&] {
                 return ip_in(lab_daemon, {"-o", "link", "show", "dev", d_if}) &&
                        out.find("LOWER_UP") != std::string::npos &&
                        ip_in(side, {"-o", "link", "show", "dev", s_if}) && out.find("LOWER_UP") != std::string::npos;
@@ -382,7 +382,7 @@ pid_t Lab::registered_pid() const { return lab_plist_pid(lab_read_file(lab_plist
 pid_t Lab::wait_registered(double seconds) const
 {
     pid_t pid = -1;
-    return wait_for(seconds, [&] { return alive(pid = registered_pid()); }) ? pid : -1;
+    return lab_wait_for(seconds, [&] { return alive(pid = registered_pid()); }) ? pid : -1;
 }
 
 pid_t Lab::start_daemon(const std::vector<std::string>& args, double seconds)
@@ -489,7 +489,7 @@ void Lab::end_sanitizer_reports()
 bool Lab::wait_exit(pid_t pid, double seconds, int* wstatus, pid_t* which)
 {
     std::pair<pid_t, int> found{-1, -1};
-    bool ended = wait_for(seconds, [&] {
+    bool ended = lab_wait_for(seconds, [&] {
         reap();
         for (auto it = exits_.begin(); it != exits_.end(); ++it) {
             if (pid == -1 || it->first == pid) {
@@ -513,14 +513,14 @@ bool Lab::wait_exit(pid_t pid, double seconds, int* wstatus, pid_t* which)
 
 bool Lab::wait_log(const std::string& text, double seconds) const
 {
-    return wait_for(seconds, [&] { return log().find(text) != std::string::npos; });
+    return lab_wait_for(seconds, [&] { return log().find(text) != std::string::npos; });
 }
 
 std::string Lab::trace(const std::string& name) const { return lab_read_file(std::string(lab_home) + "/" + name); }
 
 bool Lab::wait_trace(const std::string& text, const std::string& name, double seconds) const
 {
-    return wait_for(seconds, [&] { return trace(name).find(text) != std::string::npos; });
+    return lab_wait_for(seconds, [&] { return trace(name).find(text) != std::string::npos; });
 }
 
 bool Lab::udp_port_bound(pid_t pid, uint16_t port)

@@ -59,6 +59,9 @@ std::vector<LabLogGroup> lab_parse_log(const std::string& text);
 std::string lab_read_file(const std::string& path);
 
 // The "pid" property of a property-list text, or -1 when there is none.
+// Polls done() until it holds or `seconds` have passed: whether it held.
+bool lab_wait_for(double seconds, const std::function<bool()>& done);
+
 pid_t lab_plist_pid(const std::string& plist_text);
 
 // "exited 1", "killed by signal 15": wait statuses readable in failures.
