@@ -124,8 +124,7 @@ protected:
         ASSERT_TRUE(lab.write_config(lab.default_config() + "NB-nd-addr 10.88.0.5 10.88.0.6\n"));
         pid = lab.start_daemon({"-z", trace});
         ASSERT_GT(pid, 0) << lab.last_error();
-        for (int i = 0; i < 200 && !Lab::udp_port_bound(pid, 228); ++i)
-            usleep(100 * 1000);
+        lab_wait_for(20, [&] { return Lab::udp_port_bound(pid, 228); });
         ASSERT_EQ(lab.halyardctl({"add", "FLOOD<20>"}), 0);
         auto add = agents[0].next(20.0, ndasim::add);
         ASSERT_TRUE(add && agents[0].reply_add_accepted(*add));

@@ -107,10 +107,8 @@ TEST_F(Samba, NmblookupAndNmbdMeetOurDaemonAndTsharkDecodesIt)
     if (access(tshark_bin, X_OK) == 0 && access(dumpcap_bin, X_OK) == 0) {
         capture = start_station({dumpcap_bin, "-n", "-i", "hs0", "-w", dir + "/daemon.pcap", "-f",
                                  "udp and src host 10.88.0.1"}, dir + "/dumpcap.out");
-        bool started = false;
-        for (int i = 0; i < 600 && !(started = contains(lab_read_file(dir + "/dumpcap.out"), "Capturing on")); ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        ASSERT_TRUE(started) << lab_read_file(dir + "/dumpcap.out");
+        ASSERT_TRUE(lab_wait_for(60, [&] { return contains(lab_read_file(dir + "/dumpcap.out"), "Capturing on"); }))
+            << lab_read_file(dir + "/dumpcap.out");
     }
 
     // nmblookup asks in upper case; our names are taken as typed. A pending
@@ -135,12 +133,8 @@ TEST_F(Samba, NmblookupAndNmbdMeetOurDaemonAndTsharkDecodesIt)
     pid_t nmbd = start_station({nmbd_bin, "--foreground", "--debug-stdout", "--no-process-group", "-d", "2",
                                 "-s", dir + "/smb.conf"}, dir + "/nmbd.out");
     ASSERT_GT(nmbd, 0) << lab.last_error();
-    int st = -1;
-    for (int i = 0; i < 20 && st != 0; ++i) {
-        if ((st = lab.halyardctl({"lookup", "STATION<20>"}, &out)) != 0)
-            std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    }
-    ASSERT_EQ(st, 0) << out << lab_read_file(dir + "/nmbd.out");
+    ASSERT_TRUE(lab_wait_for(60, [&] { return lab.halyardctl({"lookup", "STATION<20>"}, &out) == 0; }))
+        << out << lab_read_file(dir + "/nmbd.out");
     EXPECT_TRUE(contains(out, "10.88.0.2")) << out;
     EXPECT_EQ(lab.halyardctl({"status", "10.88.0.2"}, &out), 0) << out;
     EXPECT_TRUE(contains(out, "STATION") && contains(out, "LABGRP")) << out;

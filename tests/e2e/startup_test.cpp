@@ -31,13 +31,6 @@ std::string link_of(const std::string& path)
     return n < 0 ? "" : std::string(buf, size_t(n));
 }
 
-bool wait_port_bound(pid_t pid, uint16_t port)
-{
-    for (int i = 0; i < 400 && !Lab::udp_port_bound(pid, port); ++i)
-        usleep(50 * 1000);
-    return Lab::udp_port_bound(pid, port);
-}
-
 class Startup : public ::testing::Test {
 protected:
     void SetUp() override { LAB_SETUP_OR_SKIP(lab, 1); }
@@ -112,7 +105,7 @@ TEST_F(Startup, DetachesRegistersTracesAndEndsCleanly)
         << lab.trace(trc);
 
     // The configured name port; no ENS socket without agents once a client is answered.
-    EXPECT_TRUE(wait_port_bound(pid, 1137));
+    EXPECT_TRUE(lab_wait_for(20, [&] { return Lab::udp_port_bound(pid, 1137); }));
     EXPECT_FALSE(Lab::udp_port_bound(pid, 137));
     ASSERT_EQ(lab.halyardctl({"list"}), 0) << lab.log();
     EXPECT_FALSE(Lab::udp_port_bound(pid, 228));
