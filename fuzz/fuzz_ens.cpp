@@ -9,7 +9,6 @@
 // made that many commands after the input began (1 to 7 are the waiting
 // ones), so that responses can find their command.
 #include <arpa/inet.h>
-#include <cstdio>
 #include <cstring>
 
 #include "fuzz/fuzzenv.h"

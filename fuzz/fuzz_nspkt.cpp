@@ -8,7 +8,6 @@
 //   bit 2  every trace level at 9    bit 3  the sender is off our subnets
 //   bit 4  lookups are not strict
 #include <arpa/inet.h>
-#include <cstdio>
 #include <cstring>
 
 #include "fuzz/fuzzenv.h"

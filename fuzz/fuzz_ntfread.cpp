@@ -5,7 +5,6 @@
 //
 // Input: two bytes choosing ntf_read's limit (big-endian; 0xFFFF is -1),
 // then the stream (at most 60 KiB, which a pipe holds).
-#include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
 

@@ -7,7 +7,6 @@
 //   bit 0  one agent configured      bit 1  every trace level at 9
 #include <arpa/inet.h>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 
 #include "fuzz/fuzzenv.h"

@@ -16,10 +16,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <functional>
 #include <map>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {

@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>

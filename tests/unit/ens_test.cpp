@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <cstring>
 
 #include "shr/uniinet.h"
 #include "src/ens.h"

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 
 #include "misc/pktasm.h"
 #include "misc/pktdis.h"

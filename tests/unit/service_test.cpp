@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <cstring>
 #include <string>
 
 #include "shr/uniinet.h"
