@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 #include <fcntl.h>
-#include <grp.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/ioctl.h>
@@ -66,7 +65,7 @@ pid_t intruder(const std::function<bool(int, int)>& act, int ready)
     pid_t pid = fork();
     if (pid == 0) {
         int fd = -1, answers = -1;
-        if (setgroups(0, nullptr) == 0 && setgid(kNobody) == 0 && setuid(kNobody) == 0 &&
+        if (lab_become(kNobody, kNobody) &&
             (fd = open(kServer, O_WRONLY)) >= 0 && (answers = open(kClient, O_RDONLY | O_NONBLOCK)) >= 0 &&
             act(fd, answers) && write(ready, "r", 1) == 1)
             sleep(60);

@@ -21,6 +21,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 
 #include <gtest/gtest.h>
@@ -96,14 +97,17 @@ int in_netns(int ns, const std::function<int()>& make, int* new_ns = nullptr)
     return r;
 }
 
-// fork + exec inside network namespace ns_fd, output to out_fd when >= 0.
-// Only async-signal-safe calls between fork and exec.
-pid_t spawn(int ns_fd, const std::vector<std::string>& args, int out_fd, int uid, int gid)
+// fork + exec of `path` inside network namespace ns_fd, output to out_fd
+// when >= 0. Only async-signal-safe calls between fork and exec.
+pid_t spawn(int ns_fd, const std::string& path, const std::vector<std::string>& args, int out_fd, int uid,
+            int gid)
 {
     std::vector<char*> argv;
     for (const std::string& a : args)
         argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
+    std::string failed = "lab: cannot execute " + path + (uid >= 0 ? " as uid " + std::to_string(uid) : "");
+    failed += "\n";
     pid_t pid = fork();
     if (pid != 0)
         return pid;
@@ -121,11 +125,11 @@ pid_t spawn(int ns_fd, const std::vector<std::string>& args, int out_fd, int uid
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    if (gid >= 0 && (setgroups(0, nullptr) != 0 || setgid(gid_t(gid)) != 0))
+    if (!lab_become(uid, gid))
         _exit(125);
-    if (uid >= 0 && setuid(uid_t(uid)) != 0)
-        _exit(125);
-    execv(argv[0], argv.data());
+    execv(path.c_str(), argv.data());
+    ssize_t w = write(2, failed.data(), failed.size());  // what 127 means, in the output
+    (void)w;
     _exit(127);
 }
 
@@ -164,6 +168,14 @@ std::string lab_enter_private_namespaces()
     if (prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) != 0)
         return why = errtext("prctl(PR_SET_CHILD_SUBREAPER)");
     return why;
+}
+
+bool lab_become(int uid, int gid)
+{
+    if (uid < 0 && gid < 0)
+        return true;
+    return setgroups(0, nullptr) == 0 && (gid < 0 || setgid(gid_t(gid)) == 0) &&
+           (uid < 0 || setuid(uid_t(uid)) == 0) && chdir("/") == 0;
 }
 
 std::vector<LabLogGroup> lab_parse_log(const std::string& text)
@@ -366,11 +378,9 @@ int Lab::launch(const std::vector<std::string>& args, double seconds, int uid, i
 {
     std::vector<std::string> argv{binary != nullptr ? binary : halyard_binary()};
     argv.insert(argv.end(), args.begin(), args.end());
-    pid_t pid = daemon_ns_ >= 0 ? spawn(daemon_ns_, argv, -1, uid, gid) : -1;
-    if (pid < 0) {
-        error_ = daemon_ns_ >= 0 ? errtext("fork") : "launch before setup";
+    pid_t pid = spawn_as(lab_daemon, argv, -1, uid, gid);
+    if (pid < 0)
         return -1;
-    }
     int st = wait_spawned(pid, deadline_in(seconds));
     if (st == -1)
         error_ = "the launching process did not end within " + std::to_string(seconds) + " s";
@@ -648,11 +658,11 @@ std::vector<LabDatagram> Lab::collect(int fd, size_t count, double seconds,
 int Lab::run(LabSide side, const std::vector<std::string>& argv, std::string* out, double seconds, int uid, int gid)
 {
     int pipe_fds[2] = {-1, -1};
-    if (ns_fd(side) < 0 || argv.empty() || pipe2(pipe_fds, O_CLOEXEC) != 0) {
-        error_ = "run: no such lab namespace, no command or no pipe";
+    if (pipe2(pipe_fds, O_CLOEXEC) != 0) {
+        error_ = errtext("run: a pipe");
         return -1;
     }
-    pid_t pid = spawn(ns_fd(side), argv, pipe_fds[1], uid, gid);
+    pid_t pid = spawn_as(side, argv, pipe_fds[1], uid, gid);
     close(pipe_fds[1]);
     auto deadline = deadline_in(seconds);
     std::string text;
@@ -670,17 +680,51 @@ int Lab::run(LabSide side, const std::vector<std::string>& argv, std::string* ou
     close(pipe_fds[0]);
     if (out != nullptr)
         *out = text;
-    if (pid < 0)
-        error_ = errtext("fork");
     return pid < 0 ? -1 : wait_spawned(pid, deadline);
 }
 
-pid_t Lab::start(LabSide side, const std::vector<std::string>& argv)
+pid_t Lab::start(LabSide side, const std::vector<std::string>& argv) { return spawn_as(side, argv, -1, -1, -1); }
+
+pid_t Lab::spawn_as(LabSide side, const std::vector<std::string>& argv, int out_fd, int uid, int gid)
 {
-    pid_t pid = ns_fd(side) >= 0 && !argv.empty() ? spawn(ns_fd(side), argv, -1, -1, -1) : -1;
+    if (ns_fd(side) < 0 || argv.empty()) {
+        error_ = "no such lab namespace (before setup?), or no command";
+        return -1;
+    }
+    std::string path = uid >= 0 || gid >= 0 ? reachable(argv[0]) : argv[0];
+    if (path.empty()) {
+        ADD_FAILURE() << error_;  // a test that cannot run it as that user fails, saying why
+        return -1;
+    }
+    pid_t pid = spawn(ns_fd(side), path, argv, out_fd, uid, gid);
     if (pid < 0)
-        error_ = "start: no such lab namespace or no command, or no fork";
+        error_ = errtext("fork");
     return pid;
+}
+
+std::string Lab::reachable(const std::string& program)
+{
+    std::string build = std::string(halyard_build_dir()) + "/";
+    if (program.compare(0, build.size(), build) != 0)
+        return program;  // the system's programs are every user's already
+    const char* dir = "/opt/lab-programs";
+    if (!programs_mounted_) {
+        if (mkdir(dir, 0755) != 0 ||
+            mount("halyard-lab", dir, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755,size=512m") != 0) {
+            error_ = errtext(std::string("a tmpfs at ") + dir + " for programs run as another user");
+            return "";
+        }
+        programs_mounted_ = true;
+    }
+    std::string copy = std::string(dir) + program.substr(program.rfind('/'));
+    std::error_code ec;
+    if (access(copy.c_str(), X_OK) != 0 &&
+        (!std::filesystem::copy_file(program, copy, ec) || chmod(copy.c_str(), 0755) != 0)) {
+        error_ = "cannot copy " + program + " to " + copy + " for another user: " +
+                 (ec ? ec.message() : strerror(errno));
+        return "";
+    }
+    return copy;
 }
 
 void Lab::kill_leftovers()

@@ -67,6 +67,11 @@ pid_t lab_plist_pid(const std::string& plist_text);
 // "exited 1", "killed by signal 15": wait statuses readable in failures.
 std::string lab_describe_status(int wstatus);
 
+// The one way a test process becomes another user: gid, then uid (each when
+// >= 0), no supplementary groups, "/" as its folder (the test's own may be
+// closed to that user). Safe between fork and exec.
+bool lab_become(int uid, int gid);
+
 class Lab {
 public:
     Lab() = default;
@@ -85,6 +90,8 @@ public:
 
     // Runs the daemon (or `binary`) in the daemon namespace, as uid/gid when
     // >= 0, and waits for the launching process: its wait status, or -1.
+    // A program of the build run as another user runs from a copy the lab
+    // makes where every user can reach it (see reachable()).
     int launch(const std::vector<std::string>& args, double seconds = 30.0,
                int uid = -1, int gid = -1, const char* binary = nullptr);
 
@@ -156,12 +163,19 @@ public:
 
 private:
     int ns_fd(LabSide side) const;
+    // fork + exec in a lab namespace as uid/gid; -1 with the reason in error_.
+    pid_t spawn_as(LabSide side, const std::vector<std::string>& argv, int out_fd, int uid, int gid);
+    // A path to `program` that every user can execute: a program of the build
+    // is copied into a tmpfs of the lab, since the checkout may sit below a
+    // folder closed to other users (root's home); "" when that fails.
+    std::string reachable(const std::string& program);
     void reap();
     void kill_leftovers();
     std::string setup_sanitizer_reports();
     void end_sanitizer_reports();
 
     bool mounted_ = false;
+    bool programs_mounted_ = false;
     bool config_written_ = false;
     int stations_ = 0;
     int daemon_ns_ = -1;
