@@ -15,7 +15,7 @@
 #include "src/getnpack.h"
 
 constexpr const char* NSC_DIR = NS_DIR;  // FIFOs and lock file
-constexpr int NSC_TIMEOUT = 15;  // seconds; above the notifier's 12 and the 5 of a lookup
+constexpr int NSC_TIMEOUT = 15;  // seconds; well above the 5 of a lookup
 
 // Failures of an exchange. The status word of an answer is a separate value.
 constexpr int NSC_NOTRUNNING = -20;  // no server FIFO, or nobody reads it

@@ -54,6 +54,7 @@ constexpr int LU_MAX = 256;
 constexpr int LU_PER_CLIENT = 16;
 int lu_count = 0;   // records in lu_list
 constexpr int LIST_MAX = 200;      // name entries in one NS_LISTNAME message
+constexpr int REQUESTS_PER_ROUND = 4096;  // more than 64 KiB of the shortest
 constexpr int ENTRYLEN = 20;       // name and flags word
 constexpr int LOOKUP_LEN = 72;     // status, universal address, group flag
 
@@ -366,7 +367,16 @@ const char* opstring(uint32_t op)
 
 void do_request(int)
 {
-    for (;;) {
+    for (int n = 0;; n++) {
+        // A client that keeps the pipe full must not keep the loop here:
+        // after a round as large as the pipe holds, the interrupt comes
+        // back to ourselves. Blocked while the loop works, it ends the next
+        // wait once datagrams and timers have had their turn.
+        if (n == REQUESTS_PER_ROUND) {
+            if (dg_wait_mask() != nullptr)
+                kill(getpid(), SIGINT);
+            return;
+        }
         int r = get_request(&req_hdr, req_data);
         if (r == -2)
             return;
