@@ -15,6 +15,8 @@
 
 #include "shr/reader.h"
 #include "shr/uniinet.h"
+#include "shr/vzpoll.h"
+#include "shr/vzsignal.h"
 
 namespace {
 
@@ -67,13 +69,6 @@ int no_relay(NscConn* c, const char* what)
     return NSC_NORELAY;
 }
 
-int64_t now_ms()
-{
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
 // Integers of the client message lie in host order.
 uint32_t host32(Reader& r)
 {
@@ -106,87 +101,51 @@ struct Fds {
     }
 };
 
-// Waits until fd is ready for events or the deadline passes: 1, 0 at the
-// deadline, -1 on an error.
-int wait_fd(int fd, short events, int64_t deadline)
+// What the client FIFO gave and no message has used yet: room for a whole
+// message after the one that starts at the front.
+struct InBuf {
+    uint8_t b[2 * MSGSIZE];
+    size_t len = 0;
+};
+
+// The next framed message from the client FIFO into msg (header and
+// hdr.len data bytes). A stream cut by a client that gave up, or bytes of
+// another writer, are skipped to the next magic, and a header claiming more
+// than NS_MAXDATA is dropped with its data left to the search. 0 with *len
+// set, or an NSC_ code.
+int read_msg(NscConn* c, int fd, InBuf& in, uint8_t* msg, int32_t* len, int64_t deadline)
 {
     for (;;) {
-        int64_t left = deadline - now_ms();
-        if (left <= 0)
-            return 0;
-        pollfd p{fd, events, 0};
-        int n = poll(&p, 1, left > 60000 ? 60000 : int(left));
-        if (n > 0)
-            return 1;
-        if (n < 0 && errno != EINTR)
-            return -1;
-    }
-}
-
-// Reads exactly n bytes before the deadline: 0, NSC_NOANSWER or NSC_IOERR.
-int read_exact(NscConn* c, int fd, uint8_t* buf, size_t n, int64_t deadline)
-{
-    size_t have = 0;
-    while (have < n) {
-        int w = wait_fd(fd, POLLIN, deadline);
+        NsFramed f = ns_frame(std::span(in.b, in.len), NS_MAXDATA);
+        if (f.kind != NsFrame::need) {
+            if (f.kind == NsFrame::whole) {
+                memcpy(msg, in.b, f.n);
+                *len = int32_t(f.n - NS_HDRSIZE);
+            }
+            in.len -= f.n;
+            memmove(in.b, in.b + f.n, in.len);
+            if (f.kind == NsFrame::whole)
+                return 0;
+            continue;
+        }
+        int w = vz_wait_fd(fd, POLLIN, deadline);
         if (w == 0) {
             fail(c, "no answer from the name server within %d s: is it running?", c->timeout);
             return NSC_NOANSWER;
         }
         if (w < 0) {
-            fail(c, "poll on %s/ns_clientfifo: %s", c->dir, strerror(errno));
+            fail(c, "poll on %s/%s: %s", c->dir, NS_CLIENT_FIFO, strerror(errno));
             return NSC_IOERR;
         }
-        ssize_t r = read(fd, buf + have, n - have);
+        ssize_t r = read(fd, in.b + in.len, sizeof in.b - in.len);
         if (r > 0)
-            have += size_t(r);
+            in.len += size_t(r);
         else if (r == 0)
             return no_relay(c, "the answer FIFO has no writer");
-        else if (r < 0 && errno != EAGAIN && errno != EINTR) {
-            fail(c, "reading %s/ns_clientfifo: %s", c->dir, strerror(errno));
+        else if (errno != EAGAIN && errno != EINTR) {
+            fail(c, "reading %s/%s: %s", c->dir, NS_CLIENT_FIFO, strerror(errno));
             return NSC_IOERR;
         }
-    }
-    return 0;
-}
-
-// Reads the next framed message from the client FIFO into msg (header and
-// hdr.len data bytes), searching for the magic as the relay does: a stream
-// cut by a client that gave up, or bytes of another writer, are skipped,
-// and a header claiming more than NS_MAXDATA is dropped with its data left
-// to the search. 0 with *len set, or NSC_NOANSWER / NSC_IOERR.
-int read_msg(NscConn* c, int fd, uint8_t* msg, int32_t* len, int64_t deadline)
-{
-    size_t have = 0;
-    for (;;) {
-        int rc = read_exact(c, fd, msg + have, 8 - have, deadline);
-        if (rc != 0)
-            return rc;
-        if (memcmp(msg, NS_MAGIC, sizeof NS_MAGIC) != 0) {
-            have = 0;
-            for (size_t i = 1; i < 8; i++) {
-                if (msg[i] == NS_MAGIC[0]) {
-                    memmove(msg, msg + i, 8 - i);
-                    have = 8 - i;
-                    break;
-                }
-            }
-            continue;
-        }
-        rc = read_exact(c, fd, msg + 8, NS_HDRSIZE - 8, deadline);
-        if (rc != 0)
-            return rc;
-        Reader r(msg + 8, 4);
-        int32_t n = int32_t(host32(r));
-        if (n < 0 || n > NS_MAXDATA) {
-            have = 0;
-            continue;
-        }
-        rc = read_exact(c, fd, msg + NS_HDRSIZE, size_t(n), deadline);
-        if (rc != 0)
-            return rc;
-        *len = n;
-        return 0;
     }
 }
 
@@ -204,7 +163,7 @@ int take_lock(NscConn* c, int fd, const char* path, int64_t deadline)
             fail(c, "locking %s: %s", path, strerror(errno));
             return NSC_IOERR;
         }
-        if (now_ms() >= deadline) {
+        if (vz_now_ms() >= deadline) {
             struct flock who {};
             who.l_type = F_WRLCK;
             who.l_whence = SEEK_SET;
@@ -221,43 +180,28 @@ int take_lock(NscConn* c, int fd, const char* path, int64_t deadline)
 
 // One write of the whole message: the FIFO keeps writes of up to PIPE_BUF
 // bytes in one piece, which the relay's framing needs. A reader that goes
-// away must not end this process with SIGPIPE: it is held and taken back.
+// away must not end this process with SIGPIPE.
 int write_msg(NscConn* c, int fd, const uint8_t* msg, size_t n, int64_t deadline)
 {
-    sigset_t pipe_set, old;
-    sigemptyset(&pipe_set);
-    sigaddset(&pipe_set, SIGPIPE);
-    sigprocmask(SIG_BLOCK, &pipe_set, &old);
-    int rc = 0;
     for (;;) {
-        ssize_t w = write(fd, msg, n);
+        ssize_t w = vz_write_held(fd, msg, n);
         if (w == ssize_t(n))
-            break;
+            return 0;
         if (w >= 0) {
-            rc = NSC_IOERR;
-            fail(c, "short write to %s/ns_serverfifo", c->dir);
-            break;
+            fail(c, "short write to %s/%s", c->dir, NS_SERVER_FIFO);
+            return NSC_IOERR;
         }
-        if (errno == EPIPE) {
-            rc = no_relay(c, "nobody reads the request FIFO");
-            timespec zero{0, 0};
-            sigtimedwait(&pipe_set, nullptr, &zero);
-            break;
-        }
+        if (errno == EPIPE)
+            return no_relay(c, "nobody reads the request FIFO");
         if (errno != EAGAIN && errno != EINTR) {
-            rc = NSC_IOERR;
-            fail(c, "writing %s/ns_serverfifo: %s", c->dir, strerror(errno));
-            break;
+            fail(c, "writing %s/%s: %s", c->dir, NS_SERVER_FIFO, strerror(errno));
+            return NSC_IOERR;
         }
-        if (errno == EAGAIN && wait_fd(fd, POLLOUT, deadline) <= 0) {
-            rc = NSC_NOANSWER;
+        if (errno == EAGAIN && vz_wait_fd(fd, POLLOUT, deadline) <= 0) {
             fail(c, "the name server took no request within %d s: is it running?", c->timeout);
-            break;
+            return NSC_NOANSWER;
         }
     }
-    if (!sigismember(&old, SIGPIPE))
-        sigprocmask(SIG_SETMASK, &old, nullptr);
-    return rc;
 }
 
 uint32_t next_xid()
@@ -446,14 +390,14 @@ void nsc_setup(NscConn* conn, const char* dir, int timeout)
 int nsc_exchange(NscConn* conn, uint32_t op, const uint8_t* data, int len, nsc_msg_fn fn, void* arg)
 {
     NscConn* c = conn;
-    if (len < 0 || NS_HDRSIZE + size_t(len) > size_t(NS_MAXDATA)) {
+    if (len < 0 || len > NS_REQMAX) {
         fail(c, "request of %d data bytes is too long", len);
         return NSC_IOERR;
     }
     char spath[300], cpath[300], lpath[300];
-    snprintf(spath, sizeof spath, "%s/%s", c->dir, "ns_serverfifo");
-    snprintf(cpath, sizeof cpath, "%s/%s", c->dir, "ns_clientfifo");
-    snprintf(lpath, sizeof lpath, "%s/%s", c->dir, "lock.name");
+    snprintf(spath, sizeof spath, "%s/%s", c->dir, NS_SERVER_FIFO);
+    snprintf(cpath, sizeof cpath, "%s/%s", c->dir, NS_CLIENT_FIFO);
+    snprintf(lpath, sizeof lpath, "%s/%s", c->dir, NS_LOCK_FILE);
 
     struct stat st;
     if (stat(spath, &st) != 0) {
@@ -470,7 +414,7 @@ int nsc_exchange(NscConn* conn, uint32_t op, const uint8_t* data, int len, nsc_m
         fail(c, "%s is not a FIFO", spath);
         return NSC_IOERR;
     }
-    int64_t deadline = now_ms() + int64_t(c->timeout) * 1000;
+    int64_t deadline = vz_now_ms() + int64_t(c->timeout) * 1000;
     Fds fds;
     // The lock keeps clients' requests and answers apart: whoever holds it
     // is the only one reading the client FIFO.
@@ -524,9 +468,10 @@ int nsc_exchange(NscConn* conn, uint32_t op, const uint8_t* data, int len, nsc_m
     if (rc != 0)
         return rc;
 
+    InBuf in;
     for (;;) {
         int32_t n = 0;
-        rc = read_msg(c, fds.cfd, msg, &n, deadline);
+        rc = read_msg(c, fds.cfd, in, msg, &n, deadline);
         if (rc != 0)
             return rc;
         Reader r(msg + 8, 16);
@@ -550,7 +495,7 @@ int nsc_exchange(NscConn* conn, uint32_t op, const uint8_t* data, int len, nsc_m
         if (a.more == 0)
             return 0;
         // Each further message has its own full wait, as at the relay.
-        deadline = now_ms() + int64_t(c->timeout) * 1000;
+        deadline = vz_now_ms() + int64_t(c->timeout) * 1000;
     }
 }
 

@@ -14,8 +14,8 @@
 #include "src/dorequest.h"
 #include "src/getnpack.h"
 
-constexpr const char* NSC_DIR = "/var/opt/KORRbase";  // FIFOs and lock file
-constexpr int NSC_TIMEOUT = 15;  // seconds; above the notifier's 12 and the 5 of a lookup
+constexpr const char* NSC_DIR = NS_DIR;  // FIFOs and lock file
+constexpr int NSC_TIMEOUT = 15;  // seconds; well above the 5 of a lookup
 
 // Failures of an exchange. The status word of an answer is a separate value.
 constexpr int NSC_NOTRUNNING = -20;  // no server FIFO, or nobody reads it
@@ -94,7 +94,7 @@ void nsc_setup(NscConn* conn, const char* dir, int timeout);
 // negative NSC_ code (with conn->why set) to end the exchange with it.
 using nsc_msg_fn = int (*)(NscConn* conn, const ns_hdr* hdr, const uint8_t* data, void* arg);
 
-// Sends op with len data bytes (24 + len at most NS_MAXDATA) and hands every
+// Sends op with len data bytes (at most NS_REQMAX) and hands every
 // answer message of this request to fn until one has more 0. 0, or an NSC_
 // code with conn->why telling what happened.
 int nsc_exchange(NscConn* conn, uint32_t op, const uint8_t* data, int len, nsc_msg_fn fn, void* arg);

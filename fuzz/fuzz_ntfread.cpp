@@ -1,7 +1,7 @@
 // Byte streams through the notifier's framed readers: what the daemon
 // writes into the response pipe read back message by message with ntf_read,
 // and what clients write into the server FIFO with ntf_take, until the
-// stream ends.
+// stream ends (the writer is closed: a message cut short ends it).
 //
 // Input: two bytes choosing ntf_read's limit (big-endian; 0xFFFF is -1),
 // then the stream (at most 60 KiB, which a pipe holds).

@@ -1,6 +1,6 @@
 // Client messages as the notifier hands them on: the bytes go into the
-// daemon's request pipe and do_request reads and answers them, interrupt
-// after interrupt, until the pipe is empty. Responses are read and dropped.
+// daemon's request pipe and do_request frames, reads and answers them until
+// the pipe is empty. Responses are read and dropped.
 // The name-service socket is closed inside a private network namespace.
 //
 // Input: one option byte, then the stream (at most 64 KiB).
@@ -34,12 +34,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (opt & 2)
         fz_trace_all();
     fz_ntf_feed(data + 1, size - 1);
-    // Each interrupt reads until a lookup or a status request; a request
-    // cut short ends the pass.
     for (int i = 0; i < 4096 && fz_ntf_pending(); i++) {
         do_request(SIGINT);
         fz_ntf_drain();
     }
+    get_request_reset();   // a message cut short waits no longer
     fz_end_input(20);   // claim cycles and lookup time-outs run out
     return 0;
 }

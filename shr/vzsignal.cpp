@@ -1,6 +1,8 @@
 #include "shr/vzsignal.h"
 
+#include <cerrno>
 #include <csignal>
+#include <unistd.h>
 
 int vz_signal(int sig, void (*handler)(int))
 {
@@ -33,4 +35,22 @@ int vz_classic_signal(int sig)
     default:
         return sig;
     }
+}
+
+ssize_t vz_write_held(int fd, const void* buf, size_t n)
+{
+    sigset_t pipe_set, old;
+    sigemptyset(&pipe_set);
+    sigaddset(&pipe_set, SIGPIPE);
+    sigprocmask(SIG_BLOCK, &pipe_set, &old);
+    ssize_t w = write(fd, buf, n);
+    int err = errno;
+    // The signal a failed write raised is taken, unless it was held already.
+    if (w < 0 && err == EPIPE && !sigismember(&old, SIGPIPE)) {
+        timespec zero{0, 0};
+        sigtimedwait(&pipe_set, nullptr, &zero);
+    }
+    sigprocmask(SIG_SETMASK, &old, nullptr);
+    errno = err;
+    return w;
 }

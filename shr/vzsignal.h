@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 // Installs handler for sig with System V semantics: the handler is reset to
 // the default action on delivery, and a blocked system call is interrupted
 // (EINTR), never restarted. Every handler of the daemon goes through here.
@@ -20,3 +22,7 @@ extern const int vz_terminating[13];
 // A signal's traditional number, as traces and exit statuses report it; it
 // differs from Linux's for the bus error (10) and the bad system call (12).
 int vz_classic_signal(int sig);
+
+// write() with the broken-pipe signal held: a reader that went away gives
+// -1 with EPIPE instead of ending the process. errno is write's.
+ssize_t vz_write_held(int fd, const void* buf, size_t n);

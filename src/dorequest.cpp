@@ -1,6 +1,7 @@
 #include "src/dorequest.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -10,6 +11,7 @@
 #include "nmtrace.h"
 #include "shr/fxdump.h"
 #include "shr/uniinet.h"
+#include "shr/vzsignal.h"
 #include "src/claim.h"
 #include "src/cust.h"
 #include "src/delay.h"
@@ -42,9 +44,24 @@ int32_t l_id = 0;
 bool lu_timer = false;
 
 constexpr int LOOKUP_WAIT = 5;     // seconds a lookup waits for the network
+// Bounded beyond the plain behaviour: every local user may write lookups,
+// and each one that waits holds a record for 5 seconds and has put a query
+// on the network. At most LU_MAX wait at once, and LU_PER_CLIENT with one
+// xid, the only mark of a client that a request carries; one over either is
+// answered at once as if it had timed out. A busy host has a few waiting at
+// a time, one per client.
+constexpr int LU_MAX = 256;
+constexpr int LU_PER_CLIENT = 16;
+int lu_count = 0;   // records in lu_list
 constexpr int LIST_MAX = 200;      // name entries in one NS_LISTNAME message
+constexpr int REQUESTS_PER_ROUND = 4096;  // more than 64 KiB of the shortest
 constexpr int ENTRYLEN = 20;       // name and flags word
 constexpr int LOOKUP_LEN = 72;     // status, universal address, group flag
+
+// What the relay's pipe gave and no request has used yet: always room for
+// a whole message after the one that starts at the front.
+std::array<uint8_t, 2 * (NS_HDRSIZE + NS_MAXDATA)> req_buf;
+size_t req_len = 0;
 
 // The request being handled, and the messages that answer later.
 ns_hdr req_hdr;
@@ -141,6 +158,27 @@ void serve_lookups(int32_t)
     }
 }
 
+// Whether a further lookup or status request of this client would be one
+// too many to wait.
+bool lu_full(uint32_t xid)
+{
+    if (lu_count >= LU_MAX)
+        return true;
+    int mine = 0;
+    for (const lu_rec* r = lu_list; r != nullptr; r = r->next)
+        mine += r->xid == xid ? 1 : 0;
+    return mine >= LU_PER_CLIENT;
+}
+
+// The answer of a timed-out lookup or status request, now.
+void refuse_wait(ns_hdr* h, uint8_t* data)
+{
+    answer(h, h->op, h->op == NS_LOOKUP ? LOOKUP_LEN : 4);
+    memset(data, 0, LOOKUP_LEN);
+    put32(data, 0, NT_ABSENT);
+    put_response(h, data);
+}
+
 // Starts the wait of a lookup or status request; its answer comes later.
 void wait_for(const uint8_t* name, uint32_t address, uint32_t op, uint32_t xid)
 {
@@ -167,6 +205,7 @@ int add_lu(const uint8_t* name, uint32_t address, uint32_t op, int32_t id, uint3
     r->expiry = dg_now() + LOOKUP_WAIT;
     r->next = lu_list;
     lu_list = r;
+    lu_count++;
     return 0;
 }
 
@@ -177,6 +216,7 @@ void rm_lu(int32_t id)
             lu_rec* r = *p;
             *p = r->next;
             delete r;
+            lu_count--;
             return;
         }
     }
@@ -224,30 +264,50 @@ int get_luaddr(uint32_t address, int32_t* id, uint32_t* xid)
     return -1;
 }
 
-// Requests that the notifier relayed: read while any wait. The notifier
-// passes on only whole messages with the right magic and at most
-// NS_MAXDATA data bytes; a length outside that is refused here all the same,
-// as a short read, rather than read into the data area past its end.
+// The requests that the notifier relayed, read into a buffer and framed
+// there: a message that one read leaves in part waits for the next, so a
+// message is never read from its middle. The relay passes on only whole
+// messages of at most NS_REQMAX data bytes with the right magic; bytes
+// that are no such message all the same are skipped to the next magic.
 int get_request(ns_hdr* h, uint8_t* data)
 {
-    ssize_t n = read(from_ntf, h, sizeof *h);
-    TRACE(proc, 9, "get_request: %d returned from read\n", static_cast<int>(n));
-    if (n == 0 || (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)))
-        return -2;
-    if (n != static_cast<ssize_t>(sizeof *h))
-        return -1;
-    if (h->len < 0 || h->len > NS_MAXDATA)
-        return -1;
-    if (h->len != 0 && read(from_ntf, data, static_cast<size_t>(h->len)) != h->len)
-        return -1;
-    // A request shorter than its operation's data reads zeros, not what an
-    // earlier request left.
-    memset(data + h->len, 0, static_cast<size_t>(NS_MAXDATA - h->len));
+    for (;;) {
+        NsFramed f = ns_frame(std::span(req_buf.data(), req_len), NS_MAXDATA);
+        if (f.kind == NsFrame::whole) {
+            memcpy(h, req_buf.data(), NS_HDRSIZE);
+            memcpy(data, req_buf.data() + NS_HDRSIZE, f.n - NS_HDRSIZE);
+            // A request shorter than its operation's data reads zeros, not
+            // what an earlier request left.
+            memset(data + h->len, 0, static_cast<size_t>(NS_MAXDATA - h->len));
+            req_len -= f.n;
+            memmove(req_buf.data(), req_buf.data() + f.n, req_len);
+            break;
+        }
+        if (f.kind == NsFrame::skip) {
+            TRACE(proc, 1, "get_request: %d bytes without a request skipped\n", static_cast<int>(f.n));
+            req_len -= f.n;
+            memmove(req_buf.data(), req_buf.data() + f.n, req_len);
+            continue;
+        }
+        // Needing more, the buffer holds less than a whole message: room.
+        ssize_t n = read(from_ntf, req_buf.data() + req_len, req_buf.size() - req_len);
+        TRACE(proc, 9, "get_request: %d returned from read\n", static_cast<int>(n));
+        if (n == 0 || (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)))
+            return -2;
+        if (n < 0)
+            return -1;
+        req_len += static_cast<size_t>(n);
+    }
     if (tcfile != nullptr && tc_proc >= 3) {
         tc_printf("get_request: received ns request:\n");
         dump_request(h, data);
     }
     return 0;
+}
+
+void get_request_reset()
+{
+    req_len = 0;
 }
 
 void put_response(const ns_hdr* h, const uint8_t* data)
@@ -261,23 +321,13 @@ void put_response(const ns_hdr* h, const uint8_t* data)
     // response that finds it full is dropped and traced; the relay and the
     // client time out as for a lost one. Header and data go in one write,
     // which the pipe keeps whole. A relay that has ended must not end the
-    // daemon with the broken-pipe signal: it is held, and taken back, and
-    // the loop starts a new relay.
+    // daemon with the broken-pipe signal: the loop starts a new relay.
     uint8_t msg[NS_HDRSIZE + NS_MAXDATA];
     size_t len = NS_HDRSIZE + static_cast<size_t>(std::clamp(h->len, 0, NS_MAXDATA));
     memcpy(msg, h, NS_HDRSIZE);
     memcpy(msg + NS_HDRSIZE, data, len - NS_HDRSIZE);
-    sigset_t pipe_set, old;
-    sigemptyset(&pipe_set);
-    sigaddset(&pipe_set, SIGPIPE);
-    sigprocmask(SIG_BLOCK, &pipe_set, &old);
-    ssize_t n = write(to_ntf, msg, len);
+    ssize_t n = vz_write_held(to_ntf, msg, len);
     int err = errno;
-    if (n < 0 && err == EPIPE) {
-        timespec zero{0, 0};
-        sigtimedwait(&pipe_set, nullptr, &zero);
-    }
-    sigprocmask(SIG_SETMASK, &old, nullptr);
     if (n != static_cast<ssize_t>(len))
         TRACE(proc, 1, "put_response: response %08x dropped, %d of %d bytes written, errno %d\n", h->xid,
               static_cast<int>(n), static_cast<int>(len), n < 0 ? err : 0);
@@ -317,7 +367,16 @@ const char* opstring(uint32_t op)
 
 void do_request(int)
 {
-    for (;;) {
+    for (int n = 0;; n++) {
+        // A client that keeps the pipe full must not keep the loop here:
+        // after a round as large as the pipe holds, the interrupt comes
+        // back to ourselves. Blocked while the loop works, it ends the next
+        // wait once datagrams and timers have had their turn.
+        if (n == REQUESTS_PER_ROUND) {
+            if (dg_wait_mask() != nullptr)
+                kill(getpid(), SIGINT);
+            return;
+        }
         int r = get_request(&req_hdr, req_data);
         if (r == -2)
             return;
@@ -334,10 +393,12 @@ void do_request(int)
         case NS_CKNAME: do_ckname(&req_hdr, req_data); break;
         case NS_NBSCOPE: do_nbscope(&req_hdr, req_data); break;
         case NS_ENSTABLE: do_enstable(&req_hdr, req_data); break;
-        // These answer when the network does: a further request waiting in
-        // the pipe is read at the next interrupt.
-        case NS_LOOKUP: do_lookup(&req_hdr, req_data); return;
-        case NS_ADAPSTAT: do_adapstat(&req_hdr, req_data); return;
+        // These answer when the network does, or at once when they cannot
+        // wait. The requests behind them are read now: read one interrupt
+        // later, a few lookups written together would hold up every other
+        // client until later requests came to move them on one by one.
+        case NS_LOOKUP: do_lookup(&req_hdr, req_data); continue;
+        case NS_ADAPSTAT: do_adapstat(&req_hdr, req_data); continue;
         default: answer(&req_hdr, 0, 0); break;
         }
         put_response(&req_hdr, req_data);
@@ -426,6 +487,10 @@ void do_lookup(ns_hdr* h, uint8_t* data)
         put_response(h, data);
         return;
     }
+    if (lu_full(h->xid)) {
+        refuse_wait(h, data);
+        return;
+    }
     if (nda_ct > 0) {
         const EnsName* en = ens_n_lookup(name);
         if (en != nullptr && en->host != nullptr && en->host->addrs != nullptr) {
@@ -485,6 +550,10 @@ void do_adapstat(ns_hdr* h, uint8_t* data)
         answer(h, NS_ADAPSTAT, 4);
         put32(data, 0, -1);
         put_response(h, data);
+        return;
+    }
+    if (lu_full(h->xid)) {
+        refuse_wait(h, data);
         return;
     }
     uint8_t name[16];

@@ -4,62 +4,23 @@
 // dispatcher with its handlers, the lookups that wait for a network answer
 // and the claim cycle of new names.
 
-#include <cstddef>
 #include <cstdint>
-#include <type_traits>
 
 #include "src/getnpack.h"
-
-// The client message: a 24-byte header and then exactly `len` data bytes.
-// Clients, the notifier and the daemon run on one host, so every integer is
-// in the host's own byte order, written as it lies in memory.
-//
-//   0                   8       12      16      20      24
-//   +-------------------+-------+-------+-------+-------+
-//   | magic             | len   | xid   | op    | more  |
-//   +-------------------+-------+-------+-------+-------+
-struct ns_hdr {
-    uint8_t magic[8];  // NS_MAGIC
-    int32_t len;       // data bytes that follow, 0 to NS_MAXDATA
-    uint32_t xid;      // the client's, copied into every response
-    uint32_t op;       // bits 0-11 the operation, NS_RESPONSE in answers
-    int32_t more;      // non-zero: further messages of this exchange follow
-};
-static_assert(sizeof(ns_hdr) == 24);
-static_assert(offsetof(ns_hdr, magic) == 0 && offsetof(ns_hdr, len) == 8 && offsetof(ns_hdr, xid) == 12 &&
-              offsetof(ns_hdr, op) == 16 && offsetof(ns_hdr, more) == 20);
-static_assert(std::is_trivially_copyable_v<ns_hdr>);
-
-constexpr size_t NS_HDRSIZE = sizeof(ns_hdr);
-
-// Seven non-zero bytes and a terminating zero.
-inline constexpr uint8_t NS_MAGIC[8] = {0xCA, 0x71, 0xD7, 0x5E, 0xE9, 0xD2, 0x64, 0x00};
-
-// The most data one message carries.
-constexpr int NS_MAXDATA = 4096;
-
-// Operation codes; an answer carries its request's code with NS_RESPONSE set.
-constexpr uint32_t NS_ADDNAME = 1;
-constexpr uint32_t NS_DELNAME = 2;
-constexpr uint32_t NS_LISTNAME = 3;
-constexpr uint32_t NS_LOOKUP = 4;
-constexpr uint32_t NS_INIT = 5;
-constexpr uint32_t NS_NBTYPE = 6;
-constexpr uint32_t NS_CKNAME = 7;
-constexpr uint32_t NS_NBSCOPE = 8;
-constexpr uint32_t NS_ADAPSTAT = 9;
-constexpr uint32_t NS_ENSTABLE = 10;
-constexpr uint32_t NS_RESPONSE = 0x1000;
+#include "src/nsmsg.h"
 
 // The claim cycle runs while doing_claims is 1.
 extern int doing_claims;
 
-// Reads and handles every request waiting in the notifier's pipe; the
+// Reads and handles every request waiting in the notifier's pipe, lookups
+// included (they are answered later, as the network answers); the
 // handler of the interrupt signal (sig is not used).
 void do_request(int sig);
-// One message from from_ntf: 0, -1 on a short read or a length outside
-// 0..NS_MAXDATA, -2 when nothing waits. Data bytes past len read as zeros.
+// The next whole message from from_ntf, read through a buffer that keeps a
+// message read in part for the next call: 0, -1 when the read failed, -2
+// when no whole message waits. Data bytes past len read as zeros.
 int get_request(ns_hdr* h, uint8_t* data);
+void get_request_reset();  // a new relay: what the old pipe gave goes
 // The header, then len data bytes, to to_ntf.
 void put_response(const ns_hdr* h, const uint8_t* data);
 void dump_request(const ns_hdr* h, const uint8_t* data);

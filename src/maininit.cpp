@@ -57,9 +57,7 @@ int need_reinit = 0;
 // The routed signals are blocked while the loop works and let through only
 // in its wait (ppoll). A client's interrupt that came after the noted
 // signals were checked but before the wait began would otherwise sleep
-// until the next datagram or timer: on a quiet network the notifier gives
-// up on that request after its 12 seconds, and as each interrupt serves one
-// lookup, every later lookup would be served one interrupt late.
+// until the next datagram or timer, and its client with it.
 sigset_t wait_mask;    // the mask during the wait
 sigset_t outer_mask;   // the mask before the loop, again when it ends
 bool loop_masking = false;

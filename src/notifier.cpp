@@ -17,6 +17,7 @@
 #include "shr/fxdump.h"
 #include "shr/logging.h"
 #include "shr/vzopen.h"
+#include "shr/vzpoll.h"
 #include "shr/vzsignal.h"
 #include "src/maininit.h"
 #include "src/namelogin.h"
@@ -27,23 +28,19 @@ int ntf_pid = 0;
 
 namespace {
 
-constexpr const char* NTF_DIR = "/var/opt/KORRbase";
-constexpr const char* SERVER_FIFO = "ns_serverfifo";
-constexpr const char* CLIENT_FIFO = "ns_clientfifo";
-constexpr const char* LOCK_FILE = "lock.name";
 constexpr const char* TRACE_FILE = "ntf.trc";
-constexpr unsigned RESPONSE_WAIT = 12;  // seconds a request's final response may take
 constexpr int MSG_NTF_RESTART = 540;
 constexpr int MSG_NO_NOTIFIER = 192;
 
 // Every local user may write into the server FIFO, so the relay bounds what
 // one writer can hold it with: a message must be whole within PART_WAIT of
 // its first byte, and an answer that no client takes within ANSWER_WAIT is
-// dropped. A request in parts ("more") is gathered here and passed on only
+// dropped. A request of more than NS_REQMAX data bytes is refused with
+// status -1, so that every message passed on fits one atomic pipe write. A request in parts ("more") is gathered here and passed on only
 // once whole, at most CHAIN_PARTS messages and CHAIN_BYTES bytes: far above
 // any real request, which is one message of at most 104 bytes.
 constexpr int PART_WAIT_MS = 1000;
-constexpr int ANSWER_WAIT_MS = 2000;
+constexpr int ANSWER_WAIT_MS = 1000;
 constexpr int CHAIN_PARTS = 16;
 constexpr size_t CHAIN_BYTES = 16384;
 
@@ -65,10 +62,16 @@ uint8_t req_data[NS_MAXDATA];
 ns_hdr rsp_hdr;
 uint8_t rsp_data[NS_MAXDATA];
 
-// What the server FIFO gave and no message has used yet: always room for a
-// whole message after the magic that starts at the front.
-uint8_t in_buf[2 * (NS_HDRSIZE + NS_MAXDATA)];
-size_t in_len = 0;
+// A stream read through a buffer and framed there: what was read and no
+// message has used yet, always with room for a whole message after the one
+// that starts at the front.
+struct Stream {
+    uint8_t buf[2 * (NS_HDRSIZE + NS_MAXDATA)];
+    size_t len = 0;
+    int64_t deadline = -1;  // the server FIFO's: when a message begun must be whole
+};
+Stream clients_in;  // the server FIFO
+Stream daemon_in;   // the daemon-to-notifier pipe
 
 // The request being gathered: its messages one after another.
 uint8_t chain[CHAIN_BYTES];
@@ -76,6 +79,7 @@ size_t chain_len = 0;
 int chain_parts = 0;
 
 bool clients_stalled = false;  // the last answer found nobody reading
+bool daemon_due = false;       // requests passed on since the daemon was woken
 
 void close_fd(int* fd)
 {
@@ -130,34 +134,6 @@ void trace_message(const ns_hdr* hdr, const uint8_t* data, int n)
     fflush(ntf_fp);
 }
 
-int64_t now_ms()
-{
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
-// Waits until fd is ready for events, at most until deadline (-1: no
-// limit): 1 ready, 0 the deadline passed, -1 an error.
-int wait_ready(int fd, short events, int64_t deadline)
-{
-    for (;;) {
-        int left = -1;
-        if (deadline >= 0) {
-            int64_t d = deadline - now_ms();
-            if (d <= 0)
-                return 0;
-            left = int(d);
-        }
-        pollfd p{fd, events, 0};
-        int n = poll(&p, 1, left);
-        if (n > 0)
-            return 1;
-        if (n < 0 && errno != EINTR)
-            return -1;
-    }
-}
-
 // Makes the file at fd the owner's and client_gid's only, when a group is
 // configured; the designed modes otherwise.
 void restrict_to_group(int fd, mode_t mode)
@@ -173,8 +149,8 @@ void restrict_to_group(int fd, mode_t mode)
 
 const char* notifier()
 {
-    snprintf(server_path, sizeof server_path, "%s/%s", NTF_DIR, SERVER_FIFO);
-    snprintf(client_path, sizeof client_path, "%s/%s", NTF_DIR, CLIENT_FIFO);
+    snprintf(server_path, sizeof server_path, "%s/%s", NS_DIR, NS_SERVER_FIFO);
+    snprintf(client_path, sizeof client_path, "%s/%s", NS_DIR, NS_CLIENT_FIFO);
 
     // With a client group configured, the FIFOs and the lock file are for
     // the owner and that group only.
@@ -192,8 +168,8 @@ const char* notifier()
     }
     restrict_to_group(from_client, 0622);
     restrict_to_group(to_client, 0644);
-    if (mklockfile(NTF_DIR, 0666 & group_mask) < 0) {
-        TRACE(proc, 1, "notifier: error opening lockfile %s/%s\n", NTF_DIR, LOCK_FILE);
+    if (mklockfile(NS_DIR, 0666 & group_mask) < 0) {
+        TRACE(proc, 1, "notifier: error opening lockfile %s/%s\n", NS_DIR, NS_LOCK_FILE);
         close_fifos();
         return "Error creating lockfile";
     }
@@ -251,6 +227,9 @@ const char* notifier()
             TRACE(proc, 1, "notifier: fcntl(O_NDELAY) failed, errno %d\n", err);
             return "Error setting O_NDELAY";
         }
+        // Room for the answers to a burst of requests, read all at once,
+        // while the relay passes them on; the default 64 KiB when refused.
+        fcntl(to_ntf, F_SETPIPE_SZ, 1 << 20);
         return nullptr;
     }
 
@@ -271,12 +250,7 @@ const char* notifier()
 
 namespace {
 
-// Whether the n bytes at p could be the start of a header.
-bool magic_prefix(const uint8_t* p, size_t n)
-{
-    return memcmp(p, NS_MAGIC, std::min(n, sizeof NS_MAGIC)) == 0;
-}
-
+// Whether a whole magic lies in the n bytes at p.
 bool holds_magic(const uint8_t* p, size_t n)
 {
     for (size_t i = 0; i + sizeof NS_MAGIC <= n; i++)
@@ -285,42 +259,54 @@ bool holds_magic(const uint8_t* p, size_t n)
     return false;
 }
 
-void consume(size_t n)
+void consume(Stream& s, size_t n)
 {
-    in_len -= n;
-    memmove(in_buf, in_buf + n, in_len);
+    s.len -= n;
+    memmove(s.buf, s.buf + n, s.len);
+}
+
+// One read of what fd holds now: 1 when bytes came, 0 when none wait, -1 at
+// end of file or on an error. The caller frames first: a stream that needs
+// more holds less than a whole message, so there is room.
+int fill(Stream& s, int fd)
+{
+    ssize_t got = read(fd, s.buf + s.len, sizeof s.buf - s.len);
+    if (got > 0) {
+        s.len += size_t(got);
+        return 1;
+    }
+    if (got < 0 && (errno == EAGAIN || errno == EINTR))
+        return 0;
+    return -1;  // end of file: only without a writer, never on the FIFO
 }
 
 // The gathered request to the daemon, message by message, each in one
-// write. A full pipe is a daemon that has not read yet: it is woken and
-// given PART_WAIT for room, or the rest of the request is dropped. 0, 1
-// when dropped, -1 when the pipe failed.
+// write, which the pipe keeps whole (none is above PIPE_BUF). A full pipe
+// is a daemon that has not read yet: it is woken and given PART_WAIT for
+// room, or the rest of the request is dropped. 0, 1 when dropped, -1 when
+// the pipe failed.
 int pass_chain()
 {
     for (size_t at = 0; at < chain_len;) {
         ns_hdr h;
         memcpy(&h, chain + at, NS_HDRSIZE);
         size_t len = NS_HDRSIZE + size_t(h.len);
-        size_t done = 0;
-        int64_t deadline = now_ms() + PART_WAIT_MS;
-        while (done < len) {
-            ssize_t w = write(to_ns, chain + at + done, len - done);
-            if (w > 0) {
-                done += size_t(w);
-                continue;
-            }
-            if (w < 0 && errno != EAGAIN && errno != EINTR)
+        int64_t deadline = vz_now_ms() + PART_WAIT_MS;
+        for (;;) {
+            ssize_t w = write(to_ns, chain + at, len);
+            if (w == ssize_t(len))
+                break;
+            if (w >= 0 || (errno != EAGAIN && errno != EINTR))
                 return -1;
             kill(ns_pid, SIGINT);
-            int r = wait_ready(to_ns, POLLOUT, deadline);
+            daemon_due = false;
+            int r = vz_wait_fd(to_ns, POLLOUT, deadline);
             if (r < 0)
                 return -1;
-            if (r == 0 && done == 0) {
+            if (r == 0) {
                 ntf_note("ntf_process: the daemon's pipe stayed full, request %08x dropped\n", h.xid);
                 return 1;
             }
-            if (r == 0)
-                deadline = now_ms() + PART_WAIT_MS;  // a message begun must end whole
         }
         at += len;
     }
@@ -338,7 +324,7 @@ int to_clients(const ns_hdr* hdr, const uint8_t* data, int n)
     memcpy(msg, hdr, NS_HDRSIZE);
     if (n > 0)
         memcpy(msg + NS_HDRSIZE, data, size_t(n));
-    int64_t deadline = now_ms() + (clients_stalled ? 0 : ANSWER_WAIT_MS);
+    int64_t deadline = vz_now_ms() + (clients_stalled ? 0 : ANSWER_WAIT_MS);
     size_t done = 0;
     while (done < len) {
         ssize_t w = write(to_client, msg + done, len - done);
@@ -348,7 +334,7 @@ int to_clients(const ns_hdr* hdr, const uint8_t* data, int n)
         }
         if (w < 0 && errno != EAGAIN && errno != EINTR)
             return -1;
-        int r = wait_ready(to_client, POLLOUT, deadline);
+        int r = vz_wait_fd(to_client, POLLOUT, deadline);
         if (r < 0)
             return -1;
         if (r == 0) {
@@ -361,201 +347,195 @@ int to_clients(const ns_hdr* hdr, const uint8_t* data, int n)
     return 0;
 }
 
+// A request too long to pass on whole gets the status of a refusal.
+int refuse(const ns_hdr* req, int n)
+{
+    ntf_note("ntf_process: request %08x of %d data bytes refused\n", req->xid, n);
+    ns_hdr h = *req;
+    h.op |= NS_RESPONSE;
+    h.len = 4;
+    h.more = 0;
+    int32_t status = -1;
+    return to_clients(&h, reinterpret_cast<const uint8_t*>(&status), 4);
+}
+
+// One message from a client: gathered into its request, which goes to the
+// daemon once whole. 0, or -1 when a pipe or FIFO failed.
+int relay_request(int n)
+{
+    if (chain_parts == CHAIN_PARTS || chain_len + NS_HDRSIZE + size_t(n) > CHAIN_BYTES) {
+        ntf_note("ntf_process: request of more than %d parts or %zu bytes dropped\n", CHAIN_PARTS, CHAIN_BYTES);
+        chain_len = 0;  // this part starts the next request
+        chain_parts = 0;
+    }
+    if (n > NS_REQMAX) {
+        chain_len = 0;  // and the parts before it
+        chain_parts = 0;
+        return refuse(&req_hdr, n);
+    }
+    memcpy(chain + chain_len, &req_hdr, NS_HDRSIZE);
+    memcpy(chain + chain_len + NS_HDRSIZE, req_data, size_t(n));
+    chain_len += NS_HDRSIZE + size_t(n);
+    chain_parts++;
+    if (req_hdr.more != 0)
+        return 0;  // the daemon is woken once the whole request is in the pipe
+    int passed = pass_chain();
+    chain_len = 0;
+    chain_parts = 0;
+    daemon_due = daemon_due || passed == 0;
+    return passed < 0 ? -1 : 0;
+}
+
 }  // namespace
 
+// A relay that served one request at a time, waiting up to 12 seconds for
+// its final answer, would let one lookup hold every client behind it for 5
+// seconds, and a few of them for minutes. Requests go to the daemon as they
+// come and answers to the clients as they come, whichever request they
+// answer: each client picks its own by xid. Answers go first, as they free
+// the daemon's pipe.
 void ntf_process()
 {
     trace_start();
-    for (int fd : {from_client, to_client, to_ns}) {
+    for (int fd : {from_client, to_client, to_ns, from_ns}) {
         int fl = fcntl(fd, F_GETFL);
         if (fl >= 0)
             fcntl(fd, F_SETFL, fl | O_NONBLOCK);
     }
     for (;;) {
-        int n = ntf_take(from_client, &req_hdr, req_data);
-        if (ntf_fp != nullptr) {
-            fprintf(ntf_fp, "from_client: got inlen %d, header --\n", n);
-            trace_message(&req_hdr, req_data, n);
-        }
-        if (n < 0)
-            return;
-        if (chain_parts == CHAIN_PARTS || chain_len + NS_HDRSIZE + size_t(n) > CHAIN_BYTES) {
-            ntf_note("ntf_process: request of more than %d parts or %zu bytes dropped\n", CHAIN_PARTS, CHAIN_BYTES);
-            chain_len = 0;  // this part starts the next request
-            chain_parts = 0;
-        }
-        memcpy(chain + chain_len, &req_hdr, NS_HDRSIZE);
-        memcpy(chain + chain_len + NS_HDRSIZE, req_data, size_t(n));
-        chain_len += NS_HDRSIZE + size_t(n);
-        chain_parts++;
-        if (req_hdr.more != 0)
-            continue;  // the daemon is woken once the whole request is in the pipe
-        int passed = pass_chain();
-        chain_len = 0;
-        chain_parts = 0;
-        if (passed < 0)
-            return;
-        if (passed > 0)
-            continue;
-        kill(ns_pid, SIGINT);
-
-        for (;;) {
-            // SA_RESETHAND: the alarm's handler is gone once it has run.
-            vz_signal(SIGALRM, ntf_timeout);
-            alarm(RESPONSE_WAIT);
-            int m = ntf_read(from_ns, &rsp_hdr, rsp_data, NS_MAXDATA);
-            alarm(0);
+        int m;
+        while ((m = ntf_read(from_ns, &rsp_hdr, rsp_data, NS_MAXDATA)) != -2) {
             if (ntf_fp != nullptr) {
                 fprintf(ntf_fp, "from_ns: got len %d, header --\n", m);
                 trace_message(&rsp_hdr, rsp_data, m);
             }
-            if (m == -2)
-                break;  // abandoned; a late response is relayed during a later wait
-            if (m < 0)
+            if (m < 0 || to_clients(&rsp_hdr, rsp_data, m) != 0)
                 return;
-            if (to_clients(&rsp_hdr, rsp_data, m) != 0)
-                return;
-            // A late answer to an earlier request, or more of this one: wait on.
-            if (rsp_hdr.xid != req_hdr.xid || rsp_hdr.more != 0)
-                continue;
-            break;
         }
+        int n = ntf_take(from_client, &req_hdr, req_data);
+        if (n >= 0 || n == -1) {
+            if (ntf_fp != nullptr) {
+                fprintf(ntf_fp, "from_client: got inlen %d, header --\n", n);
+                trace_message(&req_hdr, req_data, n);
+            }
+            if (n < 0 || relay_request(n) != 0)
+                return;
+            continue;
+        }
+        // Woken once per burst, not per request: the daemon reads every
+        // waiting request when woken.
+        if (daemon_due)
+            kill(ns_pid, SIGINT);
+        daemon_due = false;
+        pollfd p[2] = {{from_client, POLLIN, 0}, {from_ns, POLLIN, 0}};
+        if (poll(p, 2, ntf_take_wait()) < 0 && errno != EINTR)
+            return;
     }
 }
 
 // The design reads a client's header and data with blocking reads, so one
 // writer that stops inside a message would hold the relay, and with it every
 // other client, for ever, or lend the next client's request as its data.
-// Here every message must be whole within PART_WAIT of its first byte; a
-// magic arriving after a header whose data is still missing ends the wait
-// at once, since clients write each message in one piece.
+// Here every message must be whole within PART_WAIT of its first byte, and
+// then the bytes after its header are framed anew. A client writes each
+// message in one piece, which the FIFO keeps whole up to PIPE_BUF bytes: a
+// magic arriving after the header of such a message whose data is still
+// missing ends the wait at once. A longer message may arrive in parts, and
+// its data may hold a magic: it is waited for (and then refused).
 int ntf_take(int fd, ns_hdr* hdr, uint8_t* data)
 {
-    int64_t deadline = -1;  // set once a message has begun
+    Stream& s = clients_in;
     for (;;) {
-        size_t skip = 0;
-        while (skip < in_len && !magic_prefix(in_buf + skip, in_len - skip))
-            skip++;
-        if (skip > 0) {
-            ntf_note("ntf_take: %zu bytes without a header skipped\n", skip);
-            consume(skip);
-            deadline = -1;
+        NsFramed f = ns_frame(std::span(s.buf, s.len), NS_MAXDATA);
+        if (f.kind == NsFrame::whole) {
+            memcpy(hdr, s.buf, NS_HDRSIZE);
+            memcpy(data, s.buf + NS_HDRSIZE, f.n - NS_HDRSIZE);
+            consume(s, f.n);
+            s.deadline = -1;
+            return hdr->len;
         }
-        if (in_len >= NS_HDRSIZE) {
-            memcpy(hdr, in_buf, NS_HDRSIZE);
-            uint32_t len = uint32_t(hdr->len);  // a negative len reads as huge
-            if (len > uint32_t(NS_MAXDATA)) {
-                ntf_note("ntf_take: header with len %d dropped\n", hdr->len);
-                consume(NS_HDRSIZE);  // its data, if any, goes in the magic search
-                deadline = -1;
-                continue;
-            }
-            if (in_len >= NS_HDRSIZE + len) {
-                memcpy(data, in_buf + NS_HDRSIZE, len);
-                consume(NS_HDRSIZE + len);
-                return int(len);
-            }
-            if (holds_magic(in_buf + NS_HDRSIZE, in_len - NS_HDRSIZE)) {
-                ntf_note("ntf_take: header %08x dropped, the next message began before its data\n", hdr->xid);
-                consume(NS_HDRSIZE);
-                deadline = -1;
-                continue;
-            }
-        }
-        if (in_len > 0 && deadline < 0)
-            deadline = now_ms() + PART_WAIT_MS;
-        int r = wait_ready(fd, POLLIN, in_len > 0 ? deadline : -1);
-        if (r < 0)
-            return -1;
-        if (r == 0) {
-            if (in_len >= NS_HDRSIZE) {
-                ntf_note("ntf_take: header %08x dropped, its data did not come\n", hdr->xid);
-                consume(NS_HDRSIZE);
+        if (f.kind == NsFrame::skip) {
+            if (s.len >= NS_HDRSIZE && memcmp(s.buf, NS_MAGIC, sizeof NS_MAGIC) == 0) {
+                ns_hdr h;
+                memcpy(&h, s.buf, NS_HDRSIZE);
+                ntf_note("ntf_take: header with len %d dropped\n", h.len);
             } else {
-                // Its bytes go; the magic search goes on after its first byte.
-                size_t k = 1;
-                while (k < in_len && !magic_prefix(in_buf + k, in_len - k))
-                    k++;
-                ntf_note("ntf_take: %zu bytes of a header cut short dropped\n", k);
-                consume(k);
+                ntf_note("ntf_take: %zu bytes without a header skipped\n", f.n);
             }
-            deadline = -1;
+            consume(s, f.n);
+            s.deadline = -1;
             continue;
         }
-        ssize_t got = read(fd, in_buf + in_len, sizeof in_buf - in_len);
-        if (got == 0)
-            return -1;  // end of file: only without a writer, never on the FIFO
-        if (got < 0 && errno != EAGAIN && errno != EINTR)
+        if (s.len >= NS_HDRSIZE)
+            memcpy(hdr, s.buf, NS_HDRSIZE);
+        if (s.len >= NS_HDRSIZE && hdr->len <= NS_REQMAX &&
+            holds_magic(s.buf + NS_HDRSIZE, s.len - NS_HDRSIZE)) {
+            ntf_note("ntf_take: header %08x dropped, the next message began before its data\n", hdr->xid);
+            consume(s, NS_HDRSIZE);
+            s.deadline = -1;
+            continue;
+        }
+        int r = fill(s, fd);
+        if (r < 0)
             return -1;
-        if (got > 0)
-            in_len += size_t(got);
+        if (r > 0)
+            continue;
+        if (s.len == 0)
+            return -2;
+        if (s.deadline < 0)
+            s.deadline = vz_now_ms() + PART_WAIT_MS;
+        if (vz_now_ms() < s.deadline)
+            return -2;
+        if (s.len >= NS_HDRSIZE) {
+            ntf_note("ntf_take: header %08x dropped, its data did not come\n", hdr->xid);
+            consume(s, NS_HDRSIZE);
+        } else {
+            // Its bytes go; the magic search goes on after its first byte.
+            size_t k = 1;
+            while (k < s.len && memcmp(s.buf + k, NS_MAGIC, std::min(s.len - k, sizeof NS_MAGIC)) != 0)
+                k++;
+            ntf_note("ntf_take: %zu bytes of a header cut short dropped\n", k);
+            consume(s, k);
+        }
+        s.deadline = -1;
     }
+}
+
+int ntf_take_wait()
+{
+    if (clients_in.len == 0 || clients_in.deadline < 0)
+        return -1;
+    return int(std::max<int64_t>(0, clients_in.deadline - vz_now_ms()));
 }
 
 void ntf_take_reset()
 {
-    in_len = 0;
+    clients_in.len = 0;
+    clients_in.deadline = -1;
+    daemon_in.len = 0;
 }
 
-// The daemon passes on what we gave it; clients may write anything. The data
-// is read with one read(): a writer that has not written all of it yet gets
-// the part that arrived relayed, and the daemon refuses the short message.
+// The daemon passes on what we gave it; framed all the same, so that a
+// stream that lost its framing finds it again at the next magic.
 int ntf_read(int fd, ns_hdr* hdr, uint8_t* data, int limit)
 {
+    Stream& s = daemon_in;
     for (;;) {
-        int r = ntf_find_hdr(fd, hdr);
-        if (r < 0)
-            return r;
-        // A negative len reads as huge: dropped too. Its data, if any, is
-        // skipped by the next magic search.
-        uint32_t len = uint32_t(hdr->len);
-        if (len > uint32_t(NS_MAXDATA) || limit < 0 || len > uint32_t(limit))
-            continue;
-        if (len == 0)
-            return 0;
-        ssize_t n = read(fd, data, len);
-        if (n < 0)
-            return errno == EINTR ? -2 : -1;
-        return int(n);
-    }
-}
-
-int ntf_find_hdr(int fd, ns_hdr* hdr)
-{
-    uint8_t* m = hdr->magic;
-    size_t have = 0;  // bytes of a possible magic already at the front
-    for (;;) {
-        ssize_t r = read(fd, m + have, sizeof hdr->magic - have);
-        if (r < 0)
-            return errno == EINTR ? -2 : -1;
-        if (size_t(r) != sizeof hdr->magic - have)
-            return -1;  // end of file, or a writer that stopped inside the magic
-        if (memcmp(m, NS_MAGIC, sizeof NS_MAGIC) == 0) {
-            constexpr size_t rest = NS_HDRSIZE - sizeof hdr->magic;  // len, xid, op, more
-            r = read(fd, reinterpret_cast<uint8_t*>(hdr) + sizeof hdr->magic, rest);
-            if (r < 0)
-                return errno == EINTR ? -2 : -1;
-            if (size_t(r) != rest)
-                return -1;
-            return int(NS_HDRSIZE);
+        NsFramed f = ns_frame(std::span(s.buf, s.len), limit);
+        if (f.kind == NsFrame::whole) {
+            memcpy(hdr, s.buf, NS_HDRSIZE);
+            memcpy(data, s.buf + NS_HDRSIZE, f.n - NS_HDRSIZE);
+            consume(s, f.n);
+            return hdr->len;
         }
-        // Keep from the first later byte that could start the magic.
-        size_t i = 1;
-        while (i < sizeof hdr->magic && m[i] != NS_MAGIC[0])
-            ++i;
-        have = sizeof hdr->magic - i;
-        if (have > 0)
-            memmove(m, m + i, have);
+        if (f.kind == NsFrame::skip) {
+            consume(s, f.n);
+            continue;
+        }
+        int r = fill(s, fd);
+        if (r <= 0)
+            return r < 0 ? -1 : -2;
     }
-}
-
-int ntf_write(int fd, const ns_hdr* hdr, const uint8_t* data, int n)
-{
-    if (write(fd, hdr, NS_HDRSIZE) != ssize_t(NS_HDRSIZE))
-        return -1;
-    if (n >= 1 && write(fd, data, size_t(n)) != ssize_t(n))
-        return -1;
-    return 0;
 }
 
 int mk_fifo(const char* path, mode_t mode)
@@ -583,7 +563,7 @@ int mk_fifo(const char* path, mode_t mode)
 int mklockfile(const char* dir, mode_t mode)
 {
     char path[PATH_SIZE];
-    int len = snprintf(path, sizeof path, "%s/%s", dir, LOCK_FILE);
+    int len = snprintf(path, sizeof path, "%s/%s", dir, NS_LOCK_FILE);
     if (len < 0 || size_t(len) >= sizeof path)
         return -1;
     // Never through a link: a planted one is left alone, reported and
@@ -628,10 +608,6 @@ void ntf_exit(int status)
     _exit(vz_classic_signal(status));
 }
 
-void ntf_timeout(int)
-{
-}
-
 int ntf_watch_fd()
 {
     return from_ntf;
@@ -645,6 +621,7 @@ void ntf_lost()
     close(from_ntf);
     close(to_ntf);
     from_ntf = to_ntf = -1;
+    get_request_reset();
     if (ntf_pid > 0) {
         kill(ntf_pid, SIGKILL);  // already ended, or about to: reaped at once
         waitpid(ntf_pid, nullptr, 0);

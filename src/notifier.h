@@ -19,22 +19,18 @@ const char* notifier();
 
 // The relay loop of the notifier process; returns when a pipe or FIFO fails.
 void ntf_process();
-// Reads one message whose len is at most limit (and NS_MAXDATA): the data
-// bytes read (0 for none), -2 when a signal interrupted a read, -1 on end of
-// file or an error. Headers above the limit are dropped and the next magic
-// sought.
+// The next whole message of at most limit (and NS_MAXDATA) data bytes from
+// the daemon's pipe fd, read through a buffer that keeps a message read in
+// part: its data bytes, -2 when none is whole yet, -1 at end of file or on
+// an error. Other bytes are skipped to the next magic.
 int ntf_read(int fd, ns_hdr* hdr, uint8_t* data, int limit);
-// The next whole message from the clients' stream on fd (the server FIFO):
-// its data bytes, or -1 on end of file or an error. Bytes without a header,
-// headers with len outside 0..NS_MAXDATA and a message not whole within a
-// second of its first byte are dropped with a line in "ntf.trc"; bytes read
-// beyond the message wait for the next call.
+// The same from the clients' stream on fd (the server FIFO). Bytes without
+// a header, headers with len outside 0..NS_MAXDATA and a message not whole
+// within a second of its first byte are dropped with a line in "ntf.trc".
 int ntf_take(int fd, ns_hdr* hdr, uint8_t* data);
-void ntf_take_reset();  // forgets the bytes held back
-// Reads until a header with the magic is in hdr: 24, -2 (interrupted) or -1.
-int ntf_find_hdr(int fd, ns_hdr* hdr);
-// Writes the header and n data bytes (none when n < 1): 0, or -1 when short.
-int ntf_write(int fd, const ns_hdr* hdr, const uint8_t* data, int n);
+// Milliseconds until ntf_take gives up a message begun, -1 when none is.
+int ntf_take_wait();
+void ntf_take_reset();  // forgets the bytes held back of both streams
 // Creates the FIFO at path if absent and opens it for reading and writing:
 // the descriptor, or a negative value.
 int mk_fifo(const char* path, mode_t mode);
@@ -51,5 +47,3 @@ void ntf_signals();
 // message, then a new notifier with new FIFOs.
 int ntf_watch_fd();
 void ntf_lost();
-// The alarm's handler during a response wait: it only interrupts the read.
-void ntf_timeout(int sig);

@@ -16,10 +16,12 @@
 
 #include <cstring>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
 #include "client/nsclient.h"
+#include "shr/vzpoll.h"
 #include "src/dorequest.h"
 
 namespace {
@@ -38,6 +40,12 @@ std::string header(uint32_t op, uint32_t xid, int32_t len, int32_t more = 0)
     h.op = op;
     h.more = more;
     return std::string(reinterpret_cast<const char*>(&h), sizeof h);
+}
+
+std::string lookup(uint32_t xid, const std::string& name, int32_t more = 0)
+{
+    Bytes n = ns_name(name.c_str());
+    return header(NS_LOOKUP, xid, int32_t(n.size()), more) + std::string(n.begin(), n.end());
 }
 
 bool put(int fd, const std::string& bytes)
@@ -101,15 +109,16 @@ protected:
         return false;
     }
 
-    // The network, and a legitimate client as nobody, are both answered.
+    // The network, and another user's lookup and listing, are answered,
+    // each within 2 s.
     void expect_served(const char* after)
     {
         SCOPED_TRACE(after);
         EXPECT_TRUE(query_answered());
         std::string out;
-        EXPECT_EQ(lab.halyardctl({"--timeout", "10", "lookup", "SHARED<20>"}, &out, kNobody, kNobody), 0)
-            << out;
+        EXPECT_EQ(lab.halyardctl({"--timeout", "2", "lookup", "SHARED<20>"}, &out), 0) << out;
         EXPECT_NE(out.find("10.88.0.1"), std::string::npos) << out;
+        EXPECT_EQ(lab.halyardctl({"--timeout", "2", "list"}, &out), 0) << out;
     }
 
     pid_t relay_of(pid_t daemon)
@@ -152,6 +161,20 @@ TEST_F(Clients, NothingAClientWritesOrLeavesUnreadStopsTheService)
          }},
         {"garbage without a magic", [](int fd, int) { return put(fd, std::string(100, 'x')); }},
         {"a header announcing data that never comes", [](int fd, int) { return put(fd, header(NS_ADDNAME, 2, 100)); }},
+        {"a chain of 16 lookups of unknown names",
+         [](int fd, int) {
+             std::string chain;
+             for (int i = 0; i < 16; i++)
+                 chain += lookup(4, "UNKNOWN" + std::to_string(i), i < 15);
+             return put(fd, chain);
+         }},
+        {"200 lookups of unknown names, never read",
+         [](int fd, int) {
+             std::string all;
+             for (int i = 0; i < 200; i++)
+                 all += lookup(1000 + i, "UNKNOWN" + std::to_string(i));
+             return put(fd, all);
+         }},
         {"3,000 headers marked more",
          [](int fd, int) {
              for (int i = 0; i < 3000; i++)
@@ -183,12 +206,58 @@ TEST_F(Clients, NothingAClientWritesOrLeavesUnreadStopsTheService)
         kill(in, SIGKILL);
         waitpid(in, nullptr, 0);
     }
+
+    // With the daemon stopped, nobody fills its pipe with lookups, then
+    // writes a request of 4,090 data bytes holding another, then a check.
+    // The long one is refused by the relay, so that no message reaches the
+    // pipe in pieces; the check is answered; the request inside is not run.
+    int answers = open(kClient, O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(answers, 0);
+    pid_t daemon = lab.registered_pid();
+    ASSERT_EQ(kill(daemon, SIGSTOP), 0);
+    pid_t in = intruder([](int fd, int) {
+        std::string fill, data = std::string(100, 'x') + header(NS_ADDNAME, 6, 20) + "FORGED              ";
+        for (int i = 0; i < 1600; i++)   // 64,000 bytes of the pipe's 65,536
+            fill += lookup(5, "UNKNOWN" + std::to_string(i));
+        data.resize(4090, 'x');
+        return put(fd, fill) && put(fd, header(NS_NBSCOPE, 7, 4090) + data) && put(fd, lookup(8, "SHARED"));
+    }, ready[1]);
+    Bytes got;
+    std::map<uint32_t, std::string> seen;   // "op len status" by xid
+    auto answered = [&](uint32_t xid) {
+        for (int64_t end = vz_now_ms() + 10000; seen.count(xid) == 0 && vz_now_ms() < end;) {
+            uint8_t b[65536];
+            pollfd p{answers, POLLIN, 0};
+            poll(&p, 1, 100);
+            ssize_t n = read(answers, b, sizeof b);
+            got.insert(got.end(), b, b + std::max<ssize_t>(n, 0));
+            for (NsFramed f = ns_frame(got, NS_MAXDATA); f.kind != NsFrame::need; f = ns_frame(got, NS_MAXDATA)) {
+                ns_hdr h;
+                int32_t status = 0;
+                memcpy(&h, got.data(), NS_HDRSIZE);
+                memcpy(&status, got.data() + NS_HDRSIZE, f.kind == NsFrame::whole && h.len >= 4 ? 4 : 0);
+                if (f.kind == NsFrame::whole)
+                    seen[h.xid] = std::to_string(h.op) + " " + std::to_string(h.len) + " " + std::to_string(status);
+                got.erase(got.begin(), got.begin() + long(f.n));
+            }
+        }
+        return seen.count(xid) != 0 ? seen[xid] : "none";
+    };
+    EXPECT_EQ(answered(7), "4104 4 -1") << "NS_NBSCOPE refused";
+    kill(daemon, SIGCONT);
+    EXPECT_EQ(answered(8), "4100 72 0") << "the lookup of SHARED";
+    std::string out;
+    EXPECT_EQ(lab.halyardctl({"check", "FORGED<20>"}, &out), 1) << out;
+    kill(in, SIGKILL);
+    waitpid(in, nullptr, 0);
+    close(answers);
     close(ready[0]), close(ready[1]);
     // Each drop left its line in the relay's trace.
     std::string trace = lab.trace("ntf.trc");
     for (const char* line : {"ntf_take: 1 bytes without a header skipped\n",
                              "ntf_take: 100 bytes without a header skipped\n", "ntf_take: header 00000002 dropped",
-                             "ntf_process: request of more than 16 parts or 16384 bytes dropped\n"})
+                             "ntf_process: request of more than 16 parts or 16384 bytes dropped\n",
+                             "ntf_process: request 00000007 of 4090 data bytes refused\n"})
         EXPECT_NE(trace.find(line), std::string::npos) << line;
 }
 

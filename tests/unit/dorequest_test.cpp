@@ -7,6 +7,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "shr/uniinet.h"
 #include "src/dorequest.h"
 #include "src/enstable.h"
 #include "src/maininit.h"
@@ -143,8 +144,7 @@ TEST_F(Requests, LookupsAnswerAtOnceFromOurTablesOrTheNetworkOrAfterFiveSeconds)
     nda_ct = 1;
     send(NS_LOOKUP, 1, ns_name("TEAM", 0x1C));
     send(NS_LOOKUP, 2, ns_name("KNOWN"));
-    for (int i = 0; i < 2; i++)
-        do_request(SIGINT);   // one request per interrupt after a lookup
+    do_request(SIGINT);
     nda_ct = 0;
     EXPECT_EQ(responses(), (std::vector<std::string>{"1004 1 72 0 0", "1004 2 72 0 0"}));
     EXPECT_EQ(Bytes(data[0].begin() + 4, data[0].begin() + 12), (Bytes{'I', 0, 4, 0, 10, 88, 0, 1})) << "first interface";
@@ -156,7 +156,6 @@ TEST_F(Requests, LookupsAnswerAtOnceFromOurTablesOrTheNetworkOrAfterFiveSeconds)
     tick(2);
     send(NS_LOOKUP, 4, ns_name("FAR"));
     send(NS_LOOKUP, 5, ns_name("GRP"));
-    do_request(SIGINT);
     do_request(SIGINT);
     // A response answers the newest lookup of its name; the older FAR times out.
     const struct { const char* name; int flags; uint32_t xid; } cases[] = {
@@ -213,6 +212,29 @@ TEST_F(Requests, WaitingLookupsShareOneTimer)
     tick(2);
     EXPECT_EQ(responses().size(), size_t(DG_MAX_CALLS));
     EXPECT_EQ(dg_timer_count(), 0);
+}
+
+// Every local user may write lookups: at most 16 wait with one xid, 256 in
+// all; one more is answered at once as if it had timed out.
+TEST_F(Requests, WaitingLookupsAreBoundedInAllAndPerClient)
+{
+    for (int i = 0; i < 17; i++)
+        send(NS_LOOKUP, 7, ns_name("FAR"));
+    do_request(SIGINT);
+    EXPECT_EQ(responses(), (std::vector<std::string>{"1004 7 72 0 -6"}));
+    for (uint32_t xid = 100; xid < 100 + 256 - 16; xid++)
+        send(NS_LOOKUP, xid, ns_name("FAR"));
+    do_request(SIGINT);
+    EXPECT_TRUE(responses().empty());
+    UniAddr to;
+    iantoua(&to, inet_addr("10.88.0.9"), -1);
+    Bytes stat = ns_name("*", 0);
+    stat.insert(stat.end(), reinterpret_cast<uint8_t*>(&to), reinterpret_cast<uint8_t*>(&to + 1));
+    send(NS_ADAPSTAT, 8, stat);
+    do_request(SIGINT);
+    EXPECT_EQ(responses(), (std::vector<std::string>{"1009 8 4 0 -6"}));
+    tick(5);
+    EXPECT_EQ(responses().size(), 256u);
 }
 
 }  // namespace
