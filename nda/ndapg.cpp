@@ -17,7 +17,7 @@ namespace {
 PGconn* conn = nullptr;
 char last_error[256] = "";
 bool conflict = false;    // the transaction must be repeated
-constexpr int TRIES = 20;  // of one transaction against busy agents
+constexpr int TRIES = 8;  // of one transaction against busy agents
 
 constexpr const char* SCHEMA =
     "SET client_min_messages TO warning;"  // no notice for each table already there
@@ -120,7 +120,7 @@ int pg_transact(bool write, int (*fn)(void* arg), void* arg)
         if (!conflict)
             return -1;
     }
-    return -1;
+    return NDA_BUSY;
 }
 
 // After a conflict the transaction is repeated whole: no savepoint saves it.
@@ -178,7 +178,7 @@ int pg_move_addr(uint32_t ip, int64_t host)
 
 int pg_seen(int64_t host, int64_t now)
 {
-    return ok(exec("UPDATE host SET seen = $2 WHERE id = $1", nullptr, {host, now}));
+    return ok(exec("UPDATE host SET seen = $2 WHERE id = $1 AND seen <> $2", nullptr, {host, now}));
 }
 
 int64_t pg_addr_count(int64_t host)

@@ -101,6 +101,7 @@ struct Item {
     uint32_t expired;
 };
 std::vector<Item> batch;
+size_t run_from = 0, run_to = 0;  // the items of the transaction being run
 
 // What one run of the batch decided, carried out only after its commit.
 struct Out {
@@ -407,8 +408,8 @@ int run_batch(void*)
     outbox.clear();
     started.clear();
     settled.clear();
-    for (const Item& it : batch)
-        if (!handle(it))
+    for (size_t i = run_from; i < run_to; i++)
+        if (!handle(batch[i]))
             return -1;
     return 0;
 }
@@ -421,6 +422,48 @@ void log_refused(int64_t now_s, const UniAddr* last)
     log_new();
     log_catmsg(LOG_SET, MSG_REFUSED, "%s: %llu changes refused to stations outside the registrars, the last from %s",
                prog, static_cast<unsigned long long>(refused_ct), uni_ntoa(last));
+}
+
+// After a commit: the answers, then the verifications it started.
+void apply(int64_t now_ms, int64_t now_s)
+{
+    const UniAddr* last_refused = nullptr;
+    for (const Out& o : outbox) {
+        if (o.keep)
+            remember(o.key, o.digest, now_ms, o.a);
+        if (o.refused) {
+            refused_ct++;
+            last_refused = &o.to;
+        }
+        send_answer(&o.to, o.key.id, o.a);
+    }
+    if (last_refused != nullptr)
+        log_refused(now_s, last_refused);
+    for (uint32_t id : settled)
+        std::erase_if(pending, [id](const Pending& p) { return p.verify_id == id; });
+    for (Pending& p : started) {
+        p.verify_id = next_verify_id++;
+        pending.push_back(p);
+        send_verify(pending.back(), now_ms);
+    }
+    outbox.clear();
+    started.clear();
+    settled.clear();
+}
+
+// Items from..to-1 of the batch in one transaction: 0 committed and
+// answered, or the engine's failure.
+int commit_items(size_t from, size_t to, int64_t now_ms, int64_t now_s)
+{
+    bool write = false;
+    for (size_t i = from; i < to; i++)
+        write = write || batch[i].expired != 0 || batch[i].r.response || batch[i].r.action != ENS_QUERY;
+    run_from = from;
+    run_to = to;
+    int r = store->transact(write, run_batch, nullptr);
+    if (r == 0)
+        apply(now_ms, now_s);
+    return r;
 }
 
 }  // namespace
@@ -473,37 +516,18 @@ void nda_flush(int64_t now_ms, int64_t now_s)
         return;
     batch_ms = now_ms;
     batch_s = now_s;
-    bool write = false;
-    for (const Item& it : batch)
-        write = write || it.expired != 0 || it.r.response || it.r.action != ENS_QUERY;
-    int r = store->transact(write, run_batch, nullptr);
-    batch.clear();
-    if (r < 0) {
+    // Agents sharing one directory that keep conflicting over a whole
+    // batch get through one request at a time. Unanswered requests are
+    // asked again by their daemons.
+    int r = commit_items(0, batch.size(), now_ms, now_s);
+    if (r == NDA_BUSY && batch.size() > 1) {
+        for (size_t i = 0; i < batch.size(); i++)
+            if (commit_items(i, i + 1, now_ms, now_s) < 0)
+                store_failed(now_s);
+    } else if (r < 0) {
         store_failed(now_s);
-        return;  // nothing answered: the daemons ask again
     }
-    const UniAddr* last_refused = nullptr;
-    for (const Out& o : outbox) {
-        if (o.keep)
-            remember(o.key, o.digest, now_ms, o.a);
-        if (o.refused) {
-            refused_ct++;
-            last_refused = &o.to;
-        }
-        send_answer(&o.to, o.key.id, o.a);
-    }
-    if (last_refused != nullptr)
-        log_refused(now_s, last_refused);
-    for (uint32_t id : settled)
-        std::erase_if(pending, [id](const Pending& p) { return p.verify_id == id; });
-    for (Pending& p : started) {
-        p.verify_id = next_verify_id++;
-        pending.push_back(p);
-        send_verify(pending.back(), now_ms);
-    }
-    outbox.clear();
-    started.clear();
-    settled.clear();
+    batch.clear();
 }
 
 int nda_due(int64_t now_ms, int64_t now_s)

@@ -44,7 +44,7 @@ constexpr std::array<const char*, S_COUNT> SQL = {
     "ROLLBACK TO req",
     "SELECT host FROM addr WHERE ip = ?1",
     "INSERT INTO host(seen) VALUES(?1)",
-    "UPDATE host SET seen = ?2 WHERE id = ?1",
+    "UPDATE host SET seen = ?2 WHERE id = ?1 AND seen <> ?2",
     "INSERT OR IGNORE INTO addr(ip, host) VALUES(?1, ?2)",
     "UPDATE addr SET host = ?2 WHERE ip = ?1",
     "SELECT count(*) FROM addr WHERE host = ?1",

@@ -27,6 +27,7 @@ struct NdaListEntry {
 constexpr int NDA_MARK = 0;     // mark(): a savepoint before one request
 constexpr int NDA_KEEP = 1;     // the request's changes stay in the transaction
 constexpr int NDA_UNDO = 2;     // the request's changes are undone
+constexpr int NDA_BUSY = -2;    // transact(): given up after conflicts with other agents
 
 struct NdaStore {
     const char* kind;
@@ -36,7 +37,8 @@ struct NdaStore {
     // Runs fn in one transaction (write: taking the write lock at once) and
     // commits it when fn returns 0; fn's other results roll it back. When
     // another agent's transaction conflicts with it, the whole of it is run
-    // again, so fn must start from scratch each time. fn's result, or -1.
+    // again, so fn must start from scratch each time. fn's result, -1, or
+    // NDA_BUSY when the conflicts went on: smaller transactions may pass.
     int (*transact)(bool write, int (*fn)(void* arg), void* arg);
     // Savepoints around one request of a transaction (NDA_MARK, NDA_KEEP,
     // NDA_UNDO): 0, or -1.
