@@ -65,7 +65,7 @@ const char* const USAGE =
     "              PostgreSQL connection (postgresql://... or \"host=... dbname=...\")\n"
     "  -c FILE     configuration file (default /etc/opt/KORRbase/config.vz); its\n"
     "              [agent] section may set listen, port and directory, which the\n"
-    "              options override\n"
+    "              options override, and registrars\n"
     "  -z DIM=LEVEL, -z tracefile=FILE   trace, as the daemon's\n";
 
 volatile sig_atomic_t stop_sig = 0;

@@ -290,12 +290,14 @@ TEST_F(Directory, KeepsEveryAcknowledgedNameThroughAKill)
 TEST_F(Directory, ServesEveryRequestOfTheProtocol)
 {
     // A malformed [agent] section: the agent does not start.
-    ASSERT_TRUE(lab.write_file("/tmp/bad.vz", "[agent]\nport 0x10\nlisten 10.88.0.1\nlisten 10.88.0.1\ndir /tmp\n"));
+    ASSERT_TRUE(lab.write_file("/tmp/bad.vz", "[agent]\nport 0x10\nlisten 10.88.0.1\nlisten 10.88.0.1\ndir /tmp\n"
+                                                "registrars 10.1.0.0/16 10.2.0.0/33\n"));
     std::string out;
     EXPECT_EQ(lab.run(lab_daemon, {HALYARD_NDA_BINARY, "-f", "-c", "/tmp/bad.vz"}, &out), 1 << 8);
     EXPECT_EQ(out, "halyard-nda: /tmp/bad.vz line 2: port: expecting a port number from 1 to 65535\n"
                    "halyard-nda: /tmp/bad.vz line 4: listen already set\n"
                    "halyard-nda: /tmp/bad.vz line 5: dir: not a setting of [agent] (listen, port, directory, registrars)\n"
+                   "halyard-nda: /tmp/bad.vz line 6: registrars: expecting networks as NET/LEN (at most 64)\n"
                    "halyard-nda: the configuration's [agent] section is malformed: not started\n");
     EXPECT_NE(lab_read_file("/var/opt/KORRbase/log.nda").find("bad.vz line 2: port: expecting"), std::string::npos);
 
