@@ -4,7 +4,8 @@
 // its own CPU).
 //
 //   --mode add    ADDs of unique names PREFIX0<20>, PREFIX1<20>, ..., 16
-//                 names to a claimer address (10.79.x.y); an answer is a
+//                 names to a claimer address (10.79.x.y, --net 80: 10.80.x.y
+//                 for a second generator's hosts); an answer is a
 //                 committed registration
 //   --mode query  QUERYs of PREFIX0<20> .. PREFIX(N-1)<20> in turn
 #include <arpa/inet.h>
@@ -42,6 +43,7 @@ struct Options {
     int duration = 5;
     int64_t count = 0;  // 0: until the duration is over
     int timeout = 1000;  // ms
+    uint32_t net = 79;   // the claimer addresses' second byte
 };
 
 struct Slot {
@@ -55,7 +57,7 @@ struct Slot {
     fprintf(stderr,
             "halyard-ndaload: %s\n"
             "usage: halyard-ndaload --target ADDR[:PORT] --mode query|add [--prefix P] [--names N]\n"
-            "         [--window N] [--duration SEC] [--count N] [--timeout MS]\n",
+            "         [--window N] [--duration SEC] [--count N] [--timeout MS] [--net N]\n",
             why);
     exit(2);
 }
@@ -122,6 +124,8 @@ Options parse(int argc, char** argv)
             o.count = number("--count", v, 1, int64_t(1) << 40);
         } else if (opt == "--timeout") {
             o.timeout = int(number("--timeout", v, 1, 60000));
+        } else if (opt == "--net") {
+            o.net = uint32_t(number("--net", v, 1, 254));
         } else {
             usage(("unknown option " + opt).c_str());
         }
@@ -158,7 +162,7 @@ std::vector<uint8_t> request(const Options& o, int64_t k, uint32_t id)
     b.insert(b.end(), text, text + 15);
     b.push_back(0x20);
     if (o.add) {
-        uint32_t host = 0x0a4f0000u + uint32_t(n / 16 % 65000) + 1;  // 10.79.x.y
+        uint32_t host = (0x0a000000u | o.net << 16) + uint32_t(n / 16 % 65000) + 1;  // 10.NET.x.y
         put32(b, 0);  // unique
         put32(b, 1);
         uint8_t ip[6] = {4, uint8_t(host >> 24), uint8_t(host >> 16), uint8_t(host >> 8), uint8_t(host), 0};

@@ -4,11 +4,12 @@
 //
 // Input: up to 16 datagrams, each as one option byte (bits 0-1 the sender of
 // four stations, bit 2 a second passes first, bit 3 every trace level at 9,
-// bit 4 in one burst, one read snapshot, with the datagram before), two
-// bytes of length (least significant first, at most 1500), the datagram.
+// bit 4 in one batch, one transaction, with the datagram before), two bytes
+// of length (least significant first, at most 1500), the datagram.
 // Station 0 holds HELD<20> and station 1 is a member of GROUP<1e> at the
-// start; the VERIFY ids start at 1, so a response can answer one the input
-// started. At the end the clock runs on until every verification settled.
+// start; stations 0 to 2 are registrars, station 3 is not. The VERIFY ids
+// start at 1, so a response can answer one the input started. At the end
+// the clock runs on until every verification settled.
 #include <arpa/inet.h>
 #include <sqlite3.h>
 
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "fuzz/fuzzenv.h"
+#include "nda/ndadir.h"
 #include "nda/ndaserve.h"
 #include "nda/ndastore.h"
 #include "nmtrace.h"
@@ -40,15 +42,20 @@ uint32_t station_ip(int i)
     return htonl(0x0a580002u + uint32_t(i));
 }
 
-void registered(int who, const char* text, uint8_t type, int group)
+int registered(void*)
 {
-    uint8_t name[16];
-    memset(name, ' ', 16);
-    memcpy(name, text, strlen(text));
-    name[15] = type;
-    uint32_t addr = station_ip(who);
-    NdaHolder h{};
-    nda_sqlite.claim({name, group, &addr, 1, addr, 228, now_s}, &h);
+    const struct { const char* text; uint8_t type; int group; } names[] = {{"HELD", 0x20, 0}, {"GROUP", 0x1e, 1}};
+    for (int who = 0; who < 2; who++) {
+        uint8_t name[16];
+        memset(name, ' ', 16);
+        memcpy(name, names[who].text, strlen(names[who].text));
+        name[15] = names[who].type;
+        uint32_t addr = station_ip(who);
+        NdaHolder h{};
+        if (dir_claim(&nda_sqlite, {name, names[who].group, &addr, 1, addr, 228, now_s}, &h) != 0)
+            return -1;
+    }
+    return 0;
 }
 
 }  // namespace
@@ -71,10 +78,11 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     nda_serve_init(&nda_sqlite);
-    registered(0, "HELD", 0x20, 0);
-    registered(1, "GROUP", 0x1e, 1);
+    const NdaNet registrars[] = {{station_ip(0), htonl(0xfffffffeu)}, {station_ip(2), htonl(0xffffffffu)}};
+    nda_set_registrars(registrars, 2);
+    if (nda_sqlite.transact(true, registered, nullptr) != 0)
+        abort();
     size_t at = 0;
-    bool burst = false;
     for (int n = 0; n < 16 && at + 3 <= size; n++) {
         uint8_t opt = data[at];
         size_t len = std::min({size_t(data[at + 1] | data[at + 2] << 8), size - at - 3, size_t(1500)});
@@ -83,8 +91,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             tcfile = fz_trace_sink();
             tc_in = tc_out = tc_proc = tc_err = 9;
         }
-        if (bool(opt & 16) != burst)
-            nda_sqlite.burst(burst = !burst);
+        if (!(opt & 16))
+            nda_flush(now_ms, now_s);
         if (opt & 4)
             nda_due(now_ms += 1000, now_s += 1);
         // A copy of exactly the datagram's size, so a read past it is seen.
@@ -94,7 +102,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         nda_datagram(dg.data(), int(len), &from, now_ms, now_s);
         at += len;
     }
-    nda_sqlite.burst(false);
+    nda_flush(now_ms, now_s);
     for (int i = 0; i < 10 && nda_pending() > 0; i++)
         nda_due(now_ms += 1000, now_s);
     for (sqlite3_stmt* w : wipe)

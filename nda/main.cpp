@@ -3,6 +3,7 @@
 // directory in one SQLite file.
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <ifaddrs.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -64,7 +65,7 @@ const char* const USAGE =
     "              PostgreSQL connection (postgresql://... or \"host=... dbname=...\")\n"
     "  -c FILE     configuration file (default /etc/opt/KORRbase/config.vz); its\n"
     "              [agent] section may set listen, port and directory, which the\n"
-    "              options override\n"
+    "              options override, and registrars\n"
     "  -z DIM=LEVEL, -z tracefile=FILE   trace, as the daemon's\n";
 
 volatile sig_atomic_t stop_sig = 0;
@@ -112,6 +113,8 @@ struct Settings {
     uint32_t listen = 0;
     int port = 0;
     std::string directory;
+    int registrar_ct = -1;  // -1: not set
+    NdaNet registrars[NDA_MAX_REGISTRARS] = {};
 };
 Settings conf;
 
@@ -184,11 +187,66 @@ int set_directory(int, char**, int argc, char** argv, int line, const char*)
     return 0;
 }
 
+// registrars NET/LEN ...: the networks whose stations may change the
+// directory; host bits of NET are ignored.
+bool read_net(const char* text, NdaNet* out)
+{
+    char addr[16];
+    const char* slash = strchr(text, '/');
+    if (slash == nullptr || size_t(slash - text) >= sizeof addr || slash[1] < '0' || slash[1] > '9')
+        return false;
+    memcpy(addr, text, size_t(slash - text));
+    addr[slash - text] = '\0';
+    char* end = nullptr;
+    long len = strtol(slash + 1, &end, 10);
+    if (*end != '\0' || len < 0 || len > 32 || inet_pton(AF_INET, addr, &out->net) != 1)
+        return false;
+    out->mask = htonl(len == 0 ? 0 : ~uint32_t(0) << (32 - len));
+    out->net &= out->mask;
+    return true;
+}
+
+int set_registrars(int, char**, int argc, char** argv, int line, const char*)
+{
+    const char* what = "networks as NET/LEN (at most 64)";
+    if (!first_time(conf.registrar_ct >= 0, line, argv[0]))
+        return 0;
+    conf.registrar_ct = 0;
+    bool good = argc >= 2 && argc - 1 <= NDA_MAX_REGISTRARS;
+    for (int i = 1; good && i < argc; i++) {
+        size_t n = strlen(argv[i]);
+        if (n > 0 && argv[i][n - 1] == '\r')
+            argv[i][n - 1] = '\0';
+        good = read_net(argv[i], &conf.registrars[conf.registrar_ct++]);
+    }
+    if (!good)
+        setting_error(line, MSG_BAD_SETTING, "%s: %s line %d: %s: expecting %s", argv[0], what);
+    return 0;
+}
+
+// Without the setting: the networks of the host's own interfaces.
+int interface_networks(NdaNet* out, int room)
+{
+    ifaddrs* list = nullptr;
+    if (getifaddrs(&list) != 0)
+        return 0;
+    int n = 0;
+    for (ifaddrs* i = list; i != nullptr && n < room; i = i->ifa_next) {
+        if (i->ifa_addr == nullptr || i->ifa_netmask == nullptr || i->ifa_addr->sa_family != AF_INET)
+            continue;
+        uint32_t a = reinterpret_cast<const sockaddr_in*>(i->ifa_addr)->sin_addr.s_addr;
+        uint32_t m = reinterpret_cast<const sockaddr_in*>(i->ifa_netmask)->sin_addr.s_addr;
+        out[n++] = {a & m, m};
+    }
+    freeifaddrs(list);
+    return n;
+}
+
 int unknown_setting(int, char**, int argc, char** argv, int line, const char*)
 {
     if (argc > 0)
         setting_error(line, MSG_UNKNOWN_SETTING, "%s: %s line %d: %s: not a setting of [agent]%s", argv[0],
-                      " (listen, port, directory)");
+                      " (listen, port, directory, registrars)");
     return 0;
 }
 
@@ -196,6 +254,7 @@ const vz_par_tabent agent_table[] = {
     {"listen", set_listen},
     {"port", set_port},
     {"directory", set_directory},
+    {"registrars", set_registrars},
     {"", unknown_setting},
     {nullptr, nullptr},
 };
@@ -314,6 +373,8 @@ bool receive(int fd)
         }
         nda_datagram(bufs[i], int(n), &from, mono_ms(), int64_t(time(nullptr)));
     }
+    // One commit for the wake-up's changes, then their answers.
+    nda_flush(mono_ms(), int64_t(time(nullptr)));
     return got == RECV_BURST;
 }
 
@@ -425,6 +486,12 @@ int main(int argc, char* argv[])
         sigdelset(&wait_mask, sig);
     signal(SIGPIPE, SIG_IGN);
     nda_serve_init(store);
+    if (conf.registrar_ct < 0)
+        conf.registrar_ct = interface_networks(conf.registrars, NDA_MAX_REGISTRARS);
+    nda_set_registrars(conf.registrars, conf.registrar_ct);
+    for (int i = 0; i < conf.registrar_ct; i++)
+        TRACE(proc, 1, "halyard-nda: registrars %s/%d\n", nm_ntoa(conf.registrars[i].net),
+              __builtin_popcount(conf.registrars[i].mask));
     log_new();
     log_catmsg(LOG_SET, MSG_STARTING, "%s: name directory agent %s starting, %s port %d, directory %s", prog,
                smbv_string, nm_ntoa(listen_addr), port, shown);
@@ -448,9 +515,7 @@ int main(int argc, char* argv[])
         int r = ppoll(&pfd, 1, wait < 0 ? nullptr : &ts, &wait_mask);
         if (r < 0 && errno != EINTR)
             break;
-        store->burst(true);
         busy = r > 0 && receive(ens_fd) ? busy + 1 : 0;
-        store->burst(false);
     }
     log_new();
     log_catmsg(LOG_SET, MSG_STOPPING, "%s: stopping (signal %d)", prog, vz_classic_signal(int(stop_sig)));

@@ -1,7 +1,6 @@
 // The directory in a PostgreSQL database, shared by several agents. Every
-// operation is one serializable transaction, repeated when the server
-// reports a conflict with another agent's: two agents can never both give
-// one unique name away. The tables and their use are those of the SQLite
+// transaction is serializable, repeated when the server reports a conflict
+// with another agent's: two agents can never both give one unique name away. The tables and their use are those of the SQLite
 // directory; addresses are kept in host order.
 #include "nda/ndastore.h"
 
@@ -11,7 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <initializer_list>
 
 namespace {
@@ -19,7 +17,7 @@ namespace {
 PGconn* conn = nullptr;
 char last_error[256] = "";
 bool conflict = false;    // the transaction must be repeated
-constexpr int TRIES = 20;  // of one transaction against busy agents
+constexpr int TRIES = 8;  // of one transaction against busy agents
 
 constexpr const char* SCHEMA =
     "SET client_min_messages TO warning;"  // no notice for each table already there
@@ -34,7 +32,6 @@ constexpr const char* SCHEMA =
     " seq BIGSERIAL, PRIMARY KEY(name, host));"
     "CREATE INDEX IF NOT EXISTS name_host ON name(host);";
 
-constexpr const char* HOLDER_COLS = "SELECT host, grp, ip, via_ip, via_port FROM name ";
 constexpr const char* PUT_NAME =
     "INSERT INTO name(name, host, grp, ip, via_ip, via_port, seen) VALUES($1, $2, $3, $4, $5, $6, $7)"
     " ON CONFLICT (name, host) DO UPDATE SET grp = EXCLUDED.grp, ip = EXCLUDED.ip, via_ip = EXCLUDED.via_ip,"
@@ -97,8 +94,9 @@ bool exec(const char* sql, const uint8_t* name, std::initializer_list<int64_t> v
     return r.ok();
 }
 
-// Runs body in a transaction: its result, committed when 0.
-int in_txn(const std::function<int()>& body)
+// One commit for every request of the transaction; a conflict with another
+// agent's runs all of it again.
+int pg_transact(bool write, int (*fn)(void* arg), void* arg)
 {
     if (conn == nullptr)
         return -1;
@@ -108,9 +106,10 @@ int in_txn(const std::function<int()>& body)
         if (t == 0 && PQstatus(conn) == CONNECTION_BAD)
             PQreset(conn);
         conflict = false;
-        if (!exec("BEGIN ISOLATION LEVEL SERIALIZABLE", nullptr, {}))
+        if (!exec(write ? "BEGIN ISOLATION LEVEL SERIALIZABLE" : "BEGIN ISOLATION LEVEL SERIALIZABLE READ ONLY",
+                  nullptr, {}))
             return -1;
-        int r = body();
+        int r = fn(arg);
         if (!conflict && r != 0) {
             exec("ROLLBACK", nullptr, {});
             return r;
@@ -121,7 +120,19 @@ int in_txn(const std::function<int()>& body)
         if (!conflict)
             return -1;
     }
-    return -1;
+    return NDA_BUSY;
+}
+
+// After a conflict the transaction is repeated whole: no savepoint saves it.
+int pg_mark(int what)
+{
+    if (conflict)
+        return -1;
+    if (what == NDA_MARK)
+        return exec("SAVEPOINT req", nullptr, {}) ? 0 : -1;
+    if (what == NDA_UNDO && !exec("ROLLBACK TO SAVEPOINT req", nullptr, {}))
+        return -1;
+    return exec("RELEASE SAVEPOINT req", nullptr, {}) ? 0 : -1;
 }
 
 int64_t hip(uint32_t net)
@@ -134,7 +145,12 @@ uint32_t nip(int64_t host_order)
     return htonl(uint32_t(host_order));
 }
 
-int64_t host_of(uint32_t ip)
+int ok(bool done)
+{
+    return done ? 0 : -1;
+}
+
+int64_t pg_host_of(uint32_t ip)
 {
     Result r;
     run(r, "SELECT host FROM addr WHERE ip = $1", nullptr, {hip(ip)});
@@ -143,182 +159,99 @@ int64_t host_of(uint32_t ip)
     return r.rows() > 0 ? r.col(0, 0) : 0;
 }
 
-int64_t new_host(int64_t now)
+int64_t pg_new_host(int64_t now)
 {
     Result r;
     run(r, "INSERT INTO host(seen) VALUES($1) RETURNING id", nullptr, {now});
     return r.ok() && r.rows() == 1 ? r.col(0, 0) : -1;
 }
 
-bool add_addr(uint32_t ip, int64_t host)
+int pg_add_addr(uint32_t ip, int64_t host)
 {
-    return exec("INSERT INTO addr(ip, host) VALUES($1, $2) ON CONFLICT DO NOTHING", nullptr, {hip(ip), host});
+    return ok(exec("INSERT INTO addr(ip, host) VALUES($1, $2) ON CONFLICT DO NOTHING", nullptr, {hip(ip), host}));
 }
 
-int64_t claimer_host(const uint32_t* addrs, int n, int64_t now)
+int pg_move_addr(uint32_t ip, int64_t host)
 {
-    int64_t host = 0;
-    for (int i = 0; i < n && host == 0; i++)
-        host = host_of(addrs[i]);
-    if (host == 0)
-        host = new_host(now);
-    if (host < 0)
+    return ok(exec("UPDATE addr SET host = $2 WHERE ip = $1", nullptr, {hip(ip), host}));
+}
+
+int pg_seen(int64_t host, int64_t now)
+{
+    return ok(exec("UPDATE host SET seen = $2 WHERE id = $1 AND seen <> $2", nullptr, {host, now}));
+}
+
+int64_t pg_addr_count(int64_t host)
+{
+    Result r;
+    run(r, "SELECT count(*) FROM addr WHERE host = $1", nullptr, {host});
+    return r.ok() && r.rows() == 1 ? r.col(0, 0) : -1;
+}
+
+int pg_drop_host(int64_t host)
+{
+    return ok(exec("DELETE FROM name WHERE host = $1", nullptr, {host}) &&
+              exec("DELETE FROM addr WHERE host = $1", nullptr, {host}) &&
+              exec("DELETE FROM host WHERE id = $1", nullptr, {host}));
+}
+
+int pg_merge_host(int64_t host, int64_t into)
+{
+    if (!exec("INSERT INTO name(name, host, grp, ip, via_ip, via_port, seen)"
+              " SELECT name, $2, grp, ip, via_ip, via_port, seen FROM name WHERE host = $1"
+              " ON CONFLICT (name, host) DO UPDATE SET grp = EXCLUDED.grp, ip = EXCLUDED.ip,"
+              " via_ip = EXCLUDED.via_ip, via_port = EXCLUDED.via_port, seen = EXCLUDED.seen",
+              nullptr, {host, into}) ||
+        !exec("UPDATE addr SET host = $2 WHERE host = $1", nullptr, {host, into}))
         return -1;
-    for (int i = 0; i < n; i++)
-        if (!add_addr(addrs[i], host))
-            return -1;
-    return exec("UPDATE host SET seen = $2 WHERE id = $1", nullptr, {host, now}) ? host : -1;
+    return pg_drop_host(host);
 }
 
-void read_holder(const Result& r, NdaHolder* h)
+int read_holder(const Result& r, NdaHolder* h)
 {
+    if (!r.ok())
+        return -1;
+    if (r.rows() == 0)
+        return 0;
     h->host = r.col(0, 0);
     h->group = int32_t(r.col(0, 1));
     h->ip = nip(r.col(0, 2));
     h->via_ip = nip(r.col(0, 3));
     h->via_port = uint16_t(r.col(0, 4));
+    return 1;
 }
 
-int claim_in(const NdaClaim& c, NdaHolder* holder)
+int pg_holder(const uint8_t* name, int64_t except, NdaHolder* out)
 {
-    int64_t host = claimer_host(c.addrs, c.addr_ct, c.now);
-    if (host < 0)
-        return -1;
-    for (int i = 0; i < c.addr_ct; i++)
-        if (!exec("DELETE FROM name WHERE name = $1 AND host <> $2 AND ip = $3", c.name, {host, hip(c.addrs[i])}))
-            return -1;
-    char sql[256];
-    snprintf(sql, sizeof sql, "%s WHERE name = $1 AND host <> $2 ORDER BY grp, seen DESC, seq DESC LIMIT 1",
-             HOLDER_COLS);
     Result r;
-    run(r, sql, c.name, {host});
-    if (!r.ok())
-        return -1;
-    if (r.rows() > 0) {
-        NdaHolder h{};
-        read_holder(r, &h);
-        if (h.group == 0 || c.group == 0) {
-            *holder = h;
-            return ST_HELD;
-        }
-    }
-    return exec(PUT_NAME, c.name,
-                {host, c.group != 0 ? 1 : 0, hip(c.addrs[0]), hip(c.via_ip), int64_t(c.via_port), c.now})
-               ? 0
-               : -1;
+    run(r,
+        "SELECT host, grp, ip, via_ip, via_port FROM name WHERE name = $1 AND host <> $2"
+        " ORDER BY grp, seen DESC, seq DESC LIMIT 1",
+        name, {except});
+    return read_holder(r, out);
 }
 
-int pg_claim(const NdaClaim& c, NdaHolder* holder)
+int pg_entry(const uint8_t* name, int64_t host, NdaHolder* out)
 {
-    return in_txn([&] { return claim_in(c, holder); });
-}
-
-int pg_replace(const NdaClaim& c, const NdaHolder& old, NdaHolder* holder)
-{
-    return in_txn([&] {
-        if (!exec("DELETE FROM name WHERE name = $1 AND host = $2", c.name, {old.host}))
-            return -1;
-        return claim_in(c, holder);
-    });
-}
-
-int pg_query(const uint8_t* name, NdaHolder* out)
-{
-    char sql[256];
-    snprintf(sql, sizeof sql, "%s WHERE name = $1 ORDER BY grp, seen DESC, seq DESC LIMIT 1", HOLDER_COLS);
-    int found = 0;
-    int r = in_txn([&] {
-        Result res;
-        run(res, sql, name, {});
-        if (!res.ok())
-            return -1;
-        found = res.rows() > 0;
-        if (found)
-            read_holder(res, out);
-        return 0;
-    });
-    return r < 0 ? -1 : found;
-}
-
-int pg_remove(const uint8_t* name, const uint32_t* addrs, int n)
-{
-    return in_txn([&] {
-        for (int i = 0; i < n; i++)
-            if (!exec("DELETE FROM name WHERE name = $1 AND host = (SELECT host FROM addr WHERE ip = $2)", name,
-                      {hip(addrs[i])}))
-                return -1;
-        return 0;
-    });
-}
-
-int drop_host(int64_t host)
-{
-    return exec("DELETE FROM name WHERE host = $1", nullptr, {host}) &&
-                   exec("DELETE FROM addr WHERE host = $1", nullptr, {host}) &&
-                   exec("DELETE FROM host WHERE id = $1", nullptr, {host})
-               ? 0
-               : -1;
-}
-
-int pg_purge(uint32_t ip)
-{
-    return in_txn([&] {
-        int64_t host = host_of(ip);
-        return host < 0 || (host > 0 && drop_host(host) < 0) ? -1 : 0;
-    });
-}
-
-int split_one(uint32_t ip, int64_t now)
-{
-    int64_t host = host_of(ip);
-    if (host < 0)
-        return -1;
-    if (host == 0) {
-        int64_t own = new_host(now);
-        return own < 0 || !add_addr(ip, own) ? -1 : 0;
-    }
     Result r;
-    run(r, "SELECT count(*) FROM addr WHERE host = $1", nullptr, {host});
-    if (!r.ok())
-        return -1;
-    if (r.col(0, 0) <= 1)
-        return 0;
-    int64_t own = new_host(now);
-    return own < 0 || !exec("UPDATE addr SET host = $2 WHERE ip = $1", nullptr, {hip(ip), own}) ? -1 : 0;
+    run(r, "SELECT host, grp, ip, via_ip, via_port FROM name WHERE name = $1 AND host = $2", name, {host});
+    return read_holder(r, out);
 }
 
-int join(const uint32_t* addrs, int n, int64_t now)
+int pg_put_name(const uint8_t* name, int64_t host, int32_t group, uint32_t ip, uint32_t via_ip, uint16_t via_port,
+                int64_t now)
 {
-    int64_t target = 0;
-    for (int i = 0; i < n && target == 0; i++)
-        target = host_of(addrs[i]);
-    if (target < 0 || (target == 0 && (target = new_host(now)) < 0))
-        return -1;
-    for (int i = 0; i < n; i++) {
-        int64_t other = host_of(addrs[i]);
-        if (other < 0)
-            return -1;
-        if (other == 0) {
-            if (!add_addr(addrs[i], target))
-                return -1;
-        } else if (other != target) {
-            if (!exec("INSERT INTO name(name, host, grp, ip, via_ip, via_port, seen)"
-                      " SELECT name, $2, grp, ip, via_ip, via_port, seen FROM name WHERE host = $1"
-                      " ON CONFLICT (name, host) DO UPDATE SET grp = EXCLUDED.grp, ip = EXCLUDED.ip,"
-                      " via_ip = EXCLUDED.via_ip, via_port = EXCLUDED.via_port, seen = EXCLUDED.seen",
-                      nullptr, {other, target}) ||
-                !exec("UPDATE addr SET host = $2 WHERE host = $1", nullptr, {other, target}) || drop_host(other) < 0)
-                return -1;
-        }
-    }
-    return exec("UPDATE host SET seen = $2 WHERE id = $1", nullptr, {target, now}) ? 0 : -1;
+    return ok(exec(PUT_NAME, name, {host, group, hip(ip), hip(via_ip), int64_t(via_port), now}));
 }
 
-int pg_equiv(const uint32_t* addrs, int n, int64_t now)
+int pg_drop_name(const uint8_t* name, int64_t host)
 {
-    if (n < 1)
-        return 0;
-    return in_txn([&] { return n == 1 ? split_one(addrs[0], now) : join(addrs, n, now); });
+    return ok(exec("DELETE FROM name WHERE name = $1 AND host = $2", name, {host}));
+}
+
+int pg_drop_stale(const uint8_t* name, int64_t host, uint32_t ip)
+{
+    return ok(exec("DELETE FROM name WHERE name = $1 AND host <> $2 AND ip = $3", name, {host, hip(ip)}));
 }
 
 int pg_list(void (*fn)(const NdaListEntry& e, void* arg), void* arg)
@@ -342,9 +275,6 @@ int pg_list(void (*fn)(const NdaListEntry& e, void* arg), void* arg)
     }
     return 0;
 }
-
-// Each query is one statement on the server already.
-void pg_burst(bool) {}
 
 void pg_close()
 {
@@ -381,5 +311,8 @@ const char* pg_error()
 }  // namespace
 
 const NdaStore nda_postgres = {
-    "postgresql", pg_open, pg_close, pg_claim, pg_replace, pg_query, pg_burst, pg_remove, pg_purge, pg_equiv, pg_list, pg_error,
+    "postgresql",  pg_open,     pg_close,     pg_transact, pg_mark,       pg_host_of,
+    pg_new_host,   pg_add_addr, pg_move_addr, pg_seen,     pg_addr_count, pg_drop_host,
+    pg_merge_host, pg_holder,   pg_entry,     pg_put_name, pg_drop_name,  pg_drop_stale,
+    pg_list,       pg_error,
 };

@@ -27,48 +27,44 @@ constexpr const char* SCHEMA =
     "CREATE INDEX IF NOT EXISTS name_host ON name(host);";
 
 enum Stmt {
-    S_BEGIN, S_COMMIT, S_ROLLBACK, S_READ,
-    S_HOST_OF, S_NEW_HOST, S_SEEN, S_ADD_ADDR,
-    S_DROP_OWN, S_HOLDER, S_PUT_NAME, S_DROP_ENTRY,
-    S_QUERY, S_REMOVE, S_DROP_NAMES, S_DROP_ADDRS, S_DROP_HOST,
-    S_MOVE_NAMES, S_MOVE_ADDRS, S_MOVE_ADDR, S_ADDR_COUNT, S_LIST,
+    S_BEGIN_W, S_BEGIN_R, S_COMMIT, S_ROLLBACK, S_SAVE, S_RELEASE, S_UNDO,
+    S_HOST_OF, S_NEW_HOST, S_SEEN, S_ADD_ADDR, S_MOVE_ADDR, S_ADDR_COUNT,
+    S_DROP_NAMES, S_DROP_ADDRS, S_DROP_HOST, S_MOVE_NAMES, S_MOVE_ADDRS,
+    S_HOLDER, S_ENTRY, S_PUT_NAME, S_DROP_ENTRY, S_DROP_STALE, S_LIST,
     S_COUNT
 };
 
 constexpr std::array<const char*, S_COUNT> SQL = {
     "BEGIN IMMEDIATE",
+    "BEGIN",
     "COMMIT",
     "ROLLBACK",
-    "BEGIN",
+    "SAVEPOINT req",
+    "RELEASE req",
+    "ROLLBACK TO req",
     "SELECT host FROM addr WHERE ip = ?1",
     "INSERT INTO host(seen) VALUES(?1)",
-    "UPDATE host SET seen = ?2 WHERE id = ?1",
+    "UPDATE host SET seen = ?2 WHERE id = ?1 AND seen <> ?2",
     "INSERT OR IGNORE INTO addr(ip, host) VALUES(?1, ?2)",
-    // An entry of another host made for one of the claimer's own addresses
-    // is the claimer's earlier registration (its host was regrouped since).
-    "DELETE FROM name WHERE name = ?1 AND host <> ?2 AND ip = ?3",
-    "SELECT host, grp, ip, via_ip, via_port FROM name WHERE name = ?1 AND host <> ?2"
-    " ORDER BY grp, seen DESC, rowid DESC LIMIT 1",
-    "INSERT OR REPLACE INTO name(name, host, grp, ip, via_ip, via_port, seen)"
-    " VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)",
-    "DELETE FROM name WHERE name = ?1 AND host = ?2",
-    "SELECT host, grp, ip, via_ip, via_port FROM name WHERE name = ?1"
-    " ORDER BY grp, seen DESC, rowid DESC LIMIT 1",
-    "DELETE FROM name WHERE name = ?1 AND host = (SELECT host FROM addr WHERE ip = ?2)",
+    "UPDATE addr SET host = ?2 WHERE ip = ?1",
+    "SELECT count(*) FROM addr WHERE host = ?1",
     "DELETE FROM name WHERE host = ?1",
     "DELETE FROM addr WHERE host = ?1",
     "DELETE FROM host WHERE id = ?1",
     "INSERT OR REPLACE INTO name(name, host, grp, ip, via_ip, via_port, seen)"
     " SELECT name, ?2, grp, ip, via_ip, via_port, seen FROM name WHERE host = ?1",
     "UPDATE addr SET host = ?2 WHERE host = ?1",
-    "UPDATE addr SET host = ?2 WHERE ip = ?1",
-    "SELECT count(*) FROM addr WHERE host = ?1",
+    "SELECT host, grp, ip, via_ip, via_port FROM name WHERE name = ?1 AND host <> ?2"
+    " ORDER BY grp, seen DESC, rowid DESC LIMIT 1",
+    "SELECT host, grp, ip, via_ip, via_port FROM name WHERE name = ?1 AND host = ?2",
+    "INSERT OR REPLACE INTO name(name, host, grp, ip, via_ip, via_port, seen)"
+    " VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)",
+    "DELETE FROM name WHERE name = ?1 AND host = ?2",
+    "DELETE FROM name WHERE name = ?1 AND host <> ?2 AND ip = ?3",
     "SELECT name, grp, ip, host, seen FROM name ORDER BY name, host",
 };
 
 std::array<sqlite3_stmt*, S_COUNT> stmt{};
-bool in_burst = false;
-bool reading = false;  // a read transaction of the burst is open
 
 void note_error(const char* what)
 {
@@ -100,7 +96,7 @@ int run_name(Stmt s, const uint8_t* name, Ints... values)
     sqlite3_stmt* st = stmt[s];
     sqlite3_reset(st);
     sqlite3_clear_bindings(st);
-    sqlite3_bind_blob(st, 1, name, 16, SQLITE_TRANSIENT);
+    sqlite3_bind_blob(st, 1, name, 16, SQLITE_STATIC);
     [[maybe_unused]] int i = 2;
     ((sqlite3_bind_int64(st, i++, int64_t(values))), ...);
     int rc = sqlite3_step(st);
@@ -109,9 +105,10 @@ int run_name(Stmt s, const uint8_t* name, Ints... values)
     return rc;
 }
 
-bool ok(int rc)
+// A change or a statement without rows: 0, or -1.
+int done(int rc)
 {
-    return rc == SQLITE_ROW || rc == SQLITE_DONE;
+    return rc == SQLITE_ROW || rc == SQLITE_DONE ? 0 : -1;
 }
 
 int64_t col(Stmt s, int i)
@@ -132,47 +129,37 @@ uint32_t nip(int64_t host_order)
 // A statement left on a row holds a read transaction open after the
 // commit: this agent would go on reading an old snapshot of a file that
 // another agent writes, and its next BEGIN IMMEDIATE would fail. Every
-// operation ends with all of them reset.
+// transaction ends with all of them reset.
 void reset_all()
 {
     for (sqlite3_stmt* s : stmt)
         sqlite3_reset(s);
 }
 
-// A write ends the burst's read snapshot first: it must see the newest.
-void end_read()
+// One commit, and so one wait for the disk, for every request of the
+// transaction: the writer locks the file once for all of them.
+int sq_transact(bool write, int (*fn)(void* arg), void* arg)
 {
-    if (reading) {
-        reading = false;
-        reset_all();
-        run(S_COMMIT);
-    }
-}
-
-int begin()
-{
-    end_read();
-    return run(S_BEGIN) == SQLITE_DONE ? 0 : -1;
-}
-
-int commit()
-{
+    if (run(write ? S_BEGIN_W : S_BEGIN_R) != SQLITE_DONE)
+        return -1;
+    int r = fn(arg);
     reset_all();
-    if (run(S_COMMIT) == SQLITE_DONE)
+    if (r == 0 && run(S_COMMIT) == SQLITE_DONE)
         return 0;
     run(S_ROLLBACK);
-    return -1;
+    return r != 0 ? r : -1;
 }
 
-int rollback(int result)
+int sq_mark(int what)
 {
-    reset_all();
-    run(S_ROLLBACK);
-    return result;
+    if (what == NDA_MARK)
+        return done(run(S_SAVE));
+    if (what == NDA_UNDO && done(run(S_UNDO)) < 0)
+        return -1;
+    return done(run(S_RELEASE));
 }
 
-// The host of an address: its id, 0 when the address is unknown, -1 error.
-int64_t host_of(uint32_t ip)
+int64_t sq_host_of(uint32_t ip)
 {
     int rc = run(S_HOST_OF, hip(ip));
     if (rc == SQLITE_ROW)
@@ -180,186 +167,85 @@ int64_t host_of(uint32_t ip)
     return rc == SQLITE_DONE ? 0 : -1;
 }
 
-int64_t new_host(int64_t now)
+int64_t sq_new_host(int64_t now)
 {
     if (run(S_NEW_HOST, now) != SQLITE_DONE)
         return -1;
     return sqlite3_last_insert_rowid(db);
 }
 
-// The host of the first known address, or a new one; every unknown address
-// joins it. An address already on another host stays there: only an EQUIV
-// moves addresses between hosts.
-int64_t claimer_host(const uint32_t* addrs, int n, int64_t now)
+int sq_add_addr(uint32_t ip, int64_t host)
 {
-    int64_t host = 0;
-    for (int i = 0; i < n && host == 0; i++)
-        host = host_of(addrs[i]);
-    if (host == 0)
-        host = new_host(now);
-    if (host < 0)
-        return -1;
-    for (int i = 0; i < n; i++)
-        if (!ok(run(S_ADD_ADDR, hip(addrs[i]), host)))
-            return -1;
-    return ok(run(S_SEEN, host, now)) ? host : -1;
+    return done(run(S_ADD_ADDR, hip(ip), host));
 }
 
-void read_holder(Stmt s, NdaHolder* h)
+int sq_move_addr(uint32_t ip, int64_t host)
 {
-    h->host = col(s, 0);
-    h->group = int32_t(col(s, 1));
-    h->ip = nip(col(s, 2));
-    h->via_ip = nip(col(s, 3));
-    h->via_port = uint16_t(col(s, 4));
+    return done(run(S_MOVE_ADDR, hip(ip), host));
 }
 
-// The claim inside an open transaction: 0, ST_HELD or -1.
-int claim_in(const NdaClaim& c, NdaHolder* holder)
+int sq_seen(int64_t host, int64_t now)
 {
-    int64_t host = claimer_host(c.addrs, c.addr_ct, c.now);
-    if (host < 0)
-        return -1;
-    for (int i = 0; i < c.addr_ct; i++)
-        if (!ok(run_name(S_DROP_OWN, c.name, host, hip(c.addrs[i]))))
-            return -1;
-    int rc = run_name(S_HOLDER, c.name, host);
-    if (!ok(rc))
-        return -1;
-    if (rc == SQLITE_ROW) {
-        NdaHolder h{};
-        read_holder(S_HOLDER, &h);
-        if (h.group == 0 || c.group == 0) {
-            *holder = h;
-            return ST_HELD;
-        }
-    }
-    rc = run_name(S_PUT_NAME, c.name, host, c.group != 0 ? 1 : 0, hip(c.addrs[0]), hip(c.via_ip),
-                  c.via_port, c.now);
-    return ok(rc) ? 0 : -1;
+    return done(run(S_SEEN, host, now));
 }
 
-int sq_claim(const NdaClaim& c, NdaHolder* holder)
+int64_t sq_addr_count(int64_t host)
 {
-    if (begin() < 0)
-        return -1;
-    int r = claim_in(c, holder);
-    if (r != 0)
-        return rollback(r);
-    return commit();
+    return run(S_ADDR_COUNT, host) == SQLITE_ROW ? col(S_ADDR_COUNT, 0) : -1;
 }
 
-int sq_replace(const NdaClaim& c, const NdaHolder& old, NdaHolder* holder)
+int sq_drop_host(int64_t host)
 {
-    if (begin() < 0)
-        return -1;
-    if (!ok(run_name(S_DROP_ENTRY, c.name, old.host)))
-        return rollback(-1);
-    int r = claim_in(c, holder);
-    if (r != 0)
-        return rollback(r);
-    return commit();
-}
-
-void sq_burst(bool on)
-{
-    in_burst = on;
-    if (!on)
-        end_read();
-}
-
-int sq_query(const uint8_t* name, NdaHolder* out)
-{
-    // Each read transaction of its own takes and drops the file's locks:
-    // in a burst one read transaction serves every query.
-    if (in_burst && !reading && run(S_READ) == SQLITE_DONE)
-        reading = true;
-    int rc = run_name(S_QUERY, name);
-    if (rc == SQLITE_ROW)
-        read_holder(S_QUERY, out);
-    sqlite3_reset(stmt[S_QUERY]);
-    return rc == SQLITE_ROW ? 1 : rc == SQLITE_DONE ? 0 : -1;
-}
-
-int sq_remove(const uint8_t* name, const uint32_t* addrs, int n)
-{
-    if (begin() < 0)
-        return -1;
-    for (int i = 0; i < n; i++)
-        if (!ok(run_name(S_REMOVE, name, hip(addrs[i]))))
-            return rollback(-1);
-    return commit();
-}
-
-int drop_host(int64_t host)
-{
-    return ok(run(S_DROP_NAMES, host)) && ok(run(S_DROP_ADDRS, host)) && ok(run(S_DROP_HOST, host))
+    return done(run(S_DROP_NAMES, host)) == 0 && done(run(S_DROP_ADDRS, host)) == 0 &&
+                   done(run(S_DROP_HOST, host)) == 0
                ? 0
                : -1;
 }
 
-int sq_purge(uint32_t ip)
+int sq_merge_host(int64_t host, int64_t into)
 {
-    if (begin() < 0)
-        return -1;
-    int64_t host = host_of(ip);
-    if (host < 0 || (host > 0 && drop_host(host) < 0))
-        return rollback(-1);
-    return commit();
+    return done(run(S_MOVE_NAMES, host, into)) == 0 && done(run(S_MOVE_ADDRS, host, into)) == 0
+               ? sq_drop_host(host)
+               : -1;
 }
 
-// One address out of a host it shared, onto a host of its own (without
-// names: its daemon registers them again for the new grouping).
-int split_one(uint32_t ip, int64_t now)
+int read_holder(Stmt s, int rc, NdaHolder* h)
 {
-    int64_t host = host_of(ip);
-    if (host < 0)
-        return -1;
-    if (host == 0) {
-        int64_t own = new_host(now);
-        return own < 0 || !ok(run(S_ADD_ADDR, hip(ip), own)) ? -1 : 0;
+    if (rc == SQLITE_ROW) {
+        h->host = col(s, 0);
+        h->group = int32_t(col(s, 1));
+        h->ip = nip(col(s, 2));
+        h->via_ip = nip(col(s, 3));
+        h->via_port = uint16_t(col(s, 4));
     }
-    if (run(S_ADDR_COUNT, host) != SQLITE_ROW)
-        return -1;
-    if (col(S_ADDR_COUNT, 0) <= 1)
-        return 0;
-    int64_t own = new_host(now);
-    return own < 0 || !ok(run(S_MOVE_ADDR, hip(ip), own)) ? -1 : 0;
+    sqlite3_reset(stmt[s]);
+    return rc == SQLITE_ROW ? 1 : rc == SQLITE_DONE ? 0 : -1;
 }
 
-int join(const uint32_t* addrs, int n, int64_t now)
+int sq_holder(const uint8_t* name, int64_t except, NdaHolder* out)
 {
-    int64_t target = 0;
-    for (int i = 0; i < n && target == 0; i++)
-        target = host_of(addrs[i]);
-    if (target < 0 || (target == 0 && (target = new_host(now)) < 0))
-        return -1;
-    for (int i = 0; i < n; i++) {
-        int64_t other = host_of(addrs[i]);
-        if (other < 0)
-            return -1;
-        if (other == 0) {
-            if (!ok(run(S_ADD_ADDR, hip(addrs[i]), target)))
-                return -1;
-        } else if (other != target) {
-            if (!ok(run(S_MOVE_NAMES, other, target)) || !ok(run(S_MOVE_ADDRS, other, target)) ||
-                drop_host(other) < 0)
-                return -1;
-        }
-    }
-    return ok(run(S_SEEN, target, now)) ? 0 : -1;
+    return read_holder(S_HOLDER, run_name(S_HOLDER, name, except), out);
 }
 
-int sq_equiv(const uint32_t* addrs, int n, int64_t now)
+int sq_entry(const uint8_t* name, int64_t host, NdaHolder* out)
 {
-    if (n < 1)
-        return 0;
-    if (begin() < 0)
-        return -1;
-    int r = n == 1 ? split_one(addrs[0], now) : join(addrs, n, now);
-    if (r < 0)
-        return rollback(-1);
-    return commit();
+    return read_holder(S_ENTRY, run_name(S_ENTRY, name, host), out);
+}
+
+int sq_put_name(const uint8_t* name, int64_t host, int32_t group, uint32_t ip, uint32_t via_ip, uint16_t via_port,
+                int64_t now)
+{
+    return done(run_name(S_PUT_NAME, name, host, group, hip(ip), hip(via_ip), via_port, now));
+}
+
+int sq_drop_name(const uint8_t* name, int64_t host)
+{
+    return done(run_name(S_DROP_ENTRY, name, host));
+}
+
+int sq_drop_stale(const uint8_t* name, int64_t host, uint32_t ip)
+{
+    return done(run_name(S_DROP_STALE, name, host, hip(ip)));
 }
 
 int sq_list(void (*fn)(const NdaListEntry& e, void* arg), void* arg)
@@ -390,8 +276,6 @@ int sq_list(void (*fn)(const NdaListEntry& e, void* arg), void* arg)
 
 void sq_close()
 {
-    end_read();
-    in_burst = false;
     for (sqlite3_stmt*& s : stmt) {
         sqlite3_finalize(s);
         s = nullptr;
@@ -436,5 +320,8 @@ const char* sq_error()
 }  // namespace
 
 const NdaStore nda_sqlite = {
-    "sqlite", sq_open, sq_close, sq_claim, sq_replace, sq_query, sq_burst, sq_remove, sq_purge, sq_equiv, sq_list, sq_error,
+    "sqlite",     sq_open,        sq_close,      sq_transact,  sq_mark,       sq_host_of,
+    sq_new_host,  sq_add_addr,    sq_move_addr,  sq_seen,      sq_addr_count, sq_drop_host,
+    sq_merge_host, sq_holder,     sq_entry,      sq_put_name,  sq_drop_name,  sq_drop_stale,
+    sq_list,      sq_error,
 };

@@ -1,32 +1,19 @@
 #pragma once
 // The directory's storage: hosts (each one or more IPv4 addresses) and the
-// names registered for them. An operation that changes something has
-// committed the change when it returns, so an answer sent afterwards is
-// never lost with the process. Each engine fills one table of operations;
-// the agent uses only the table.
+// names registered for them. Each engine fills one table of small
+// operations in its own SQL; what they mean for a claim, a deletion or a
+// regrouping is decided once, in nda/ndadir.cpp. Every operation but list
+// runs inside transact().
 #include <cstddef>
 #include <cstdint>
 
-constexpr int ST_HELD = 1;  // claim: another host holds the name
-
-// A name's holder as the directory has it.
+// A name's entry on one host.
 struct NdaHolder {
     int64_t host;
     int32_t group;      // 1 a group member, 0 the unique owner
     uint32_t ip;        // the address the name answers with (network order)
     uint32_t via_ip;    // the station that registered it: its VERIFY goes there
     uint16_t via_port;
-};
-
-// A registration asked for.
-struct NdaClaim {
-    const uint8_t* name;
-    int32_t group;
-    const uint32_t* addrs;  // the claimer's addresses (network order), at least one
-    int addr_ct;
-    uint32_t via_ip;
-    uint16_t via_port;
-    int64_t now;            // seconds
 };
 
 struct NdaListEntry {
@@ -37,34 +24,52 @@ struct NdaListEntry {
     int64_t seen;
 };
 
+constexpr int NDA_MARK = 0;     // mark(): a savepoint before one request
+constexpr int NDA_KEEP = 1;     // the request's changes stay in the transaction
+constexpr int NDA_UNDO = 2;     // the request's changes are undone
+constexpr int NDA_BUSY = -2;    // transact(): given up after conflicts with other agents
+
 struct NdaStore {
     const char* kind;
     // Opens (creating when needed) the directory at `where`: 0, or -1.
     int (*open)(const char* where);
     void (*close)();
-    // Registers the claim for the claimer's host unless another host holds
-    // the name: a unique owner holds it against every claim, group members
-    // against a unique claim. 0 registered, ST_HELD with *holder (a unique
-    // owner before group members, then the member heard of most recently;
-    // nothing is changed), -1 error. One transaction: with several agents on
-    // one directory two claims cannot both pass.
-    int (*claim)(const NdaClaim& c, NdaHolder* holder);
-    // The same after `old` has lost the name: its entry is dropped, when it
-    // is still there, in the claim's transaction.
-    int (*replace)(const NdaClaim& c, const NdaHolder& old, NdaHolder* holder);
-    // The holder that answers for a name: 1, 0 unknown, -1 error.
-    int (*query)(const uint8_t* name, NdaHolder* out);
-    // Between burst(true) and burst(false) (one wake-up's datagrams) queries
-    // may share one read snapshot: cheaper, and no older than the burst.
-    void (*burst)(bool on);
-    // The name off the hosts of these addresses; 0 or -1.
-    int (*remove)(const uint8_t* name, const uint32_t* addrs, int n);
-    // The host of this address with its addresses and names; 0 or -1.
-    int (*purge)(uint32_t ip);
-    // These addresses are one host: their hosts are joined, with their
-    // names. One address alone is taken out of a host it shared. 0 or -1.
-    int (*equiv)(const uint32_t* addrs, int n, int64_t now);
-    // Every name entry, by name; 0 or -1.
+    // Runs fn in one transaction (write: taking the write lock at once) and
+    // commits it when fn returns 0; fn's other results roll it back. When
+    // another agent's transaction conflicts with it, the whole of it is run
+    // again, so fn must start from scratch each time. fn's result, -1, or
+    // NDA_BUSY when the conflicts went on: smaller transactions may pass.
+    int (*transact)(bool write, int (*fn)(void* arg), void* arg);
+    // Savepoints around one request of a transaction (NDA_MARK, NDA_KEEP,
+    // NDA_UNDO): 0, or -1.
+    int (*mark)(int what);
+
+    // Addresses and hosts. host_of: the host's id, 0 when the address is
+    // unknown, -1 error.
+    int64_t (*host_of)(uint32_t ip);
+    int64_t (*new_host)(int64_t now);  // its id, or -1
+    int (*add_addr)(uint32_t ip, int64_t host);   // an unknown address onto a host
+    int (*move_addr)(uint32_t ip, int64_t host);  // a known one onto another
+    int (*seen)(int64_t host, int64_t now);
+    int64_t (*addr_count)(int64_t host);          // or -1
+    // The host's names, addresses and itself; into: its names and addresses
+    // onto `into` (an entry `into` has of a name wins), then the host goes.
+    int (*drop_host)(int64_t host);
+    int (*merge_host)(int64_t host, int64_t into);
+
+    // Names. holder: the entry that answers for the name, leaving out the
+    // entries of host `except` (0: none left out): a unique owner before
+    // group members, then the member heard of most recently. entry: the
+    // name's entry on one host. Both 1 found, 0 none, -1 error.
+    int (*holder)(const uint8_t* name, int64_t except, NdaHolder* out);
+    int (*entry)(const uint8_t* name, int64_t host, NdaHolder* out);
+    int (*put_name)(const uint8_t* name, int64_t host, int32_t group, uint32_t ip, uint32_t via_ip,
+                    uint16_t via_port, int64_t now);
+    int (*drop_name)(const uint8_t* name, int64_t host);
+    // The name's entries on hosts other than `host` that answer with `ip`.
+    int (*drop_stale)(const uint8_t* name, int64_t host, uint32_t ip);
+
+    // Every name entry, by name, outside any transaction; 0 or -1.
     int (*list)(void (*fn)(const NdaListEntry& e, void* arg), void* arg);
     const char* (*error)();  // the text of the last failure
 };

@@ -204,6 +204,53 @@ TEST_F(Directory, NamesReachAcrossSubnetsAndStayUnique)
     EXPECT_EQ(ctl(a, {"check", "FILESRV<20>"}, &out), 0) << out;
 }
 
+// Who may write: 10.89.0.0/24 is no registrar here, so B's station is
+// refused every change, also an ADD that lists A's address; a registrar
+// that is not A (127.0.0.2) may register A's name for A again, but neither
+// delete it nor register it for itself by listing A's address too: A
+// confirms its VERIFYs. The daemons' lookups still name A.
+TEST_F(Directory, OnlyRegistrarsChangeAndOnlyOwnersDelete)
+{
+    ASSERT_TRUE(lab.write_config("[agent]\nport 227\ndirectory /var/opt/KORRbase/nda.db\n"
+                                 "registrars 10.88.0.0/24 127.0.0.0/8\n"));
+    start_agent();
+    Peer a, b;
+    start_peer(a, 1);
+    start_peer(b, 2);
+    std::string out;
+    const Bytes fs = nb_name("FILESRV", 0x20);
+    ASSERT_EQ(ctl(a, {"add", "FILESRV<20>"}, &out), 0) << out;
+    ASSERT_TRUE(lab_wait_for(30, [&] { return ask_agent(fs) == "10.88.0.2"; })) << a.log();
+
+    int outsider = lab.udp_socket(lab_station2, 0, "10.89.0.2");
+    int registrar = lab.udp_socket(lab_daemon, 0, "127.0.0.2");
+    ASSERT_TRUE(outsider >= 0 && registrar >= 0) << lab.last_error();
+    const struct { const char* why; int fd; Bytes request; bool accepted = false; } attempts[] = {
+        {"DELETE from outside", outsider, cat({header(1, ndasim::del), name_item(fs), addr_list({"10.88.0.2"})})},
+        {"PURGE from outside", outsider, cat({header(2, ndasim::purge), ip_item("10.88.0.2")})},
+        {"EQUIV from outside", outsider, cat({header(3, ndasim::equiv), addr_list({"10.89.0.2", "10.88.0.2"})})},
+        {"ADD for A's host from outside", outsider, add(4, fs, 0, {"10.89.0.2", "10.88.0.2"})},
+        {"A's name again for A by a registrar", registrar, add(5, fs, 0, {"10.88.0.2"}), true},
+        {"which still may not delete it: A confirms", registrar,
+         cat({header(6, ndasim::del), name_item(fs), addr_list({"10.88.0.2"})})},
+        {"ADD joining A's address, A confirms", registrar, add(7, fs, 0, {"127.0.0.2", "10.88.0.2"})},
+    };
+    for (const auto& t : attempts) {
+        SCOPED_TRACE(t.why);
+        ASSERT_TRUE(lab.send_to(t.fd, t.fd == outsider ? "10.89.0.1" : "127.0.0.1", 227, t.request));
+        Message r = decode(from_agent(t.fd));
+        EXPECT_EQ(r.id, decode(t.request).id);
+        EXPECT_EQ(r.ans < 0, !t.accepted);
+    }
+    EXPECT_EQ(ask_agent(fs), "10.88.0.2");
+    ASSERT_EQ(ctl(b, {"lookup", "FILESRV<20>"}, &out), 0) << out;
+    EXPECT_NE(out.find("10.88.0.2"), std::string::npos) << out;
+    EXPECT_NE(lab_read_file("/var/opt/KORRbase/log.nda").find("changes refused to stations outside the registrars"),
+              std::string::npos);
+    ASSERT_EQ(ctl(a, {"del", "FILESRV<20>"}, &out), 0) << out;  // its own host may
+    EXPECT_TRUE(lab_wait_for(30, [&] { return ask_agent(fs).empty(); })) << a.log();
+}
+
 // kill -9 of the agent while a daemon's claims stream in: every name whose
 // registration the daemon saw acknowledged (its trace) is there after the
 // restart.
@@ -243,12 +290,14 @@ TEST_F(Directory, KeepsEveryAcknowledgedNameThroughAKill)
 TEST_F(Directory, ServesEveryRequestOfTheProtocol)
 {
     // A malformed [agent] section: the agent does not start.
-    ASSERT_TRUE(lab.write_file("/tmp/bad.vz", "[agent]\nport 0x10\nlisten 10.88.0.1\nlisten 10.88.0.1\ndir /tmp\n"));
+    ASSERT_TRUE(lab.write_file("/tmp/bad.vz", "[agent]\nport 0x10\nlisten 10.88.0.1\nlisten 10.88.0.1\ndir /tmp\n"
+                                                "registrars 10.1.0.0/16 10.2.0.0/33\n"));
     std::string out;
     EXPECT_EQ(lab.run(lab_daemon, {HALYARD_NDA_BINARY, "-f", "-c", "/tmp/bad.vz"}, &out), 1 << 8);
     EXPECT_EQ(out, "halyard-nda: /tmp/bad.vz line 2: port: expecting a port number from 1 to 65535\n"
                    "halyard-nda: /tmp/bad.vz line 4: listen already set\n"
-                   "halyard-nda: /tmp/bad.vz line 5: dir: not a setting of [agent] (listen, port, directory)\n"
+                   "halyard-nda: /tmp/bad.vz line 5: dir: not a setting of [agent] (listen, port, directory, registrars)\n"
+                   "halyard-nda: /tmp/bad.vz line 6: registrars: expecting networks as NET/LEN (at most 64)\n"
                    "halyard-nda: the configuration's [agent] section is malformed: not started\n");
     EXPECT_NE(lab_read_file("/var/opt/KORRbase/log.nda").find("bad.vz line 2: port: expecting"), std::string::npos);
 
@@ -286,6 +335,19 @@ TEST_F(Directory, ServesEveryRequestOfTheProtocol)
     EXPECT_EQ(v.raw, cat({header(v.id, ndasim::verify), name_item(TEAM), ip_item("10.1.0.6")}));
     ASSERT_TRUE(lab.send_to(s[2], "127.0.0.1", 227, datagram(v.id, ndasim::verify | response_bit, -1, 3, {})));
     EXPECT_EQ(from_agent(s[1]), answer(12, ndasim::add, 0));
+    EXPECT_EQ(ask_agent(TEAM), "10.1.0.3");
+    // 100 claims of it from C (spoofed, say): B gets at most 20 VERIFYs a
+    // second, confirms each, and keeps the name.
+    for (uint32_t id = 200; id < 300; id++)
+        lab.send_to(s[2], "127.0.0.1", 227, add(id, TEAM, 0, {"10.1.0.4"}));
+    auto t0 = Clock::now();
+    int early = 0;
+    for (auto d = lab.recv(s[1], 2.5); d; d = lab.recv(s[1], 2.5)) {
+        early += seconds(t0, Clock::now()) < 1.5;
+        lab.send_to(s[1], "127.0.0.1", 227, answer(decode(d->bytes).id, ndasim::verify, 0));
+    }
+    EXPECT_GT(early, 0);
+    EXPECT_LE(early, 2 * 20);
     EXPECT_EQ(ask_agent(TEAM), "10.1.0.3");
 
     // A flood of garbage and of ADDs for 10,000 new names, each a new id:
@@ -355,7 +417,7 @@ TEST_F(Directory, TwoAgentsOnOneDatabaseNeverBothGiveAwayAName)
     auto deadline = Clock::now() + std::chrono::seconds(60);
     while (answers < 2 * names && Clock::now() < deadline) {
         for (int s = 0; s < 2; s++) {
-            auto d = lab.recv(station[s], 0.05);
+            auto d = lab.recv(station[s], 0.01);
             Message m = decode(d ? d->bytes : Bytes{});
             if (d && !m.response && m.action == ndasim::verify) {
                 // Every station holds what it was given.
