@@ -41,6 +41,9 @@ struct NdaStore {
     const char* kind;
     // Opens (creating when needed) the directory at `where`: 0, or -1.
     int (*open)(const char* where);
+    // The same for reading only (the list while an agent runs): nothing is
+    // made, written, checkpointed or removed. 0, or -1.
+    int (*open_read)(const char* where);
     void (*close)();
     // Registers the claim for the claimer's host unless another host holds
     // the name: a unique owner holds it against every claim, group members
