@@ -48,7 +48,7 @@ constexpr const char* LOG_PATH = "/var/opt/KORRbase/log.nda";
 // the file, and /var/opt/KORRbase is root's.
 constexpr const char* DB_PATH = "/var/opt/KORRbase/nda/nda.db";
 constexpr const char* AGENT_USER = "_halyard-nda";
-constexpr mode_t LOG_MODE = 0640;
+constexpr mode_t LOG_MODE = 0660;
 constexpr uint16_t DEFAULT_NDPORT = 227;
 
 constexpr int MSG_STARTING = 550;
@@ -171,20 +171,19 @@ void make_folder(const char* db_path, const passwd& pw)
 }
 
 // The log stays beside the daemon's, in root's /var/opt/KORRbase, opened
-// for each message: made now while root can, and given to the agent's user
-// (0640, the group the home's, the product's administrative group). That
-// user can append to it but can neither replace nor remove it, nor make
-// another file there; a log rotated away stays away until the agent is
-// started again (rotate it by copying and truncating).
+// for each message by root's start and by the agent's user alike: it is
+// root's and the group's of that user (0660), so neither needs to override
+// a permission and no one else reads it. That user can append to it but
+// can neither replace nor remove it, nor make another file there; a log
+// rotated away stays away until the agent is started again (rotate it by
+// copying and truncating).
 void adopt_log(const passwd& pw)
 {
-    int fd = open(LOG_PATH, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, LOG_MODE);
+    // Read-only: an older log may be the administrative user's, 0664.
+    int fd = open(LOG_PATH, O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, LOG_MODE);
     if (fd < 0)
         return;  // logging is off then; open_log said nothing either
-    char home[VZ_HOME_SIZE];
-    struct stat st;
-    gid_t group = stat(vzhome_get(home, sizeof home), &st) == 0 ? st.st_gid : pw.pw_gid;
-    if (fchmod(fd, LOG_MODE) != 0 || fchown(fd, pw.pw_uid, group) != 0) {
+    if (fchown(fd, geteuid(), pw.pw_gid) != 0 || fchmod(fd, LOG_MODE) != 0) {
         // As before: the agent's messages may not reach it.
     }
     close(fd);
@@ -480,6 +479,14 @@ int main(int argc, char* argv[])
         fputs(USAGE, stderr);
         return EX_USAGE;
     }
+    // Started as root, the agent runs as its own user once the port is bound
+    // and its places are made. Its log is given to it first: root's start
+    // overrides no permission to write there either.
+    passwd* pw = !list && geteuid() == 0 ? getpwnam(AGENT_USER) : nullptr;
+    passwd user = pw != nullptr ? *pw : passwd{};
+    std::string user_home = pw != nullptr ? pw->pw_dir : "";
+    if (pw != nullptr && user.pw_uid != 0)
+        adopt_log(user);
     open_log(LOG_PATH);
     // The options override the file's settings.
     if (!read_settings(config))
@@ -500,10 +507,8 @@ int main(int argc, char* argv[])
     if (port == 0)
         port = ndport != 0 ? ndport : DEFAULT_NDPORT;
 
-    // Started as root, the agent runs as its own user once the port is bound
-    // and its places are made; without that user it does not start.
-    passwd* pw = geteuid() == 0 ? getpwnam(AGENT_USER) : nullptr;
-    if (geteuid() == 0 && (pw == nullptr || pw->pw_uid == 0)) {
+    // Without its user it does not start.
+    if (geteuid() == 0 && (pw == nullptr || user.pw_uid == 0)) {
         log_new();
         log_catmsg(LOG_SET, MSG_NO_USER, "%s: no system user %s to run as: not started", prog, AGENT_USER);
         fail(1, "no system user _halyard-nda to run as (the package makes it; or: adduser --system --group "
@@ -524,14 +529,13 @@ int main(int argc, char* argv[])
     char why[256] = "";
     if (pw != nullptr) {
         if (!is_connection(db_path))
-            make_folder(db_path, *pw);
-        adopt_log(*pw);
+            make_folder(db_path, user);
         std::string folder = folder_of(db_path);
-        if (!drop_root(*pw))
+        if (!drop_root(user))
             snprintf(why, sizeof why, "cannot run as user %s: %s", AGENT_USER, strerror(errno));
         else if (!is_connection(db_path) && access(folder.c_str(), W_OK | X_OK) != 0)
             snprintf(why, sizeof why, "user %s cannot write in %s: %s", AGENT_USER, folder.c_str(), strerror(errno));
-        setenv("HOME", pw->pw_dir, 1);  // libpq's ~/.pgpass is the user's
+        setenv("HOME", user_home.c_str(), 1);  // libpq's ~/.pgpass is the user's
     }
     // The directory is opened by the process that serves it: SQLite's locks
     // belong to the process, and a reader must see them (a list would
