@@ -1,12 +1,18 @@
 // halyard-nda: the name-directory agent that the daemons' NB-nd-addr names.
 // One process, one thread: a datagram socket at the agent port and the
-// directory in one SQLite file.
+// directory in one SQLite file. Root only binds the port and makes the
+// agent's places; the rest runs as the agent's own user.
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <ifaddrs.h>
+#include <linux/capability.h>
 #include <poll.h>
+#include <pwd.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -39,7 +45,11 @@ namespace {
 
 constexpr const char* CONFIG_PATH = "/etc/opt/KORRbase/config.vz";
 constexpr const char* LOG_PATH = "/var/opt/KORRbase/log.nda";
-constexpr const char* DB_PATH = "/var/opt/KORRbase/nda.db";
+// In a folder of the agent's user: SQLite makes its -wal and -shm beside
+// the file, and /var/opt/KORRbase is root's.
+constexpr const char* DB_PATH = "/var/opt/KORRbase/nda/nda.db";
+constexpr const char* AGENT_USER = "_halyard-nda";
+constexpr mode_t LOG_MODE = 0660;
 constexpr uint16_t DEFAULT_NDPORT = 227;
 
 constexpr int MSG_STARTING = 550;
@@ -49,6 +59,7 @@ constexpr int MSG_STOPPING = 554;
 constexpr int MSG_BAD_SETTING = 555;
 constexpr int MSG_UNKNOWN_SETTING = 556;
 constexpr int MSG_SETTING_TWICE = 557;
+constexpr int MSG_NO_USER = 559;
 
 constexpr int EX_USAGE = 2;
 constexpr int RECV_BURST = 64;   // datagrams read per wake-up
@@ -61,7 +72,7 @@ const char* const USAGE =
     "  -l          list the directory and exit (-j: as JSON)\n"
     "  -a ADDRESS  listen at this IPv4 address only (default: every address)\n"
     "  -p PORT     agent port (default: port of [agent], else NB-nd-port, else 227)\n"
-    "  -d FILE     directory database (default /var/opt/KORRbase/nda.db), or a\n"
+    "  -d FILE     directory database (default /var/opt/KORRbase/nda/nda.db), or a\n"
     "              PostgreSQL connection (postgresql://... or \"host=... dbname=...\")\n"
     "  -c FILE     configuration file (default /etc/opt/KORRbase/config.vz); its\n"
     "              [agent] section may set listen, port and directory, which the\n"
@@ -82,17 +93,58 @@ int64_t mono_ms()
     return int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
+// Without -f: the launching process's end of a pipe, on which it waits for
+// the agent's word (its start-up status) so that an error that comes after
+// the fork still reaches the caller; -1 once told, or with -f.
+int word_fd = -1;
+
+void tell_launcher(uint8_t status)
+{
+    if (word_fd < 0)
+        return;
+    ssize_t n;
+    do
+        n = write(word_fd, &status, 1);
+    while (n < 0 && errno == EINTR);
+    close(word_fd);
+    word_fd = -1;
+}
+
 [[noreturn]] void fail(int status, const char* text)
 {
     fprintf(stderr, "halyard-nda: %s\n", text);
+    tell_launcher(uint8_t(status));
     exit(status);
 }
 
+// The launching process ends with the status the agent tells it (1 when the
+// agent ends without a word); the agent goes on in a session of its own.
 void detach()
 {
-    if (fork() != 0)
-        exit(0);
+    int p[2];
+    if (pipe2(p, O_CLOEXEC) != 0)
+        fail(1, "cannot make a pipe");
+    pid_t pid = fork();
+    if (pid < 0)
+        fail(1, "cannot fork");
+    if (pid > 0) {
+        close(p[1]);
+        uint8_t status = 1;
+        ssize_t n;
+        do
+            n = read(p[0], &status, 1);
+        while (n < 0 && errno == EINTR);
+        _exit(n == 1 ? status : 1);
+    }
+    close(p[0]);
+    word_fd = p[1];
     setsid();
+}
+
+// Started: the launcher may go, and the agent lets go of its terminal.
+void started()
+{
+    tell_launcher(0);
     int fd = open("/dev/null", O_RDWR);
     if (fd >= 0) {
         dup2(fd, 0);
@@ -101,6 +153,60 @@ void detach()
         if (fd > 2)
             close(fd);
     }
+}
+
+// The folder of a directory file, made for the agent's user when it is
+// missing, while root can (the places above it are root's). A folder that
+// is there is left as it is: the administrator's choice, named or not.
+std::string folder_of(const char* path)
+{
+    const char* slash = strrchr(path, '/');
+    return slash == nullptr ? "." : slash == path ? "/" : std::string(path, size_t(slash - path));
+}
+
+void make_folder(const char* db_path, const passwd& pw)
+{
+    std::string folder = folder_of(db_path);
+    if (mkdir(folder.c_str(), 0700) == 0 && lchown(folder.c_str(), pw.pw_uid, pw.pw_gid) != 0)
+        rmdir(folder.c_str());  // then the open below says what is wrong
+}
+
+// The log stays beside the daemon's, in root's /var/opt/KORRbase, opened
+// for each message by root's start and by the agent's user alike: it is
+// root's and the group's of that user (0660), so neither needs to override
+// a permission and no one else reads it. That user can append to it but
+// can neither replace nor remove it, nor make another file there; a log
+// rotated away stays away until the agent is started again (rotate it by
+// copying and truncating).
+void adopt_log(const passwd& pw)
+{
+    // Read-only: an older log may be the administrative user's, 0664.
+    int fd = open(LOG_PATH, O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, LOG_MODE);
+    if (fd < 0)
+        return;  // logging is off then; open_log said nothing either
+    if (fchown(fd, geteuid(), pw.pw_gid) != 0 || fchmod(fd, LOG_MODE) != 0) {
+        // As before: the agent's messages may not reach it.
+    }
+    close(fd);
+}
+
+// Leaves root for good: no supplementary group, the user's ids as real,
+// effective and saved ids, no capability, no new privileges through exec;
+// then checks that root and every capability are out of reach.
+bool drop_root(const passwd& pw)
+{
+    if (setgroups(0, nullptr) != 0 || setresgid(pw.pw_gid, pw.pw_gid, pw.pw_gid) != 0 ||
+        setresuid(pw.pw_uid, pw.pw_uid, pw.pw_uid) != 0)
+        return false;
+    __user_cap_header_struct hdr{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct caps[2]{};
+    if (prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0) != 0 || syscall(SYS_capset, &hdr, caps) != 0 ||
+        prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || syscall(SYS_capget, &hdr, caps) != 0)
+        return false;
+    for (const auto& c : caps)
+        if ((c.effective | c.permitted | c.inheritable) != 0)
+            return false;
+    return getgroups(0, nullptr) == 0 && setuid(0) != 0 && seteuid(0) != 0;
 }
 
 // The [agent] section of the configuration file: the settings the options
@@ -325,7 +431,7 @@ void list_entry(const NdaListEntry& e, void* arg)
 
 int list_directory(const NdaStore* store, const char* db_path, bool json)
 {
-    if (store->open(db_path) < 0)
+    if (store->open_read(db_path) < 0)
         fail(1, store->error());
     ListState st{json, 0};
     if (json)
@@ -434,6 +540,14 @@ int main(int argc, char* argv[])
         fputs(USAGE, stderr);
         return EX_USAGE;
     }
+    // Started as root, the agent runs as its own user once the port is bound
+    // and its places are made. Its log is given to it first: root's start
+    // overrides no permission to write there either.
+    passwd* pw = !list && geteuid() == 0 ? getpwnam(AGENT_USER) : nullptr;
+    passwd user = pw != nullptr ? *pw : passwd{};
+    std::string user_home = pw != nullptr ? pw->pw_dir : "";
+    if (pw != nullptr && user.pw_uid != 0)
+        adopt_log(user);
     open_log(LOG_PATH);
     // The options override the file's settings.
     if (!read_settings(config))
@@ -454,6 +568,13 @@ int main(int argc, char* argv[])
     if (port == 0)
         port = ndport != 0 ? ndport : DEFAULT_NDPORT;
 
+    // Without its user it does not start.
+    if (geteuid() == 0 && (pw == nullptr || user.pw_uid == 0)) {
+        log_new();
+        log_catmsg(LOG_SET, MSG_NO_USER, "%s: no system user %s to run as: not started", prog, AGENT_USER);
+        fail(1, "no system user _halyard-nda to run as (the package makes it; or: adduser --system --group "
+                "_halyard-nda): not started");
+    }
     uint16_t p = uint16_t(port);
     ens_fd = init_sock(listen_addr, &p, 0);
     if (ens_fd < 0) {
@@ -466,13 +587,31 @@ int main(int argc, char* argv[])
     }
     // A connection may carry a password: it is not written to the log.
     const char* shown = is_connection(db_path) ? "(a PostgreSQL connection)" : db_path;
-    if (store->open(db_path) < 0) {
-        log_new();
-        log_catmsg(LOG_SET, MSG_NO_STORE, "%s: cannot open the directory %s: %s", prog, shown, store->error());
-        fail(1, store->error());
+    char why[256] = "";
+    if (pw != nullptr) {
+        if (!is_connection(db_path))
+            make_folder(db_path, user);
+        std::string folder = folder_of(db_path);
+        if (!drop_root(user))
+            snprintf(why, sizeof why, "cannot run as user %s: %s", AGENT_USER, strerror(errno));
+        else if (!is_connection(db_path) && access(folder.c_str(), W_OK | X_OK) != 0)
+            snprintf(why, sizeof why, "user %s cannot write in %s: %s", AGENT_USER, folder.c_str(), strerror(errno));
+        setenv("HOME", user_home.c_str(), 1);  // libpq's ~/.pgpass is the user's
     }
+    // The directory is opened by the process that serves it: SQLite's locks
+    // belong to the process, and a reader must see them (a list would
+    // otherwise take the write-ahead log from under the agent).
     if (!foreground)
         detach();
+    umask(077);
+    if (why[0] == '\0' && store->open(db_path) < 0)
+        snprintf(why, sizeof why, "%s", store->error());
+    if (why[0] != '\0') {
+        log_new();
+        log_catmsg(LOG_SET, MSG_NO_STORE, "%s: cannot open the directory %s: %s", prog, shown, why);
+        fail(1, why);
+    }
+    started();
     // The stop signals get through only inside the wait, so one that comes
     // while a datagram is handled cannot be missed until the next one.
     sigset_t stops, wait_mask;

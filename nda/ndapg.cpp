@@ -283,16 +283,46 @@ void pg_close()
     conn = nullptr;
 }
 
-int pg_open(const char* where)
+// The connection text is seen by every local user (the process list, a
+// configuration file that all may read), so it may not carry a password:
+// that comes from a password file of libpq's (passfile, PGPASSFILE or
+// ~/.pgpass of the agent's user), which libpq reads only when no one else
+// may. A text libpq cannot parse is not quoted back: its message would.
+bool acceptable(const char* where)
+{
+    char* parse_error = nullptr;
+    PQconninfoOption* opts = PQconninfoParse(where, &parse_error);
+    PQfreemem(parse_error);
+    if (opts == nullptr) {
+        snprintf(last_error, sizeof last_error,
+                 "not a PostgreSQL connection (key=value words, or a postgresql:// URI)");
+        return false;
+    }
+    bool password = false;
+    for (const PQconninfoOption* o = opts; o->keyword != nullptr; o++)
+        password = password || (strcmp(o->keyword, "password") == 0 && o->val != nullptr && o->val[0] != '\0');
+    PQconninfoFree(opts);
+    if (password)
+        snprintf(last_error, sizeof last_error,
+                 "a password in the connection is refused: put it in a password file that only the agent's user"
+                 " reads (passfile=FILE, PGPASSFILE or ~/.pgpass)");
+    return !password;
+}
+
+int connect_to(const char* where, bool read_only)
 {
     pg_close();
+    // Nor from the environment: only a password file holds it.
+    unsetenv("PGPASSWORD");
+    if (!acceptable(where))
+        return -1;
     conn = PQconnectdb(where);
     if (PQstatus(conn) != CONNECTION_OK) {
         note_error("connect", nullptr);
         pg_close();
         return -1;
     }
-    PGresult* r = PQexec(conn, SCHEMA);
+    PGresult* r = PQexec(conn, read_only ? "SET default_transaction_read_only = on" : SCHEMA);
     if (PQresultStatus(r) != PGRES_TUPLES_OK && PQresultStatus(r) != PGRES_COMMAND_OK) {
         note_error("schema", r);
         PQclear(r);
@@ -303,6 +333,16 @@ int pg_open(const char* where)
     return 0;
 }
 
+int pg_open(const char* where)
+{
+    return connect_to(where, false);
+}
+
+int pg_open_read(const char* where)
+{
+    return connect_to(where, true);
+}
+
 const char* pg_error()
 {
     return last_error;
@@ -311,7 +351,7 @@ const char* pg_error()
 }  // namespace
 
 const NdaStore nda_postgres = {
-    "postgresql",  pg_open,     pg_close,     pg_transact, pg_mark,       pg_host_of,
+    "postgresql",  pg_open, pg_open_read,    pg_close,     pg_transact, pg_mark,       pg_host_of,
     pg_new_host,   pg_add_addr, pg_move_addr, pg_seen,     pg_addr_count, pg_drop_host,
     pg_merge_host, pg_holder,   pg_entry,     pg_put_name, pg_drop_name,  pg_drop_stale,
     pg_list,       pg_error,

@@ -285,10 +285,11 @@ void sq_close()
     db = nullptr;
 }
 
-int sq_open(const char* where)
+int open_db(const char* where, bool read_only)
 {
     sq_close();
-    if (sqlite3_open_v2(where, &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) != SQLITE_OK) {
+    int flags = read_only ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+    if (sqlite3_open_v2(where, &db, flags, nullptr) != SQLITE_OK) {
         note_error(where);
         sq_close();
         return -1;
@@ -296,8 +297,12 @@ int sq_open(const char* where)
     // A reader such as the sqlite3 tool may hold the file for a moment.
     sqlite3_busy_timeout(db, 2000);
     char* msg = nullptr;
-    if (sqlite3_exec(db, SCHEMA, nullptr, nullptr, &msg) != SQLITE_OK) {
-        snprintf(last_error, sizeof last_error, "%s: %s", where, msg != nullptr ? msg : "schema");
+    // A reader never checkpoints: the last connection to close would then
+    // remove the write-ahead log, under a running agent that lost its locks
+    // or one started after. (Read-only already forbids it; this says so.)
+    if ((read_only && sqlite3_db_config(db, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr) != SQLITE_OK) ||
+        (!read_only && sqlite3_exec(db, SCHEMA, nullptr, nullptr, &msg) != SQLITE_OK)) {
+        snprintf(last_error, sizeof last_error, "%s: %s", where, msg != nullptr ? msg : sqlite3_errmsg(db));
         sqlite3_free(msg);
         sq_close();
         return -1;
@@ -312,6 +317,16 @@ int sq_open(const char* where)
     return 0;
 }
 
+int sq_open(const char* where)
+{
+    return open_db(where, false);
+}
+
+int sq_open_read(const char* where)
+{
+    return open_db(where, true);
+}
+
 const char* sq_error()
 {
     return last_error;
@@ -320,7 +335,7 @@ const char* sq_error()
 }  // namespace
 
 const NdaStore nda_sqlite = {
-    "sqlite",     sq_open,        sq_close,      sq_transact,  sq_mark,       sq_host_of,
+    "sqlite",     sq_open, sq_open_read,       sq_close,      sq_transact,  sq_mark,       sq_host_of,
     sq_new_host,  sq_add_addr,    sq_move_addr,  sq_seen,      sq_addr_count, sq_drop_host,
     sq_merge_host, sq_holder,     sq_entry,      sq_put_name,  sq_drop_name,  sq_drop_stale,
     sq_list,      sq_error,

@@ -33,6 +33,9 @@ struct NdaStore {
     const char* kind;
     // Opens (creating when needed) the directory at `where`: 0, or -1.
     int (*open)(const char* where);
+    // The same for reading only (the list while an agent runs): nothing is
+    // made, written, checkpointed or removed. 0, or -1.
+    int (*open_read)(const char* where);
     void (*close)();
     // Runs fn in one transaction (write: taking the write lock at once) and
     // commits it when fn returns 0; fn's other results roll it back. When

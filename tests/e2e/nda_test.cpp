@@ -9,8 +9,10 @@
 
 #include <glob.h>
 #include <gtest/gtest.h>
+#include <grp.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,6 +28,7 @@ using namespace ndasim;  // the helpers below hide its enumerators add and query
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* nsenter = "/usr/bin/nsenter";
+constexpr const char* agent_log = "/var/opt/KORRbase/log.nda";
 
 
 Bytes add(uint32_t id, const Bytes& name, int group, const std::vector<std::string>& addrs)
@@ -60,18 +63,49 @@ protected:
         LAB_SETUP_OR_SKIP(lab, 2);
         if (access(nsenter, X_OK) != 0 || access("/usr/bin/unshare", X_OK) != 0)
             GTEST_SKIP() << "needs nsenter and unshare (util-linux)";
-        ASSERT_TRUE(lab.write_config("[agent]\nport 227\ndirectory /var/opt/KORRbase/nda.db\n"));
+        ASSERT_TRUE(lab.write_config("[agent]\nport 227\n"));
         client = lab.udp_socket(lab_daemon, 0, "127.0.0.1");
         ASSERT_GE(client, 0) << lab.last_error();
     }
 
-    pid_t start_agent()
+    // The agent's user as the package makes it, in the test's mount
+    // namespace only: copies of passwd and group bound over the real ones.
+    void add_agent_user()
     {
-        pid_t pid = lab.start(lab_daemon, {HALYARD_NDA_BINARY, "-f"});
+        if (!bound.empty())
+            return;
+        for (agent_id = 999; agent_id > 100 && (getpwuid(agent_id) || getgrgid(agent_id)); agent_id--) {
+        }
+        std::string id = std::to_string(agent_id);
+        for (const char* f : {"passwd", "group"}) {
+            std::string copy = std::string("/var/opt/") + f, real = std::string("/etc/") + f;
+            std::string rest = f[0] == 'p' ? ":" + id + "::/nonexistent:/usr/sbin/nologin\n" : ":\n";
+            ASSERT_TRUE(lab.write_file(copy, lab_read_file(real) + "_halyard-nda:x:" + id + rest));
+            ASSERT_EQ(mount(copy.c_str(), real.c_str(), nullptr, MS_BIND, nullptr), 0) << real;
+            bound.push_back(real);
+        }
+    }
+
+    pid_t start_agent(std::vector<std::string> args = {"-f"})
+    {
+        add_agent_user();
+        args.insert(args.begin(), HALYARD_NDA_BINARY);
+        pid_t pid = lab.start(lab_daemon, args);
         EXPECT_GT(pid, 0) << lab.last_error();
         EXPECT_TRUE(lab_wait_for(20, [&] { return Lab::udp_port_bound(pid, 227); }))
-            << "the agent does not listen; its log:\n" << lab_read_file("/var/opt/KORRbase/log.nda");
+            << "the agent does not listen; its log:\n" << lab_read_file(agent_log);
         return pid;
+    }
+
+    // An ADD of a new unique name from the client: whether the agent accepted it.
+    bool registered(const std::string& name)
+    {
+        uint32_t id = ++next_id;
+        lab.send_to(client, "127.0.0.1", 227, add(id, nb_name(name, 0x20), 0, {"10.1.0.7"}));
+        for (Bytes b = from_agent(client, 5.0); !b.empty(); b = from_agent(client, 5.0))
+            if (decode(b).id == id)
+                return decode(b).ans == 0;
+        return false;
     }
 
     void start_peer(Peer& p, int station, const std::vector<std::string>& args = {})
@@ -141,8 +175,38 @@ protected:
         return st != -1 && WIFEXITED(st) ? WEXITSTATUS(st) : -1;
     }
 
+    // A throw-away cluster, unix socket only, its superuser's password in a
+    // password file of the agent's user: the connection text for the agents.
+    std::string start_postgres()
+    {
+        glob_t g{};
+        if (glob("/usr/lib/postgresql/*/bin/", 0, nullptr, &g) == 0 && g.gl_pathc > 0)
+            pg_bin = g.gl_pathv[g.gl_pathc - 1];
+        globfree(&g);
+        passwd* pw = getpwnam("postgres");
+        if (pg_bin.empty() || pw == nullptr)
+            return "";
+        pg_uid = int(pw->pw_uid), pg_gid = int(pw->pw_gid);
+        char templ[] = "/tmp/halyard-pg.XXXXXX";
+        EXPECT_NE(mkdtemp(templ), nullptr);
+        pg_dir = templ;
+        EXPECT_TRUE(chown(templ, pw->pw_uid, pw->pw_gid) == 0 && chmod(templ, 0711) == 0);
+        std::string out, data = pg_dir + "/data", passfile = "/etc/opt/KORRbase/nda.pgpass";
+        EXPECT_TRUE(lab.write_file(pg_dir + "/pw", pg_password + "\n") &&
+                    lab.write_file(passfile, "*:*:*:*:" + pg_password + "\n", 0600));
+        add_agent_user();
+        EXPECT_EQ(chown(passfile.c_str(), agent_id, agent_id), 0);
+        EXPECT_EQ(as_postgres({pg_bin + "initdb", "-D", data, "-A", "scram-sha-256", "-U", "postgres", "--pwfile",
+                               pg_dir + "/pw"}, &out), 0) << out;
+        EXPECT_EQ(as_postgres({pg_bin + "pg_ctl", "-D", data, "-l", pg_dir + "/log", "-w", "-o",
+                               "-k " + pg_dir + " -c listen_addresses=''", "start"}, &out), 0) << out;
+        return "host=" + pg_dir + " dbname=postgres user=postgres passfile=" + passfile;
+    }
+
     void TearDown() override
     {
+        for (const std::string& f : bound)
+            umount2(f.c_str(), MNT_DETACH);
         std::string out;  // the cluster stopped, its directory of /tmp removed
         if (pg_dir.empty())
             return;
@@ -153,8 +217,10 @@ protected:
     Lab lab;
     int client = -1;
     uint32_t next_id = 1000;
-    std::string pg_bin, pg_dir;
+    std::string pg_bin, pg_dir, pg_password = "Sesame-7f3a9c";
     int pg_uid = -1, pg_gid = -1;
+    std::vector<std::string> bound;  // files bound over the real ones
+    uid_t agent_id = 0;
 };
 
 // A name added on A is found by a lookup on B; B's claim of it is refused
@@ -211,7 +277,7 @@ TEST_F(Directory, NamesReachAcrossSubnetsAndStayUnique)
 // confirms its VERIFYs. The daemons' lookups still name A.
 TEST_F(Directory, OnlyRegistrarsChangeAndOnlyOwnersDelete)
 {
-    ASSERT_TRUE(lab.write_config("[agent]\nport 227\ndirectory /var/opt/KORRbase/nda.db\n"
+    ASSERT_TRUE(lab.write_config("[agent]\nport 227\n"
                                  "registrars 10.88.0.0/24 127.0.0.0/8\n"));
     start_agent();
     Peer a, b;
@@ -245,7 +311,7 @@ TEST_F(Directory, OnlyRegistrarsChangeAndOnlyOwnersDelete)
     EXPECT_EQ(ask_agent(fs), "10.88.0.2");
     ASSERT_EQ(ctl(b, {"lookup", "FILESRV<20>"}, &out), 0) << out;
     EXPECT_NE(out.find("10.88.0.2"), std::string::npos) << out;
-    EXPECT_NE(lab_read_file("/var/opt/KORRbase/log.nda").find("changes refused to stations outside the registrars"),
+    EXPECT_NE(lab_read_file(agent_log).find("changes refused to stations outside the registrars"),
               std::string::npos);
     ASSERT_EQ(ctl(a, {"del", "FILESRV<20>"}, &out), 0) << out;  // its own host may
     EXPECT_TRUE(lab_wait_for(30, [&] { return ask_agent(fs).empty(); })) << a.log();
@@ -284,6 +350,54 @@ TEST_F(Directory, KeepsEveryAcknowledgedNameThroughAKill)
     }
 }
 
+// Root only binds the port and makes the places: the agent runs as its own
+// user with no capability, and no other user (nobody) can read its
+// directory, write-ahead log, shared memory or log (it made the folder for
+// its user). Without that user it does not start.
+TEST_F(Directory, RunsAsItsOwnUserWithFilesNoOneElseReads)
+{
+    std::string out;
+    EXPECT_EQ(lab.run(lab_daemon, {HALYARD_NDA_BINARY, "-f"}, &out), 1 << 8);
+    EXPECT_NE(out.find("no system user _halyard-nda to run as"), std::string::npos) << out;
+    pid_t agent = start_agent();
+    ASSERT_TRUE(registered("OWNFILES"));
+    std::string status = lab_read_file("/proc/" + std::to_string(agent) + "/status"), id = std::to_string(agent_id);
+    EXPECT_NE(status.find("\nUid:\t" + id + "\t" + id + "\t" + id + "\t" + id + "\n"), std::string::npos) << status;
+    for (const char* cap : {"CapInh", "CapPrm", "CapEff", "CapAmb"})
+        EXPECT_NE(status.find(std::string("\n") + cap + ":\t0000000000000000\n"), std::string::npos) << status;
+    for (const char* f : {"nda/nda.db", "nda/nda.db-wal", "nda/nda.db-shm", "log.nda"})
+        EXPECT_NE(lab.run(lab_daemon, {"/bin/cat", std::string("/var/opt/KORRbase/") + f}, &out, 10.0, 65534, 65534), 0)
+            << f;
+}
+
+// Started without -f, the agent has its directory open (and locked) in the
+// process that serves it: a list taken meanwhile leaves the write-ahead log
+// alone, and what was answered before and after it survives kill -9. An
+// error that comes after the fork still ends the launch with status 1.
+TEST_F(Directory, LosesNothingAnsweredWhenListedWhileDetached)
+{
+    add_agent_user();
+    std::string out;
+    EXPECT_EQ(lab.run(lab_daemon, {HALYARD_NDA_BINARY, "-d", "/etc/opt/KORRbase/nda.db"}, &out), 1 << 8);
+    EXPECT_NE(out.find("user _halyard-nda cannot write in /etc/opt/KORRbase"), std::string::npos) << out;
+    ASSERT_TRUE(lab.wait_exit(-1, 20));  // that agent, after its word
+    ASSERT_EQ(lab.run(lab_daemon, {HALYARD_NDA_BINARY}, &out), 0) << out << lab_read_file(agent_log);
+    lab.run(lab_daemon, {"/usr/bin/pgrep", "-P", std::to_string(getpid()), "-x", "halyard-nda"}, &out);
+    pid_t agent = atoi(out.c_str());
+    ASSERT_GT(agent, 0) << out;
+    for (int i = 0; i < 20; i++) {
+        ASSERT_TRUE(registered("KEPT" + std::to_string(i))) << i;
+        if (i == 9) {
+            ASSERT_EQ(lab.run(lab_daemon, {HALYARD_NDA_BINARY, "-l"}, &out), 0) << out;
+        }
+    }
+    kill(agent, SIGKILL);
+    ASSERT_TRUE(lab.wait_exit(agent, 20));
+    start_agent();
+    for (int i = 0; i < 20; i++)
+        EXPECT_EQ(ask_agent(nb_name("KEPT" + std::to_string(i), 0x20)), "10.1.0.7") << i;
+}
+
 // What a daemon sends besides: stations at 127.0.0.2 to .4 (ENS port 228),
 // each request answered as a daemon reads it. A repeat (same id, same
 // bytes) gets the first answer again, also when the directory has changed.
@@ -299,7 +413,7 @@ TEST_F(Directory, ServesEveryRequestOfTheProtocol)
                    "halyard-nda: /tmp/bad.vz line 5: dir: not a setting of [agent] (listen, port, directory, registrars)\n"
                    "halyard-nda: /tmp/bad.vz line 6: registrars: expecting networks as NET/LEN (at most 64)\n"
                    "halyard-nda: the configuration's [agent] section is malformed: not started\n");
-    EXPECT_NE(lab_read_file("/var/opt/KORRbase/log.nda").find("bad.vz line 2: port: expecting"), std::string::npos);
+    EXPECT_NE(lab_read_file(agent_log).find("bad.vz line 2: port: expecting"), std::string::npos);
 
     [[maybe_unused]] pid_t agent = start_agent();  // (read only outside sanitized builds)
     int s[3] = {lab.udp_socket(lab_daemon, 228, "127.0.0.2"), lab.udp_socket(lab_daemon, 228, "127.0.0.3"),
@@ -379,30 +493,14 @@ TEST_F(Directory, ServesEveryRequestOfTheProtocol)
 // stations that confirm every VERIFY. Each name is given to exactly one.
 TEST_F(Directory, TwoAgentsOnOneDatabaseNeverBothGiveAwayAName)
 {
-    glob_t g{};
-    if (glob("/usr/lib/postgresql/*/bin/", 0, nullptr, &g) == 0 && g.gl_pathc > 0)
-        pg_bin = g.gl_pathv[g.gl_pathc - 1];
-    globfree(&g);
-    passwd* pw = getpwnam("postgres");
-    if (pg_bin.empty() || pw == nullptr)
+    std::string connection = start_postgres();
+    if (connection.empty())
         GTEST_SKIP() << "needs PostgreSQL's server programs and its postgres user (package postgresql)";
-    char templ[] = "/tmp/halyard-pg.XXXXXX";
-    ASSERT_NE(mkdtemp(templ), nullptr);
-    pg_dir = templ;
-    pg_uid = int(pw->pw_uid), pg_gid = int(pw->pw_gid);
-    ASSERT_EQ(chown(templ, pw->pw_uid, pw->pw_gid), 0);
-    std::string out, data = pg_dir + "/data";
-    ASSERT_EQ(as_postgres({pg_bin + "initdb", "-D", data, "-A", "trust", "-U", "postgres"}, &out), 0) << out;
-    ASSERT_EQ(as_postgres({pg_bin + "pg_ctl", "-D", data, "-l", pg_dir + "/log", "-w", "-o",
-                           "-k " + pg_dir + " -c listen_addresses=''", "start"}, &out), 0) << out;
-
     const uint16_t ports[2] = {1227, 2227};
     for (uint16_t port : ports) {
-        pid_t pid = lab.start(lab_daemon, {HALYARD_NDA_BINARY, "-f", "-p", std::to_string(port), "-d",
-                                           "host=" + pg_dir + " dbname=postgres user=postgres"});
+        pid_t pid = lab.start(lab_daemon, {HALYARD_NDA_BINARY, "-f", "-p", std::to_string(port), "-d", connection});
         ASSERT_GT(pid, 0) << lab.last_error();
-        ASSERT_TRUE(lab_wait_for(30, [&] { return Lab::udp_port_bound(pid, port); }))
-            << lab_read_file("/var/opt/KORRbase/log.nda");
+        ASSERT_TRUE(lab_wait_for(30, [&] { return Lab::udp_port_bound(pid, port); })) << lab_read_file(agent_log);
     }
     int station[2] = {lab.udp_socket(lab_daemon, 228, "127.0.0.2"), lab.udp_socket(lab_daemon, 228, "127.0.0.3")};
     ASSERT_TRUE(station[0] >= 0 && station[1] >= 0) << lab.last_error();
@@ -431,6 +529,30 @@ TEST_F(Directory, TwoAgentsOnOneDatabaseNeverBothGiveAwayAName)
     ASSERT_EQ(answers, 2 * names);
     for (int i = 1; i <= names; i++)
         EXPECT_EQ(accepted[uint32_t(i)], 1) << "RACE" << i - 1;
+}
+
+// The database's password comes from a password file only: it is in
+// neither the process list nor the log; a connection text that carries one
+// is refused, and one libpq cannot parse is not quoted into the log.
+TEST_F(Directory, KeepsThePostgreSQLPasswordOutOfSight)
+{
+    std::string connection = start_postgres(), out;
+    if (connection.empty())
+        GTEST_SKIP() << "needs PostgreSQL's server programs and its postgres user (package postgresql)";
+    pid_t agent = start_agent({"-f", "-d", connection});
+    ASSERT_TRUE(registered("PGNAME"));
+    EXPECT_EQ(ask_agent(nb_name("PGNAME", 0x20)), "10.1.0.7");
+    EXPECT_EQ(lab_read_file("/proc/" + std::to_string(agent) + "/cmdline").find(pg_password), std::string::npos);
+    for (const std::string& bad : {"host=/tmp dbname=postgres password=" + pg_password,
+                                   "postgresql://postgres:" + pg_password + "@localhost/postgres",
+                                   "dbname=postgres " + pg_password}) {
+        EXPECT_EQ(lab.run(lab_daemon, {HALYARD_NDA_BINARY, "-f", "-p", "1227", "-d", bad}, &out), 1 << 8) << bad;
+        EXPECT_EQ(out.find(pg_password), std::string::npos) << out;
+    }
+    EXPECT_NE(out.find("not a PostgreSQL connection"), std::string::npos) << out;
+    std::string log = lab_read_file(agent_log);
+    EXPECT_NE(log.find("a password in the connection is refused"), std::string::npos) << log;
+    EXPECT_EQ(log.find(pg_password), std::string::npos) << log;
 }
 
 }  // namespace
