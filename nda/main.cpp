@@ -17,6 +17,7 @@
 #include <string>
 
 #include "client/nsclient.h"
+#include "misc/enskey.h"
 #include "misc/initsock.h"
 #include "misc/pktasm.h"
 #include "nda/ndaserve.h"
@@ -64,7 +65,7 @@ const char* const USAGE =
     "              PostgreSQL connection (postgresql://... or \"host=... dbname=...\")\n"
     "  -c FILE     configuration file (default /etc/opt/KORRbase/config.vz); its\n"
     "              [agent] section may set listen, port and directory, which the\n"
-    "              options override\n"
+    "              options override, and key (a file shared with the daemons)\n"
     "  -z DIM=LEVEL, -z tracefile=FILE   trace, as the daemon's\n";
 
 volatile sig_atomic_t stop_sig = 0;
@@ -112,6 +113,8 @@ struct Settings {
     uint32_t listen = 0;
     int port = 0;
     std::string directory;
+    std::string key;  // the key file, read once the listing is ruled out
+    int key_line = 0;
 };
 Settings conf;
 
@@ -184,11 +187,35 @@ int set_directory(int, char**, int argc, char** argv, int line, const char*)
     return 0;
 }
 
+constexpr const char* KEY_WANTED = "one file of 64 hexadecimal digits that no other user may read";
+
+int set_key(int, char**, int argc, char** argv, int line, const char*)
+{
+    const char* v = one_value(argc, argv, line, KEY_WANTED);
+    if (v != nullptr && first_time(conf.key_line != 0, line, argv[0])) {
+        conf.key = v;
+        conf.key_line = line;
+    }
+    return 0;
+}
+
+// The key of [agent], read while still root; a key that cannot be used
+// stops the agent, as a malformed setting does.
+bool read_key()
+{
+    char why[256];
+    if (conf.key_line == 0 || ek_load(conf.key.c_str(), why, sizeof why) == 0)
+        return true;
+    std::string what = std::string(KEY_WANTED) + " (" + conf.key + " " + why + ")";
+    setting_error(conf.key_line, MSG_BAD_SETTING, "%s: %s line %d: %s: expecting %s", "key", what.c_str());
+    return false;
+}
+
 int unknown_setting(int, char**, int argc, char** argv, int line, const char*)
 {
     if (argc > 0)
         setting_error(line, MSG_UNKNOWN_SETTING, "%s: %s line %d: %s: not a setting of [agent]%s", argv[0],
-                      " (listen, port, directory)");
+                      " (listen, port, directory, key)");
     return 0;
 }
 
@@ -196,6 +223,7 @@ const vz_par_tabent agent_table[] = {
     {"listen", set_listen},
     {"port", set_port},
     {"directory", set_directory},
+    {"key", set_key},
     {"", unknown_setting},
     {nullptr, nullptr},
 };
@@ -285,7 +313,7 @@ int list_directory(const NdaStore* store, const char* db_path, bool json)
 // emptied.
 bool receive(int fd)
 {
-    static uint8_t bufs[RECV_BURST][ENS_AREA];
+    static uint8_t bufs[RECV_BURST][ENS_AREA + EK_SEAL_SIZE];
     static sockaddr_in sins[RECV_BURST];
     static iovec iov[RECV_BURST];
     static mmsghdr msgs[RECV_BURST];
@@ -312,7 +340,13 @@ bool receive(int fd)
             tc_printf("halyard-nda: got %zu bytes from %s --\n", n, uni_ntoa(&from));
             dump_bytes(tcfile, bufs[i], n);
         }
-        nda_datagram(bufs[i], int(n), &from, mono_ms(), int64_t(time(nullptr)));
+        const char* why = "";
+        int len = ek_open(bufs[i], int(n), ek_now_us(), &why);
+        if (len < 0) {
+            TRACE(proc, 1, "halyard-nda: %zu bytes from %s dropped: %s\n", n, uni_ntoa(&from), why);
+            continue;
+        }
+        nda_datagram(bufs[i], len, &from, mono_ms(), int64_t(time(nullptr)));
     }
     return got == RECV_BURST;
 }
@@ -386,6 +420,8 @@ int main(int argc, char* argv[])
     const NdaStore* store = is_connection(db_path) ? &nda_postgres : &nda_sqlite;
     if (list)
         return list_directory(store, db_path, json);
+    if (!read_key())
+        fail(1, "the key of [agent] cannot be used: not started");
 
     // The port the daemons are given: a host that runs both shares the file.
     if (port == 0 && access(config, R_OK) == 0)
