@@ -150,7 +150,8 @@ int ek_seal(uint8_t* out, int room, const uint8_t* bytes, int n, int64_t now_us)
         return n;
     if (n < 0 || room < EK_SEAL_SIZE || n > room - EK_SEAL_SIZE)
         return -1;
-    memmove(out, bytes, size_t(n));
+    if (n > 0)
+        memmove(out, bytes, size_t(n));
     for (int i = 0; i < STAMP_SIZE; i++)
         out[n + i] = uint8_t(uint64_t(now_us) >> (8 * i));
     crypto_auth(out + n + STAMP_SIZE, out, size_t(n + STAMP_SIZE), key);
