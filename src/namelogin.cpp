@@ -741,8 +741,8 @@ int do_ndaddr(int, char**, int argc, char** argv, int line, const char*)
 
 // The key is read at once, while the daemon is still root. A key that
 // cannot be used stops the daemon (main_init), unlike the other directives:
-// run without it, the daemon would speak to agents that drop every datagram
-// of its, or in the clear where the site asked for codes.
+// without it the daemon would talk in the clear where the site asked for
+// codes, to agents that drop whatever comes without one.
 int do_ndkey(int, char**, int argc, char** argv, int line, const char*)
 {
     char why[NOTE_SIZE];
