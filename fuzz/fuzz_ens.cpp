@@ -5,14 +5,20 @@
 // Input: one option byte, then the datagram (at most 1500 bytes).
 //   bit 0  the sender is a stranger, not the agent
 //   bit 1  every trace level at 9
+//   bit 2  a key on the daemon: the datagram arrives sealed with it
+//   bit 3  with bit 2, the datagram as given (its last 40 bytes the trailer)
 // An id field below 16 is taken as an index: the id of the waiting command
 // made that many commands after the input began (1 to 7 are the waiting
 // ones), so that responses can find their command.
 #include <arpa/inet.h>
+#include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include "fuzz/fuzzenv.h"
 
+#include "misc/enskey.h"
 #include "nmtrace.h"
 #include "shr/uniinet.h"
 #include "src/cust.h"
@@ -29,6 +35,7 @@
 
 namespace {
 
+constexpr const char* KEY_PATH = "/var/opt/KORRbase/fuzz.key";  // in the private places
 uint8_t query_area[NPKT_AREA];
 uint8_t claim_area[NPKT_AREA];
 npkt query_pkt, claim_pkt;
@@ -92,6 +99,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
     nda_addr[0] = inet_addr("10.88.0.200");
     nda_ct = 1;
     make_packets();
+    int fd = open(KEY_PATH, O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const char hex[] = "00112233445566778899aabbccddeeff00112233445566778899aabbccddeeff\n";
+    if (fd < 0 || write(fd, hex, sizeof hex - 1) != ssize_t(sizeof hex - 1) || close(fd) != 0)
+        abort();
     return 0;
 }
 
@@ -121,10 +132,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                 bytes[4 + i] = uint8_t(id >> (8 * i));
         }
     }
+    char why[128];
+    if ((opt & 4) && ek_load(KEY_PATH, why, sizeof why) < 0)
+        abort();
+    if ((opt & 12) == 4) {
+        // Sealed into a buffer of exactly its size, so a read past it is seen.
+        auto* sealed = new uint8_t[len + EK_SEAL_SIZE];
+        len = size_t(ek_seal(sealed, int(len + EK_SEAL_SIZE), bytes, int(len), ek_now_us()));
+        delete[] bytes;
+        bytes = sealed;
+    }
     UniAddr sender{};
     iantoua(&sender, (opt & 1) ? inet_addr("10.88.0.99") : nda_addr[0], ndport);
     ens_recv(ens_fd, bytes, int(len), &sender);
     delete[] bytes;
+    ek_clear();
 
     rm_lu(1);
     fz_end_input(70);   // retries, waits and cached answers run out

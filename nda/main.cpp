@@ -24,6 +24,7 @@
 #include <string>
 
 #include "client/nsclient.h"
+#include "misc/enskey.h"
 #include "misc/initsock.h"
 #include "misc/pktasm.h"
 #include "nda/ndaserve.h"
@@ -76,7 +77,7 @@ const char* const USAGE =
     "              PostgreSQL connection (postgresql://... or \"host=... dbname=...\")\n"
     "  -c FILE     configuration file (default /etc/opt/KORRbase/config.vz); its\n"
     "              [agent] section may set listen, port and directory, which the\n"
-    "              options override, and registrars\n"
+    "              options override, registrars and key (a file shared with the daemons)\n"
     "  -z DIM=LEVEL, -z tracefile=FILE   trace, as the daemon's\n";
 
 volatile sig_atomic_t stop_sig = 0;
@@ -221,6 +222,8 @@ struct Settings {
     std::string directory;
     int registrar_ct = -1;  // -1: not set
     NdaNet registrars[NDA_MAX_REGISTRARS] = {};
+    std::string key;  // the key file, read once the listing is ruled out
+    int key_line = 0;
 };
 Settings conf;
 
@@ -348,11 +351,35 @@ int interface_networks(NdaNet* out, int room)
     return n;
 }
 
+constexpr const char* KEY_WANTED = "one file of 64 hexadecimal digits that no other user may read";
+
+int set_key(int, char**, int argc, char** argv, int line, const char*)
+{
+    const char* v = one_value(argc, argv, line, KEY_WANTED);
+    if (v != nullptr && first_time(conf.key_line != 0, line, argv[0])) {
+        conf.key = v;
+        conf.key_line = line;
+    }
+    return 0;
+}
+
+// The key of [agent], read while still root; a key that cannot be used
+// stops the agent, as a malformed setting does.
+bool read_key()
+{
+    char why[256];
+    if (conf.key_line == 0 || ek_load(conf.key.c_str(), why, sizeof why) == 0)
+        return true;
+    std::string what = std::string(KEY_WANTED) + " (" + conf.key + " " + why + ")";
+    setting_error(conf.key_line, MSG_BAD_SETTING, "%s: %s line %d: %s: expecting %s", "key", what.c_str());
+    return false;
+}
+
 int unknown_setting(int, char**, int argc, char** argv, int line, const char*)
 {
     if (argc > 0)
         setting_error(line, MSG_UNKNOWN_SETTING, "%s: %s line %d: %s: not a setting of [agent]%s", argv[0],
-                      " (listen, port, directory, registrars)");
+                      " (listen, port, directory, registrars, key)");
     return 0;
 }
 
@@ -361,6 +388,7 @@ const vz_par_tabent agent_table[] = {
     {"port", set_port},
     {"directory", set_directory},
     {"registrars", set_registrars},
+    {"key", set_key},
     {"", unknown_setting},
     {nullptr, nullptr},
 };
@@ -450,7 +478,7 @@ int list_directory(const NdaStore* store, const char* db_path, bool json)
 // emptied.
 bool receive(int fd)
 {
-    static uint8_t bufs[RECV_BURST][ENS_AREA];
+    static uint8_t bufs[RECV_BURST][ENS_AREA + EK_SEAL_SIZE];
     static sockaddr_in sins[RECV_BURST];
     static iovec iov[RECV_BURST];
     static mmsghdr msgs[RECV_BURST];
@@ -477,7 +505,13 @@ bool receive(int fd)
             tc_printf("halyard-nda: got %zu bytes from %s --\n", n, uni_ntoa(&from));
             dump_bytes(tcfile, bufs[i], n);
         }
-        nda_datagram(bufs[i], int(n), &from, mono_ms(), int64_t(time(nullptr)));
+        const char* why = "";
+        int len = ek_open(bufs[i], int(n), ek_now_us(), &why);
+        if (len < 0) {
+            TRACE(proc, 1, "halyard-nda: %zu bytes from %s dropped: %s\n", n, uni_ntoa(&from), why);
+            continue;
+        }
+        nda_datagram(bufs[i], len, &from, mono_ms(), int64_t(time(nullptr)));
     }
     // One commit for the wake-up's changes, then their answers.
     nda_flush(mono_ms(), int64_t(time(nullptr)));
@@ -561,6 +595,8 @@ int main(int argc, char* argv[])
     const NdaStore* store = is_connection(db_path) ? &nda_postgres : &nda_sqlite;
     if (list)
         return list_directory(store, db_path, json);
+    if (!read_key())
+        fail(1, "the key of [agent] cannot be used: not started");
 
     // The port the daemons are given: a host that runs both shares the file.
     if (port == 0 && access(config, R_OK) == 0)

@@ -94,6 +94,7 @@ void print_settings()
     for (int i = 0; i < nda_ct; i++)
         fprintf(o, " %s", dotted(nda_addr[i]));
     fprintf(o, "\n");
+    fprintf(o, "  %-16s %s\n", "ENS key", nda_key[0] != '\0' ? nda_key : "none: ENS datagrams without a code");
     fprintf(o, "  %-16s %s\n", "ENS client", ens_client != 0 ? "on" : "off");
     fprintf(o, "  %-16s %s\n", "scope", nb_scope[0] != '\0' ? nb_scope : "none");
     fprintf(o, "  %-16s %s\n", "bcast-style", dotted(broadcast_addr));

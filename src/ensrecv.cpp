@@ -2,12 +2,14 @@
 
 #include <cstring>
 
+#include "misc/enskey.h"
 #include "misc/nencode.h"
 #include "misc/pktdis.h"
 #include "nmtrace.h"
 #include "shr/fxdump.h"
 #include "shr/logging.h"
 #include "shr/uniconv.h"
+#include "shr/uniinet.h"
 #include "src/cache.h"
 #include "src/cust.h"
 #include "src/delay.h"
@@ -15,6 +17,7 @@
 #include "src/ens.h"
 #include "src/enstable.h"
 #include "src/maininit.h"
+#include "src/namelogin.h"
 #include "src/nbndgio.h"
 #include "src/ntable.h"
 #include "src/service.h"
@@ -30,6 +33,23 @@ bool own_address(uint32_t address)
 {
     const EnsAddr* a = ens_a_lookup(address);
     return a != nullptr && a->host == nullptr;
+}
+
+// Whether sender is one of the agents nda_addr[0..upto], at the agents'
+// port. Beyond the plain protocol, which takes an answer from anyone whose
+// id matches: ids count from 1, so any station could answer for the agents,
+// poison lookups and take a local name away with a forged refusal.
+bool from_agent(const UniAddr* sender, int upto)
+{
+    uint32_t a = 0;
+    int32_t port = 0;
+    if (uatoian(&a, &port, sender) < 0 || port != ndport)
+        return false;
+    for (int i = 0; i <= upto && i < nda_ct && i < MAX_NDA; i++) {
+        if (nda_addr[i] == a)
+            return true;
+    }
+    return false;
 }
 
 // The body of a positive QUERY response and of an ADD refusal: int group,
@@ -247,6 +267,13 @@ int ens_recv(int /*fd*/, const uint8_t* bytes, int length, const UniAddr* sender
         dump_bytes(tcfile, bytes, length > 0 ? size_t(length) : 0);
         fflush(tcfile);
     }
+    const char* why = "";
+    int sealed = length;
+    length = ek_open(bytes, length, ek_now_us(), &why);
+    if (length < 0) {
+        TRACE(proc, 1, "ens_recv: %d bytes from %s dropped: %s\n", sealed, uni_ntoa(sender), why);
+        return 0;
+    }
     int r = pktd_hdr(bytes, length);
     if (r < 0) {
         TRACE(proc, 1, "ens_recv: pktd_hdr returned %d\n", r);
@@ -260,6 +287,11 @@ int ens_recv(int /*fd*/, const uint8_t* bytes, int length, const UniAddr* sender
             TRACE(proc, 1, "ens_recv: no corresponding request\n");
             return 0;
         }
+        // Only from an agent the command went to: those before the one now tried too.
+        if (!from_agent(sender, rec->nda_index)) {
+            TRACE(proc, 1, "ens_recv: response from %s, not an agent asked: dropped\n", uni_ntoa(sender));
+            return 0;
+        }
         handle_response(rec);
         // Queries merged into this one get the same answer, each read anew.
         for (const DelayCmd* m = rec->merged; m != nullptr; m = m->merged) {
@@ -267,8 +299,10 @@ int ens_recv(int /*fd*/, const uint8_t* bytes, int length, const UniAddr* sender
                 handle_response(m);
         }
         rm_delay(rec);
-    } else {
+    } else if (from_agent(sender, nda_ct - 1)) {
         handle_request(sender, pk_id);
+    } else {
+        TRACE(proc, 1, "ens_recv: request from %s, not an agent: dropped\n", uni_ntoa(sender));
     }
     return 0;
 }

@@ -345,6 +345,7 @@ constexpr const char* LOG_PATH = "/var/opt/KORRbase/log.nb";
 constexpr int MSG_NOTROOT = 198;
 constexpr int MSG_NOPID = 201;
 constexpr int MSG_STARTING = 203;
+constexpr int MSG_NO_KEY = 566;
 
 // system "*", realm "NB", program "Halyard"
 char k_system[] = "system", v_any[] = "*";
@@ -503,6 +504,11 @@ int main_init(int argc, char* argv[])
 
     if (namelogin(CONFIG_PATH) < 0) {
         TRACE(proc, 1, "%s: namelogin failed\n", prog);
+        exit(1);
+    }
+    if (nda_key_bad) {
+        log_catmsg(LOG_SET, MSG_NO_KEY, "%s: the NB-nd-key file cannot be used: not started", prog);
+        TRACE(proc, 1, "%s: the NB-nd-key file cannot be used\n", prog);
         exit(1);
     }
     if (prepare_addresses() < 0) {

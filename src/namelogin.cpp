@@ -9,6 +9,7 @@
 #include <grp.h>
 #include <sys/stat.h>
 
+#include "misc/enskey.h"
 #include "nmtrace.h"
 #include "shr/logging.h"
 #include "shr/uniconv.h"
@@ -28,6 +29,8 @@ uint32_t broadcast_addr = 0;
 char nb_scope[256] = "";
 int client_gid = -1;
 int wildcard_status = 0;
+char nda_key[256] = "";
+int nda_key_bad = 0;
 
 namespace {
 
@@ -58,6 +61,7 @@ constexpr int MSG_IF_NOADDR = 205;
 constexpr int MSG_WANT_TRANSPORT = 206;
 constexpr int MSG_EMPTY = 532;
 constexpr int MSG_WANT_GROUP = 542;
+constexpr int MSG_KEY = 565;
 
 // Flags of a working interface row.
 constexpr uint32_t IF_ADDR = 1;
@@ -293,7 +297,7 @@ const char* known_directives(char** tag)
     if (strcmp(tag[0], "interface") == 0)
         return "ignored: an interface section knows address, broadcast and netmask";
     return "ignored: [transport tcpip] knows NB-scope, NB-name-port, NB-session-port, "
-           "NB-ens-port, NB-ensclient, NB-nd-addr, NB-nd-port, NB-wildcard-status and "
+           "NB-ens-port, NB-ensclient, NB-nd-addr, NB-nd-port, NB-nd-key, NB-wildcard-status and "
            "bcast-style";
 }
 
@@ -323,6 +327,7 @@ const vz_par_tabent transport_table[] = {
     {"NB-ensclient", do_ensclient},
     {"NB-nd-addr", do_ndaddr},
     {"NB-nd-port", do_ndport},
+    {"NB-nd-key", do_ndkey},
     {"bcast-style", do_bcaststyle},
     {"NB-wildcard-status", do_wildstat},
     {"", do_dontcare},
@@ -440,6 +445,9 @@ void name_settings_clear()
     nb_scope[0] = '\0';
     client_gid = -1;
     wildcard_status = 0;
+    nda_key[0] = '\0';
+    nda_key_bad = 0;
+    ek_clear();
 }
 
 int parse_err(int, char**, int line, const char* message, const char* saved)
@@ -728,6 +736,36 @@ int do_ndaddr(int, char**, int argc, char** argv, int line, const char*)
         nda_addr[nda_ct++] = a;
         TRACE(proc, 3, "do_ndaddr: %s\n", argv[i]);
     }
+    return 0;
+}
+
+// The key is read at once, while the daemon is still root. A key that
+// cannot be used stops the daemon (main_init), unlike the other directives:
+// without it the daemon would talk in the clear where the site asked for
+// codes, to agents that drop whatever comes without one.
+int do_ndkey(int, char**, int argc, char** argv, int line, const char*)
+{
+    char why[NOTE_SIZE];
+    if (nda_key[0] != '\0') {
+        snprintf(why, sizeof why, "already set (the first is kept)");
+    } else if (argc != 2 || strlen(argv[1]) >= sizeof nda_key) {
+        snprintf(why, sizeof why, "expecting one key file");
+        nda_key_bad = 1;
+    } else {
+        char reason[NOTE_SIZE];
+        if (ek_load(argv[1], reason, sizeof reason) == 0) {
+            memcpy(nda_key, argv[1], strlen(argv[1]) + 1);
+            TRACE(proc, 3, "do_ndkey: %s\n", nda_key);
+            return 0;
+        }
+        snprintf(why, sizeof why, "%.100s %.120s", argv[1], reason);
+        nda_key_bad = 1;
+    }
+    bad_line(line);
+    log_catmsg(LOG_SET, MSG_KEY, "    NB-nd-key: %s", why);
+    char want[2 * NOTE_SIZE];
+    snprintf(want, sizeof want, "one file of 64 hexadecimal digits that no other user may read (%s)", why);
+    note(true, line, want);
     return 0;
 }
 

@@ -31,6 +31,11 @@ extern int client_gid;          // the FIFOs' and lock file's group; -1: open to
 // Non-zero: a node-status request for the wildcard name "*" is answered
 // with the whole name table (NB-wildcard-status on; off by default).
 extern int wildcard_status;
+// NB-nd-key: the file whose key seals every ENS datagram ("" for none),
+// and whether the directive named one that cannot be used (the daemon then
+// does not start).
+extern char nda_key[256];
+extern int nda_key_bad;
 
 // Reads the configuration file at path into the settings above, logging
 // every bad directive with its line; returns 0 in every case. Meant to run
@@ -70,6 +75,7 @@ int do_ensport(int npat, char** tag, int argc, char** argv, int line, const char
 int do_ensclient(int npat, char** tag, int argc, char** argv, int line, const char* comment);
 int do_ndaddr(int npat, char** tag, int argc, char** argv, int line, const char* comment);
 int do_ndport(int npat, char** tag, int argc, char** argv, int line, const char* comment);
+int do_ndkey(int npat, char** tag, int argc, char** argv, int line, const char* comment);
 int do_wildstat(int npat, char** tag, int argc, char** argv, int line, const char* comment);
 int do_bcaststyle(int npat, char** tag, int argc, char** argv, int line, const char* comment);
 

@@ -285,6 +285,52 @@ TEST_F(EnsLab, VerifyAndEquivRequestsOfTheAgent)
     EXPECT_FALSE(agent.next(4.0, ndasim::equiv).has_value());
 }
 
+// Only the agent a command went to may answer it, and only an agent may
+// ask: a station that forges answers for every likely id (they count from
+// 1), from its own address at the agent port or from the agent's address at
+// another port, neither poisons a lookup nor takes a name away, and its
+// VERIFY and EQUIV requests are not acted on.
+TEST_F(EnsLab, OnlyTheAgentAskedIsHeard)
+{
+    using ndasim::cat, ndasim::int_item, ndasim::ip_item, ndasim::response_bit;
+    Agent agent;
+    int station = -1;
+    ASSERT_TRUE(start_with_agent(agent, station));
+    const int forgers[2] = {lab.udp_socket(lab_station1, 227, "10.88.0.2"),
+                            lab.udp_socket(lab_station1, 1227, "10.88.0.5")};
+    ASSERT_TRUE(forgers[0] >= 0 && forgers[1] >= 0) << lab.last_error();
+    auto forge = [&](const Bytes& d) {
+        for (int f : forgers)
+            ASSERT_TRUE(lab.send_to(f, "10.88.0.1", 228, d));
+    };
+    // Our name's ADD and a station's query for FAR wait at the agent.
+    ASSERT_EQ(lab.halyardctl({"add", "mine<20>"}), 0);
+    auto add = agent.next(20.0, ndasim::add);
+    ASSERT_TRUE(lab.send_to(station, "10.88.0.255", 137,
+                            ns_packet(0x0a0a, 1, 0x10, {1, 0, 0, 0}, nb("FAR"), {0}, {0, 0x20, 0, 1})));
+    auto query = agent.next(20.0, ndasim::query);
+    ASSERT_TRUE(add && query) << lab.trace();
+    for (uint32_t id = 1; id <= 40; ++id) {
+        forge(ndasim::datagram(id, ndasim::add | response_bit, -1, 0, cat({int_item(0), ip_item("10.88.0.66")})));
+        forge(ndasim::datagram(id, ndasim::query | response_bit, 0, 0,
+                               cat({int_item(0), int_item(1), ip_item("10.88.0.66")})));
+    }
+    forge(cat({ndasim::header(77, ndasim::verify), ndasim::name_item(nb("mine")), ip_item("10.88.0.1")}));
+    forge(cat({ndasim::header(78, ndasim::equiv), ndasim::addr_list({"10.88.0.66"})}));
+
+    ASSERT_TRUE(agent.reply_add_accepted(*add));
+    ASSERT_TRUE(agent.reply(*query, 0, 0, cat({int_item(0), int_item(1), ip_item("10.88.0.7")})));
+    ASSERT_TRUE(sync(agent, 9201, "mine", 0));  // all of it read, and the name still ours
+    EXPECT_FALSE(agent.next(0.5, ndasim::equiv).has_value());
+    for (int f : forgers)
+        EXPECT_FALSE(lab.recv(f, 0.5).has_value());
+    std::string out;
+    EXPECT_EQ(lab.halyardctl({"lookup", "FAR<20>"}, &out), 0) << out;
+    EXPECT_NE(out.find("10.88.0.7"), std::string::npos) << out;
+    EXPECT_EQ(lab.log().find("already exists"), std::string::npos) << lab.log();
+    EXPECT_NE(lab.trace().find("not an agent asked: dropped"), std::string::npos);
+}
+
 TEST_F(EnsLab, HostsAreLearnedFromStatusAnswersAndForgottenByTheirReleases)
 {
     Agent agent;

@@ -7,12 +7,14 @@
 #include "tests/support/ndasim.h"
 #include "tests/support/paths.h"
 
+#include <arpa/inet.h>
 #include <glob.h>
 #include <gtest/gtest.h>
 #include <grp.h>
 #include <pwd.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sodium.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -44,6 +46,30 @@ Bytes query(uint32_t id, const Bytes& name)
 Bytes answer(uint32_t id, int32_t action, int32_t ans, const Bytes& body = {})
 {
     return datagram(id, uint32_t(action) | response_bit, ans, 0, body);
+}
+
+// The shared key of the keyed test, and a datagram sealed with it as its
+// holders seal it: the stamp (microseconds, least significant byte first),
+// then HMAC-SHA512-256 of the datagram and the stamp.
+const std::string key_path = "/etc/opt/KORRbase/ens.key";
+const std::string key_hex = "000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f\n";
+
+int64_t now_us()
+{
+    return std::chrono::duration_cast<std::chrono::microseconds>(
+               std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+Bytes sealed(Bytes d, int64_t stamp_us = now_us())
+{
+    uint8_t key[crypto_auth_KEYBYTES], code[crypto_auth_BYTES];
+    for (size_t i = 0; i < sizeof key; i++)
+        key[i] = uint8_t(i);
+    for (int i = 0; i < 8; i++)
+        d.push_back(uint8_t(uint64_t(stamp_us) >> (8 * i)));
+    crypto_auth(code, d.data(), d.size(), key);
+    d.insert(d.end(), code, code + sizeof code);
+    return d;
 }
 
 // A daemon on a station, in a mount namespace of its own (held by a
@@ -108,7 +134,7 @@ protected:
         return false;
     }
 
-    void start_peer(Peer& p, int station, const std::vector<std::string>& args = {})
+    void start_peer(Peer& p, int station, const std::vector<std::string>& args = {}, bool with_key = false)
     {
         p.station = station;
         p.holder = lab.start(LabSide(station),
@@ -121,8 +147,10 @@ protected:
         std::string net = station == 2 ? "10.89.0." : "10.88.0.";
         std::string config = "[realm NB]\ntransport tcpip\n\n[interface tcpip hs" + std::to_string(station - 1) +
                              "]\naddress " + net + "2\nnetmask 255.255.255.0\nbroadcast " + net +
-                             "255\n\n[transport tcpip]\nNB-nd-addr " + net + "1\n";
+                             "255\n\n[transport tcpip]\nNB-nd-addr " + net + "1\n" +
+                             (with_key ? "NB-nd-key " + key_path + "\n" : "");
         ASSERT_TRUE(lab.write_file(p.root() + lab_config_path, config)) << lab.last_error();
+        ASSERT_TRUE(!with_key || lab.write_file(p.root() + key_path, key_hex, 0600)) << lab.last_error();
         std::vector<std::string> argv{halyard_binary()};
         argv.insert(argv.end(), args.begin(), args.end());
         std::string out;
@@ -159,7 +187,7 @@ protected:
     std::string ask_agent(const Bytes& name)
     {
         uint32_t id = ++next_id;
-        lab.send_to(client, "127.0.0.1", 227, query(id, name));
+        lab.send_to(client, "127.0.0.1", 227, keyed ? sealed(query(id, name)) : query(id, name));
         for (Bytes b = from_agent(client, 5.0); !b.empty(); b = from_agent(client, 5.0)) {
             Reader r(b);
             r.at = 24;  // past the header and the group flag: the marker, the ip
@@ -221,6 +249,7 @@ protected:
     int pg_uid = -1, pg_gid = -1;
     std::vector<std::string> bound;  // files bound over the real ones
     uid_t agent_id = 0;
+    bool keyed = false;  // ask_agent seals its queries
 };
 
 // A name added on A is found by a lookup on B; B's claim of it is refused
@@ -315,6 +344,53 @@ TEST_F(Directory, OnlyRegistrarsChangeAndOnlyOwnersDelete)
               std::string::npos);
     ASSERT_EQ(ctl(a, {"del", "FILESRV<20>"}, &out), 0) << out;  // its own host may
     EXPECT_TRUE(lab_wait_for(30, [&] { return ask_agent(fs).empty(); })) << a.log();
+}
+
+// With the key on every side a name added on A is found from B through the
+// agent. A datagram without the key's code, with a wrong one, stamped a
+// minute ago or sent a second time is dropped, by the agent and by a daemon.
+TEST_F(Directory, WithAKeyOnlyItsHoldersAreHeard)
+{
+    ASSERT_TRUE(lab.write_file(key_path, key_hex, 0600));
+    ASSERT_TRUE(lab.write_config("[agent]\nport 227\nkey " + key_path + "\n"));
+    start_agent({"-f", "-z", "proc=1", "-z", "tracefile=nda.trc"});
+    keyed = true;
+    Peer a, b;
+    start_peer(a, 1, {"-z", "proc=3"}, true);
+    start_peer(b, 2, {}, true);
+    std::string out;
+    const Bytes fs = nb_name("FILESRV", 0x20);
+    ASSERT_EQ(ctl(a, {"add", "FILESRV<20>"}, &out), 0) << out;
+    ASSERT_TRUE(lab_wait_for(30, [&] { return ask_agent(fs) == "10.88.0.2"; })) << a.log();
+    ASSERT_EQ(ctl(b, {"lookup", "FILESRV<20>"}, &out), 0) << out;
+    EXPECT_NE(out.find("10.88.0.2"), std::string::npos) << out;
+
+    // Each of these is dropped; the good query after them is the first answered.
+    uint32_t id = next_id += 10;
+    Bytes good = sealed(query(id, fs)), wrong = sealed(query(id + 1, fs));
+    wrong.back() ^= 1;
+    for (const Bytes& d : {good, query(id + 2, fs), wrong, sealed(query(id + 3, fs), now_us() - 60000000), good,
+                           sealed(query(id + 4, fs))})
+        ASSERT_TRUE(lab.send_to(client, "127.0.0.1", 227, d));
+    EXPECT_EQ(decode(from_agent(client)).id, id);
+    EXPECT_EQ(decode(from_agent(client)).id, id + 4);
+    for (const char* why : {"wrong code", "stamped outside the time window", "seen before"})
+        EXPECT_NE(lab.trace("nda.trc").find(std::string("dropped: ") + why), std::string::npos) << why;
+
+    // A VERIFY as from the agent (its address and port): with a wrong code
+    // dropped, with the right one answered.
+    int raw = lab.raw_socket(lab_daemon);
+    Bytes verify = sealed(cat({header(7, ndasim::verify), name_item(fs), ip_item("10.88.0.2")}));
+    for (bool forged : {true, false}) {
+        verify.back() ^= uint8_t(forged);
+        ASSERT_TRUE(lab.send_raw_udp(raw, inet_addr("10.88.0.1"), 227, inet_addr("10.88.0.2"), 228, verify));
+        verify.back() ^= uint8_t(forged);
+    }
+    const std::string trace = a.root() + "/opt/KORRlibs/halyard.trc";
+    ASSERT_TRUE(lab_wait_for(20, [&] { return lab_read_file(trace).find("verify_req called") != std::string::npos; }));
+    std::string t = lab_read_file(trace);
+    EXPECT_NE(t.find("dropped: wrong code"), std::string::npos) << t;
+    EXPECT_EQ(t.find("verify_req called"), t.rfind("verify_req called")) << t;
 }
 
 // kill -9 of the agent while a daemon's claims stream in: every name whose
@@ -414,6 +490,12 @@ TEST_F(Directory, ServesEveryRequestOfTheProtocol)
                    "halyard-nda: /tmp/bad.vz line 6: registrars: expecting networks as NET/LEN (at most 64)\n"
                    "halyard-nda: the configuration's [agent] section is malformed: not started\n");
     EXPECT_NE(lab_read_file(agent_log).find("bad.vz line 2: port: expecting"), std::string::npos);
+    // Nor with a key that other users can read.
+    ASSERT_TRUE(lab.write_file("/tmp/open.key", key_hex, 0644) && lab.write_file("/tmp/key.vz", "[agent]\nkey /tmp/open.key\n"));
+    EXPECT_EQ(lab.run(lab_daemon, {HALYARD_NDA_BINARY, "-f", "-c", "/tmp/key.vz"}, &out), 1 << 8);
+    EXPECT_EQ(out, "halyard-nda: /tmp/key.vz line 2: key: expecting one file of 64 hexadecimal digits that no other "
+                   "user may read (/tmp/open.key is open to other users (mode 0644): make it 0600)\n"
+                   "halyard-nda: the key of [agent] cannot be used: not started\n");
 
     [[maybe_unused]] pid_t agent = start_agent();  // (read only outside sanitized builds)
     int s[3] = {lab.udp_socket(lab_daemon, 228, "127.0.0.2"), lab.udp_socket(lab_daemon, 228, "127.0.0.3"),

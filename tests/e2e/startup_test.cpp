@@ -172,6 +172,12 @@ TEST_F(Startup, FailedStartsSayWhyAndLeaveNothingBehind)
         {"no inode for the FIFOs", [&] { return mount_tiny("nr_inodes=16") && take_inodes(); },
          [&] { return unmount_tiny(); }, -1, 0, 0,
          {"Halyard: cannot start notifier process: Error creating/opening FIFOs"}},
+        {"a key file that other users can read",
+         [&] { return lab.write_file("/etc/opt/KORRbase/ens.key", std::string(64, '0'), 0644) &&
+                      lab.write_config(lab.default_config() + "NB-nd-key /etc/opt/KORRbase/ens.key\n"); },
+         [&] { return lab.write_config(lab.default_config()); }, -1, 0, 1,
+         {"    NB-nd-key: /etc/opt/KORRbase/ens.key is open to other users (mode 0644): make it 0600",
+          "Halyard: the NB-nd-key file cannot be used: not started"}},
         {"no home directory: it cannot be examined",
          [] { return rmdir("/opt/KORRlibs/lib") == 0 && rmdir(lab_home) == 0; }, make_home, -1, 1, -1, {}},
         {"a plain file as home: no change into it",

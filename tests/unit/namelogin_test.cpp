@@ -3,6 +3,9 @@
 #include <arpa/inet.h>
 
 #include <string>
+#include <sys/stat.h>
+#include <tuple>
+#include <unistd.h>
 #include <vector>
 
 #include "src/namelogin.h"
@@ -23,7 +26,8 @@ std::string settings()
         s += " " + dotted(a);
     for (int i = 0; i < my_addr_ct; i++)
         s += " " + dotted(my_addr[i].addr) + "/" + dotted(my_addr[i].bcast) + "/" + dotted(my_addr[i].mask);
-    return s + " '" + nb_scope + "'";
+    return s + " '" + nb_scope + "'" + (nda_key[0] != '\0' ? std::string(" key ") + nda_key : "") +
+           (nda_key_bad ? " (bad key)" : "");
 }
 
 // The logged messages of reading text as the configuration file.
@@ -53,6 +57,12 @@ TEST(NameLogin, EachFileItsSettingsAndLog)
         eleven += " 10.0.1." + std::to_string(i);
     const std::string port = "    expecting positive port number", onoff = "    expecting on/off";
     const std::string scope = "    expecting valid scope name", many = "Halyard: too many NB-nd-addr's in config file";
+    // Key files: good, open to others, of the wrong length.
+    const std::string key = "/tmp/halyard-unit-key-" + std::to_string(getpid()), hex(64, 'a');
+    for (auto [path, text, mode] : {std::tuple{key, " " + hex + "\n", 0600}, {key + "o", hex, 0644}, {key + "s", "abc", 0600}}) {
+        FILE* f = fopen(path.c_str(), "w");
+        ASSERT_TRUE(f != nullptr && fputs(text.c_str(), f) >= 0 && fclose(f) == 0 && chmod(path.c_str(), mode) == 0);
+    }
     const struct { std::string text, settings; Lines log; } cases[] = {
         {"[interface tcpip eth0]\naddress 10.1.2.3\n[transport tcpip]\nNB-name-port 2\n[realm NB]\ntransport vznbu\n",
          "01 0 0 0 0 0 0 0 0 - - - - ''", {}},
@@ -79,6 +89,13 @@ TEST(NameLogin, EachFileItsSettingsAndLog)
          "10 0 0 0 0 0 0 1 0 - 10.0.0.1 - - ''",
          {"Halyard: Ignoring empty NB-nd-addr directive, line 4", err(5), "    expecting IP address", many,
           "    ignoring"}},
+        {head + "NB-nd-key /nonexistent\nNB-nd-key " + key + "o\nNB-nd-key " + key + "s\nNB-nd-key " + key +
+             "\nNB-nd-key " + key + "\nNB-nd-key\n",
+         "10 0 0 0 0 0 0 0 0 - - - - '' key " + key + " (bad key)",
+         {err(4), "    NB-nd-key: /nonexistent cannot be read (No such file or directory)", err(5),
+          "    NB-nd-key: " + key + "o is open to other users (mode 0644): make it 0600", err(6),
+          "    NB-nd-key: " + key + "s does not hold 64 hexadecimal digits", err(8),
+          "    NB-nd-key: already set (the first is kept)", err(9), "    NB-nd-key: already set (the first is kept)"}},
         {"[realm NB]\ntransport tcpip\n[interface tcpip eth0]\naddress 10.1.2.3\nbroadcast 10.1.2.255\n"
          "[interface tcpip eth1]\nnetmask 255.255.0.0\n[interface tcpip eth0]\naddress 10.9.9.9\nnetmask 255.255.255.0\n"
          "netmask 255.0.0.0\nbroadcast x\nmtu 1500\n[interface tcpip ETH0]\naddress 192.168.7.1\n"
@@ -103,6 +120,8 @@ TEST(NameLogin, EachFileItsSettingsAndLog)
         text += "[interface tcpip if" + std::to_string(i) + "]\naddress 10.2.0." + std::to_string(i + 1) + "\n";
     EXPECT_EQ(read(text), Lines{"Halyard: too many interfaces in config file"});
     EXPECT_EQ(my_addr_ct, MAX_INTERFACES);
+    for (const char* suffix : {"", "o", "s"})
+        unlink((key + suffix).c_str());
     EXPECT_EQ(logged([] { EXPECT_EQ(namelogin("/nonexistent/config.vz"), 0); }),
               Lines{"Halyard: cannot open config file /nonexistent/config.vz"});
     name_settings_clear();
