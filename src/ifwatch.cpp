@@ -242,7 +242,8 @@ void ifw_start()
 int ifw_recv(int, const uint8_t* data, int len, const UniAddr*)
 {
     TRACE(proc, 3, "ifw_recv called, len %d\n", len);
-    if (len > 0 && nl_changes({data, size_t(len)}))
+    // Empty: messages were lost, so whatever they said is read again.
+    if (len == 0 || (len > 0 && nl_changes({data, size_t(len)})))
         ifw_rescan();
     return 0;
 }

@@ -14,7 +14,8 @@
 // serves what the system has now; says once in the log when that is
 // nothing. Run once, by the name-service start, after the configuration.
 void ifw_start();
-// The client descriptor's handler: one datagram of route messages.
+// The client descriptor's handler: one datagram of route messages, or an
+// empty one when some were lost.
 int ifw_recv(int fd, const uint8_t* data, int len, const UniAddr* from);
 // Reads the system's addresses again and serves the difference: new ones
 // are entered as our own and every owned local name is claimed there
