@@ -93,6 +93,15 @@ void name_claim(const nt_entry* e)
     broadcast_all(e, NT_REGISTER, static_cast<int>(last_claim & 0xFFFF), build_claim);
 }
 
+void name_claim_on(const nt_entry* e, int index)
+{
+    TRACE(proc, 1, "Halyard: claiming name %s on interface %d\n", nm_printable(e->name), index);
+    last_claim = clock_now();
+    init_outpkt(&out_rec, out_area, NT_REGISTER, e->name);
+    if (build_claim(&out_rec, static_cast<int>(last_claim & 0xFFFF), index, e->flags) > 0)
+        dg_bsend(out_area, out_rec.size, index);
+}
+
 // Sent once: RFC 1002 5.1.1.5 expects no answer to a broadcast release.
 void name_release(const nt_entry* e)
 {

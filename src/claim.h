@@ -14,6 +14,9 @@ struct npkt;
 // Broadcasts one name registration request for the entry on every
 // interface, all with the same id: the low 16 bits of the time of the claim.
 void name_claim(const nt_entry* e);
+// The same request on interface entry index alone: a name already owned is
+// claimed on an address that came after it.
+void name_claim_on(const nt_entry* e, int index);
 // Broadcasts one name release request for the entry on every interface; the
 // ids count 1, 2, 3, ... from the start of the process.
 void name_release(const nt_entry* e);

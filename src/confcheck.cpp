@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
+#include <bit>
 #include <cstring>
 
 #include "src/namelogin.h"
@@ -75,13 +76,35 @@ void print_settings()
     for (int i = 0; i < my_addr_ct; i++)
         as_read[i] = my_addr[i];
     prepare_addresses();
-    if (my_addr_ct == 0)
+    if (my_addr_ct == 0 && if_select_ct == 0)
         fprintf(o, "  %-16s none: no name is claimed or answered on the network\n", "interfaces");
     for (int i = 0; i < my_addr_ct; i++) {
         const if_entry& e = my_addr[i];
         fprintf(o, "  %-16s %s", i == 0 ? "interfaces" : "", dotted(e.addr));
         fprintf(o, " broadcast %s%s", dotted(e.bcast), as_read[i].bcast != 0 ? "" : " (completed on this host)");
         fprintf(o, " netmask %s%s\n", dotted(e.mask), as_read[i].mask != 0 ? "" : " (completed on this host)");
+    }
+    if (if_select_ct > 0) {
+        fprintf(o, "  %-16s", "followed");
+        for (int i = 0; i < if_select_ct; i++) {
+            const if_select& sel = if_selects[i];
+            int len = std::popcount(sel.mask);
+            if (sel.name[0] != '\0')
+                fprintf(o, " %s", sel.name);
+            else if (len == 0)
+                fprintf(o, " all");
+            else
+                fprintf(o, " %s/%d", dotted(sel.net), len);
+        }
+        fprintf(o, ": the addresses of these interfaces while they are up\n");
+    }
+    for (int i = 0; i < cfg_name_ct; i++) {
+        const cfg_name& c = cfg_names[i];
+        int n = 15;
+        while (n > 0 && c.name[n - 1] == ' ')
+            n--;
+        fprintf(o, "  %-16s %.*s<%02x>%s\n", i == 0 ? "names" : "", n, reinterpret_cast<const char*>(c.name),
+                c.name[15], c.flags != 0 ? " group" : "");
     }
     print_port("name port", nmport, 137);
     print_port("datagram port", dgport, 138);

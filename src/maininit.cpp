@@ -345,7 +345,7 @@ constexpr const char* LOG_PATH = "/var/opt/KORRbase/log.nb";
 constexpr int MSG_NOTROOT = 198;
 constexpr int MSG_NOPID = 201;
 constexpr int MSG_STARTING = 203;
-constexpr int MSG_NO_KEY = 566;
+constexpr int MSG_NO_KEY = 568;
 
 // system "*", realm "NB", program "Halyard"
 char k_system[] = "system", v_any[] = "*";

@@ -31,7 +31,8 @@ void check_signals();                     // runs the marked entries' work
 const sigset_t* dg_wait_mask();
 
 // Descriptors polled beside the name-service socket; the handler gets every
-// datagram that arrives on its descriptor. Its result is ignored. Room for 5.
+// datagram that arrives on its descriptor, and an empty one when the system
+// reports datagrams lost (ENOBUFS). Its result is ignored. Room for 5.
 using dg_custfd_fn = int (*)(int fd, const uint8_t* data, int len, const UniAddr* from);
 struct CustFd {
     int fd;

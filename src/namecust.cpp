@@ -16,6 +16,7 @@
 #include "src/enstable.h"
 #include "src/ensrecv.h"
 #include "src/getnpack.h"
+#include "src/ifwatch.h"
 #include "src/namelogin.h"
 #include "src/nbndgio.h"
 #include "src/notifier.h"
@@ -45,6 +46,7 @@ int name_init()
     int fd = -1;
     if (transport_tcpip)
         fd = open_socket(nmport);
+    dg_fd = fd;  // the configured names' first claims go out before this returns
     if (transport_vznbu)
         nbunx_open();
     // Routed before the notifier exists, so its first wake-up finds the route.
@@ -56,6 +58,8 @@ int name_init()
         log_catmsg(LOG_SET, MSG_NO_NOTIFIER, "Halyard: cannot start notifier process: %s", why);
         dg_exit(0);
     }
+    if (transport_tcpip && if_select_ct > 0)
+        ifw_start();
     for (int i = 0; i < my_addr_ct; i++) {
         if (ens_a_lookup(my_addr[i].addr) == nullptr)
             ens_a_add(my_addr[i].addr, nullptr);
@@ -79,6 +83,11 @@ int name_init()
         set_probe_timer();
     }
     ens_bcast();
+    // The configured names, as a client would add them.
+    for (int i = 0; i < cfg_name_ct; i++) {
+        if (nt_add(cfg_names[i].name, cfg_names[i].flags) == 0)
+            start_claims();
+    }
     return fd;
 }
 

@@ -8,6 +8,9 @@
 #include <cstring>
 #include <grp.h>
 #include <sys/stat.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <unistd.h>
 
 #include "misc/enskey.h"
 #include "nmtrace.h"
@@ -31,6 +34,10 @@ int client_gid = -1;
 int wildcard_status = 0;
 char nda_key[256] = "";
 int nda_key_bad = 0;
+if_select if_selects[MAX_IF_SELECT] = {};
+int if_select_ct = 0;
+cfg_name cfg_names[MAX_CFG_NAMES] = {};
+int cfg_name_ct = 0;
 
 namespace {
 
@@ -61,7 +68,10 @@ constexpr int MSG_IF_NOADDR = 205;
 constexpr int MSG_WANT_TRANSPORT = 206;
 constexpr int MSG_EMPTY = 532;
 constexpr int MSG_WANT_GROUP = 542;
-constexpr int MSG_KEY = 565;
+constexpr int MSG_KEY = 567;
+constexpr int MSG_WANT_SELECT = 560;
+constexpr int MSG_WANT_NBNAME = 561;
+constexpr int MSG_AT_MOST = 562;
 
 // Flags of a working interface row.
 constexpr uint32_t IF_ADDR = 1;
@@ -296,9 +306,92 @@ const char* known_directives(char** tag)
         return "ignored: [realm NB] knows 'transport tcpip' and 'transport vznbu'";
     if (strcmp(tag[0], "interface") == 0)
         return "ignored: an interface section knows address, broadcast and netmask";
-    return "ignored: [transport tcpip] knows NB-scope, NB-name-port, NB-session-port, "
-           "NB-ens-port, NB-ensclient, NB-nd-addr, NB-nd-port, NB-nd-key, NB-wildcard-status and "
-           "bcast-style";
+    return "ignored: [transport tcpip] knows NB-interfaces, NB-name, NB-scope, NB-name-port, "
+           "NB-session-port, NB-ens-port, NB-ensclient, NB-nd-addr, NB-nd-port, NB-nd-key, "
+           "NB-wildcard-status and bcast-style";
+}
+
+bool hex_digit(char c, int* v)
+{
+    if (c >= '0' && c <= '9')
+        *v = c - '0';
+    else if (c >= 'a' && c <= 'f')
+        *v = c - 'a' + 10;
+    else if (c >= 'A' && c <= 'F')
+        *v = c - 'A' + 10;
+    else
+        return false;
+    return true;
+}
+
+// One selector of NB-interfaces: "all", NET/LEN or an interface name.
+bool parse_select(const char* word, if_select* out)
+{
+    *out = if_select{};
+    if (strcmp(word, "all") == 0)
+        return true;
+    const char* slash = strchr(word, '/');
+    if (slash == nullptr) {
+        size_t n = strlen(word);
+        if (n == 0 || n >= sizeof out->name)
+            return false;
+        memcpy(out->name, word, n);
+        return true;
+    }
+    char net[16];
+    size_t n = size_t(slash - word);
+    int len = whole_number(slash + 1, 10);
+    if (n >= sizeof net || len < 0 || len > 32 || !is_digit(static_cast<unsigned char>(slash[1])))
+        return false;
+    memcpy(net, word, n);
+    net[n] = '\0';
+    in_addr a{};
+    if (inet_pton(AF_INET, net, &a) != 1)
+        return false;
+    out->mask = len == 0 ? 0 : htonl(~uint32_t(0) << (32 - len));
+    out->net = a.s_addr & out->mask;
+    return true;
+}
+
+// NAME<hh> as a 16-byte name: %h is the host's name; letters are made upper
+// case, as other stations ask for them. A name longer than 15 characters is
+// refused, unless the host's name made it so: that one is cut.
+bool parse_nbname(const char* word, uint8_t* out)
+{
+    size_t len = strlen(word);
+    const char* lt = strrchr(word, '<');
+    int hi = 0, lo = 0;
+    if (len < 5 || lt == nullptr || lt == word || size_t(lt - word) + 4 != len || word[len - 1] != '>' ||
+        !hex_digit(lt[1], &hi) || !hex_digit(lt[2], &lo))
+        return false;
+    char host[16];
+    char text[64];
+    size_t n = 0;
+    bool expanded = false;
+    for (const char* p = word; p < lt; p++) {
+        if (p[0] == '%' && p[1] == 'h') {
+            host_nbname(host);
+            for (const char* h = host; *h != '\0' && n < sizeof text; h++)
+                text[n++] = *h;
+            expanded = true;
+            p++;
+            continue;
+        }
+        auto c = static_cast<unsigned char>(*p);
+        if (c <= ' ' || c >= 0x7f || n >= sizeof text)
+            return false;
+        text[n++] = char(fold_upper(c));
+    }
+    if (n > 15 && !expanded)
+        return false;
+    n = n > 15 ? 15 : n;
+    // "*" alone is the wildcard of a status request, not a name anyone holds.
+    if (n == 0 || text[0] == '*')
+        return false;
+    memset(out, ' ', 15);
+    memcpy(out, text, n);
+    out[15] = uint8_t(hi << 4 | lo);
+    return true;
 }
 
 // The three passes: which sections each reads and how.
@@ -330,6 +423,8 @@ const vz_par_tabent transport_table[] = {
     {"NB-nd-key", do_ndkey},
     {"bcast-style", do_bcaststyle},
     {"NB-wildcard-status", do_wildstat},
+    {"NB-interfaces", do_interfaces},
+    {"NB-name", do_nbname},
     {"", do_dontcare},
     {nullptr, nullptr},
 };
@@ -448,6 +543,10 @@ void name_settings_clear()
     nda_key[0] = '\0';
     nda_key_bad = 0;
     ek_clear();
+    memset(if_selects, 0, sizeof if_selects);
+    if_select_ct = 0;
+    memset(cfg_names, 0, sizeof cfg_names);
+    cfg_name_ct = 0;
 }
 
 int parse_err(int, char**, int line, const char* message, const char* saved)
@@ -796,6 +895,87 @@ int do_wildstat(int, char**, int argc, char** argv, int line, const char*)
     wildcard_status = v;
     TRACE(proc, 3, "do_wildstat: %d\n", v);
     return 0;
+}
+
+// Every selector of the line, or none of it; several lines add up.
+int do_interfaces(int, char**, int argc, char** argv, int line, const char*)
+{
+    if_select parsed[MAX_IF_SELECT];
+    int n = 0;
+    for (int i = 1; i < argc && n < MAX_IF_SELECT; i++) {
+        if (!parse_select(argv[i], &parsed[n++])) {
+            bad_line(line);
+            log_catmsg(LOG_SET, MSG_WANT_SELECT, "    expecting all, an interface name or NET/LEN");
+            note(true, line, "all, interface names such as eth0, or networks such as 10.88.0.0/24");
+            return 0;
+        }
+    }
+    if (argc < 2 || argc - 1 > MAX_IF_SELECT - if_select_ct) {
+        bad_line(line);
+        if (argc < 2) {
+            log_catmsg(LOG_SET, MSG_WANT_SELECT, "    expecting all, an interface name or NET/LEN");
+            note(true, line, "all, interface names such as eth0, or networks such as 10.88.0.0/24");
+            return 0;
+        }
+        log_catmsg(LOG_SET, MSG_AT_MOST, "    at most %d; the rest is ignored", MAX_IF_SELECT);
+        note(true, line, "at most 32 selectors in all (the first are kept)");
+        n = MAX_IF_SELECT - if_select_ct;
+    }
+    for (int i = 0; i < n; i++) {
+        if_selects[if_select_ct++] = parsed[i];
+        TRACE(proc, 3, "do_interfaces: %s\n", argv[i + 1]);
+    }
+    return 0;
+}
+
+int do_nbname(int, char**, int argc, char** argv, int line, const char*)
+{
+    cfg_name c{};
+    bool group = argc == 3 && strcmp(argv[2], "group") == 0;
+    if ((argc != 2 && !group) || !parse_nbname(argv[1], c.name)) {
+        bad_line(line);
+        log_catmsg(LOG_SET, MSG_WANT_NBNAME, "    expecting NAME<hh>, then group or nothing");
+        note(true, line, "a name of up to 15 characters with its type in hexadecimal, such as %h<20>, "
+                         "then 'group' for a group name");
+        return 0;
+    }
+    if (cfg_name_ct >= MAX_CFG_NAMES) {
+        bad_line(line);
+        log_catmsg(LOG_SET, MSG_AT_MOST, "    at most %d; the rest is ignored", MAX_CFG_NAMES);
+        note(true, line, "at most 32 NB-name directives (the first are kept)");
+        return 0;
+    }
+    c.flags = group ? 1 : 0;  // the local table's group bit
+    cfg_names[cfg_name_ct++] = c;
+    TRACE(proc, 3, "do_nbname: %s\n", argv[1]);
+    return 0;
+}
+
+bool if_selected(const char* ifname, uint32_t addr)
+{
+    for (int i = 0; i < if_select_ct; i++) {
+        const if_select& s = if_selects[i];
+        if (s.name[0] == '\0') {
+            if ((addr & s.mask) == s.net)
+                return true;
+            continue;
+        }
+        size_t n = strlen(s.name);
+        if (strncmp(ifname, s.name, n) == 0 && (ifname[n] == '\0' || ifname[n] == ':'))
+            return true;
+    }
+    return false;
+}
+
+void host_nbname(char* out)
+{
+    char host[256] = "";
+    if (gethostname(host, sizeof host - 1) != 0)
+        host[0] = '\0';
+    size_t n = 0;
+    for (; n < 15 && host[n] != '\0' && host[n] != '.'; n++)
+        out[n] = char(fold_upper(static_cast<unsigned char>(host[n])));
+    out[n] = '\0';
 }
 
 int syn_nonneg(const char* word)

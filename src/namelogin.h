@@ -37,6 +37,33 @@ extern int wildcard_status;
 extern char nda_key[256];
 extern int nda_key_bad;
 
+// NB-interfaces: the system's interfaces whose addresses are served, as
+// they come and go. A selector is an interface name, or a network (all is
+// 0.0.0.0/0); an address is served when any selector matches.
+struct if_select {
+    char name[16];      // "" for a network
+    uint32_t net;       // network order, host bits clear
+    uint32_t mask;
+};
+constexpr int MAX_IF_SELECT = 32;
+extern if_select if_selects[MAX_IF_SELECT];
+extern int if_select_ct;
+// Whether the address addr of interface ifname (an alias label "eth0:1"
+// counts as eth0) is selected.
+bool if_selected(const char* ifname, uint32_t addr);
+
+// NB-name: names added at start as a client would add them, then claimed.
+struct cfg_name {
+    uint8_t name[16];   // blank-padded, upper case, type byte last
+    uint32_t flags;     // NT_GROUP for a group name
+};
+constexpr int MAX_CFG_NAMES = 32;
+extern cfg_name cfg_names[MAX_CFG_NAMES];
+extern int cfg_name_ct;
+// The host's name as NetBIOS uses it: its first label, upper case, at most
+// 15 characters, into out (16 bytes).
+void host_nbname(char* out);
+
 // Reads the configuration file at path into the settings above, logging
 // every bad directive with its line; returns 0 in every case. Meant to run
 // once, before the port defaults are applied.
@@ -77,6 +104,8 @@ int do_ndaddr(int npat, char** tag, int argc, char** argv, int line, const char*
 int do_ndport(int npat, char** tag, int argc, char** argv, int line, const char* comment);
 int do_ndkey(int npat, char** tag, int argc, char** argv, int line, const char* comment);
 int do_wildstat(int npat, char** tag, int argc, char** argv, int line, const char* comment);
+int do_interfaces(int npat, char** tag, int argc, char** argv, int line, const char* comment);
+int do_nbname(int npat, char** tag, int argc, char** argv, int line, const char* comment);
 int do_bcaststyle(int npat, char** tag, int argc, char** argv, int line, const char* comment);
 
 // Value checkers; each takes one word and gives -1 when it does not fit.

@@ -198,6 +198,10 @@ int read_custfd(int index, uint8_t* buffer)
             TRACE(proc, 1, "read_custfd: interrupted system call\n");
         else
             TRACE(proc, 1, "read_custfd: error in receive: errno %d\n", errno);
+        // Datagrams were lost (a route-message socket overrun): an empty one
+        // tells the reader, which can then catch up.
+        if (errno == ENOBUFS)
+            c.handler(c.fd, buffer, 0, &from);
         return -1;
     }
     trace_received("read_custfd", int(n), sin, &from, buffer);

@@ -164,6 +164,23 @@ TEST_F(EnsLab, ClaimsOfOtherStationsAreCheckedAtTheAgent)
     EXPECT_EQ(question_name(s[0].bytes), nb("FREE"));
 }
 
+// An address that appears on a followed interface joins the host at the
+// agent: the EQUIV of the new set, then the local names registered with it.
+TEST_F(EnsLab, AnAddressThatAppearsIsToldToTheAgents)
+{
+    Agent agent;
+    ASSERT_TRUE(open_agent(agent, 1));
+    ASSERT_TRUE(lab.write_config(lab.default_config() + "NB-interfaces 10.90.0.0/24\nNB-name OURS<20>\n"
+                                 "NB-nd-addr 10.88.0.5\n"));
+    ASSERT_GT(lab.start_daemon({"-z", "proc=5"}), 0) << lab.last_error();
+    Addrs both{"10.88.0.1", "10.89.0.1"}, three{"10.88.0.1", "10.89.0.1", "10.90.0.1"};
+    ASSERT_TRUE(answer(agent, ndasim::equiv, {}, both));
+    ASSERT_TRUE(answer(agent, ndasim::add, nb("OURS"), both));
+    ASSERT_EQ(lab.run(lab_daemon, {"/sbin/ip", "addr", "add", "10.90.0.1/24", "dev", "hd0"}), 0);
+    ASSERT_TRUE(answer(agent, ndasim::equiv, {}, three));
+    ASSERT_TRUE(answer(agent, ndasim::add, nb("OURS"), three));
+}
+
 // Requests of one action from two agents listened to in turn, with the
 // agent each came to, until `count` came or `seconds` passed.
 std::vector<std::pair<int, Message>> from_both(Agent& first, Agent& second, int32_t action,

@@ -3,8 +3,10 @@
 // against us, and tshark decodes every datagram our daemon sends meanwhile.
 
 #include "tests/support/lab.h"
+#include "tests/support/paths.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -183,6 +185,30 @@ TEST_F(Samba, NmblookupAndNmbdMeetOurDaemonAndTsharkDecodesIt)
     EXPECT_GE(std::count(frames.begin(), frames.end(), '\n'), 5) << frames;
     EXPECT_EQ(tshark_read(ours + " && (_ws.malformed || !nbns || _ws.expert.severity >= warning)"), "")
         << "datagrams of the daemon that tshark finds malformed or warns about, of:\n" << frames;
+}
+
+// The first configuration an install puts in place, installed into a
+// throw-away root and run from there with no edit: nmblookup finds the host
+// by its name (the first label of a name the namespace gives it) and gets
+// its names from a status request.
+TEST_F(Samba, TheInstalledFirstConfigurationIsFoundByHostName)
+{
+    ASSERT_EQ(unshare(CLONE_NEWUTS), 0);
+    ASSERT_EQ(sethostname("labhost.example", 15), 0);
+    const std::string root = dir + "/root";
+    std::string out;
+    ASSERT_EQ(lab.run(lab_daemon, {"/usr/bin/env", "DESTDIR=" + root, "cmake", "--install", halyard_build_dir(),
+                                   "--prefix", "/usr"}, &out, 120.0), 0) << out;
+    ASSERT_TRUE(lab.write_config(lab_read_file(root + "/etc/opt/KORRbase/config.vz")));
+    ASSERT_EQ(lab.launch({}, 30.0, -1, -1, (root + "/usr/sbin/halyard").c_str()), 0);
+    ASSERT_GT(lab.wait_registered(), 0) << lab.log();
+    for (int i = 0; i < 40 && !contains(out, "10.88.0.1 labhost<00>"); ++i)
+        out = nmblookup({"-B", "10.88.0.255", "labhost"});
+    EXPECT_TRUE(contains(out, "10.88.0.1 labhost<00>")) << out << lab.log();
+    for (int i = 0; i < 5 && !contains(out, "<20>"); ++i)
+        out = nmblookup({"-A", "10.88.0.1"});
+    EXPECT_TRUE(contains(out, "LABHOST         <00> -         B <ACTIVE>")) << out;
+    EXPECT_TRUE(contains(out, "LABHOST         <20> -         B <ACTIVE>")) << out;
 }
 
 }  // namespace

@@ -212,4 +212,26 @@ TEST_F(Startup, FailedStartsSayWhyAndLeaveNothingBehind)
     }
 }
 
+// With no address to serve the daemon starts and says so once, however
+// often the interfaces change meanwhile, and serves the first that comes.
+TEST_F(Startup, WaitsQuietlyForItsFirstAddress)
+{
+    ASSERT_TRUE(lab.write_config("[realm NB]\ntransport tcpip\n[transport tcpip]\nNB-interfaces 10.99.0.0/16\n"));
+    ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
+    const std::string waiting = "\tHalyard: no interface to serve yet; waiting for one\r\n";
+    ASSERT_TRUE(lab.wait_log(waiting)) << lab.log();
+    for (const char* args : {"link set hd0 down", "link set hd0 up", "address add 10.98.0.1/16 dev hd0",
+                             "address add 10.99.0.1/16 dev hd0"}) {
+        std::vector<std::string> argv{"/usr/sbin/ip"};
+        for (const char* p = args; *p != '\0'; p += *p == ' ') {
+            argv.emplace_back(p, strcspn(p, " "));
+            p += argv.back().size();
+        }
+        ASSERT_EQ(lab.run(lab_daemon, argv), 0) << args;
+    }
+    ASSERT_TRUE(lab.wait_log("\tHalyard: serving 10.99.0.1 on hd0\r\n", 2.0)) << lab.log();
+    std::string log = lab.log();
+    EXPECT_EQ(log.find(waiting), log.rfind(waiting)) << log;
+}
+
 }  // namespace

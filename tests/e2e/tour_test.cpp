@@ -46,10 +46,14 @@ const struct {
     {"grep -E 'claiming", "claiming name fileserv"},
     {"nmblookup -B", "10.88.0.1 FILESERV<20>"},
     {"nmblookup -U", "FILESERV        <20>"},
+    {"LABHOST", "10.88.0.1 LABHOST<00>"},
+    {"ip address add 10.90.0.2", ""},
+    {"ip address add 10.90.0.1", ""},
+    {"nmblookup -B 10.90.0.255", "10.90.0.1 FILESERV<20>"},
     {"halyardctl list", "FILESERV<20>"},
     {"halyardctl del", "FILESERV<20>: deleted"},
     {"grep releasing", "releasing name fileserv"},
-    {"scripts/lab log", "NB NetBIOS services"},
+    {"scripts/lab log", "Halyard: serving 10.90.0.1 on lab0"},
     {"scripts/lab stop", "lab: removed"},
 };
 

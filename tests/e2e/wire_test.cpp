@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -281,6 +282,76 @@ TEST_F(Wire, ClaimsAnswersDefencesStatusAndReleasesByteForByte)
     append(want, permanent_names);
     ASSERT_EQ(a[0].size(), want.size() + 46);
     EXPECT_EQ(Bytes(a[0].begin(), a[0].end() - 46), want);
+}
+
+}  // namespace
+
+namespace {
+
+// The registration request for `name` that carries `addr`, whatever its id.
+bool claim_with(const Bytes& b, const std::string& name, const Bytes& addr)
+{
+    return is_packet_for(b, 0x29, name, 0x20) && b == registration(id_of(b), 0x29, name, 0x20, 0, addr);
+}
+
+// NB-interfaces all, with no address in the file: the configured name is
+// claimed at start on the interface that is up, an interface brought up
+// later and an address added later are claimed on and answered from, and an
+// address taken away is no longer used.
+TEST_F(Wire, FollowsTheInterfacesItIsToldToServe)
+{
+    auto ip = [&](LabSide side, const std::string& args) {
+        std::vector<std::string> argv{"/usr/sbin/ip"};
+        for (size_t at = 0, sp; at < args.size(); at = sp + 1) {
+            sp = std::min(args.find(' ', at), args.size());
+            argv.push_back(args.substr(at, sp - at));
+        }
+        return lab.run(side, argv) == 0;
+    };
+    ASSERT_TRUE(ip(lab_daemon, "link set hd1 down"));
+    ASSERT_TRUE(lab.write_config("[realm NB]\ntransport tcpip\n[transport tcpip]\nNB-interfaces all\n"
+                                 "NB-name fileserv<20> # upper case on the wire\n"));
+    int fd[3] = {-1, lab.udp_socket(lab_station1, 137), lab.udp_socket(lab_station2, 137)};
+    ASSERT_TRUE(fd[1] >= 0 && fd[2] >= 0) << lab.last_error();
+    ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
+    auto claims = [&](int s, const Bytes& addr, size_t n, double seconds) {
+        return lab.collect(fd[s], n, seconds, [&](const Bytes& b) { return claim_with(b, "FILESERV", addr); }).size();
+    };
+    ASSERT_EQ(claims(1, addr_of(1, true), 2, 20.0), 2u) << lab.log();
+    ASSERT_TRUE(answered(name_query(0x60, "FILESERV", 0x20))) << lab.log();
+    EXPECT_EQ(exchange(1, "10.88.0.255", name_query(0x61, "FILESERV", 0x20)),
+              std::vector<Bytes>{nb_response(0x61, 0x85, 0x00, "FILESERV", 0x20, 0, addr_of(1, true))});
+
+    ASSERT_TRUE(ip(lab_daemon, "link set hd1 up"));
+    EXPECT_EQ(claims(2, addr_of(2, true), 2, 4.0), 2u) << lab.log();
+    EXPECT_EQ(exchange(2, "10.89.0.255", name_query(0x62, "FILESERV", 0x20)),
+              std::vector<Bytes>{nb_response(0x62, 0x85, 0x00, "FILESERV", 0x20, 0, addr_of(2, true))});
+
+    // Our own claims on the new address come back to us: they are ours, so
+    // the name stays and is answered from there.
+    const Bytes added{10, 90, 0, 1};
+    ASSERT_TRUE(ip(lab_station1, "address add 10.90.0.2/24 brd + dev hs0"));
+    ASSERT_TRUE(ip(lab_daemon, "address add 10.90.0.1/24 brd + dev hd0"));
+    EXPECT_EQ(claims(1, added, 1, 2.0), 1u) << lab.log();
+    EXPECT_EQ(claims(1, added, 1, 3.0), 1u) << lab.log();
+    int from90 = lab.udp_socket(lab_station1, 0, "10.90.0.2");
+    ASSERT_TRUE(from90 >= 0 && lab.send_to(from90, "10.90.0.1", 137, name_query(0x63, "FILESERV", 0x20)));
+    auto answer = lab.recv(from90, 10.0);
+    ASSERT_TRUE(answer) << lab.log();
+    EXPECT_EQ(answer->from, "10.90.0.1");
+    EXPECT_EQ(answer->bytes, nb_response(0x63, 0x85, 0x00, "FILESERV", 0x20, 0, added));
+
+    ASSERT_TRUE(ip(lab_daemon, "address del 10.90.0.1/24 dev hd0"));
+    ASSERT_TRUE(lab.wait_log("Halyard: no longer serving 10.90.0.1", 2.0)) << lab.log();
+    // A status answer lists a permanent name per address we serve.
+    auto permanent = [](const Bytes& addr) { return cat(cat(Bytes(10, 0), addr), {0, 0, 6, 0}); };
+    auto status = exchange(1, nullptr, status_request(0x64, "FILESERV", false));
+    ASSERT_EQ(status.size(), 1u) << lab.log();
+    auto has = [&](const Bytes& part) {
+        return std::search(status[0].begin(), status[0].end(), part.begin(), part.end()) != status[0].end();
+    };
+    EXPECT_TRUE(has(permanent(addr_of(2, true))));
+    EXPECT_FALSE(has(permanent(added)));
 }
 
 }  // namespace

@@ -75,6 +75,7 @@ TEST(ConfCheck, EachAlternativeOfTheExampleConfigurationPasses)
         EXPECT_NE(out, check(base)) << "nothing switched on";
     }
     EXPECT_EQ(alternatives, 5);
+    EXPECT_NE(check(base).find("  followed         all: "), std::string::npos) << check(base);
     unlink(kPath.c_str());
 }
 

@@ -26,6 +26,10 @@ std::string settings()
         s += " " + dotted(a);
     for (int i = 0; i < my_addr_ct; i++)
         s += " " + dotted(my_addr[i].addr) + "/" + dotted(my_addr[i].bcast) + "/" + dotted(my_addr[i].mask);
+    for (int i = 0; i < if_select_ct; i++)
+        s += " [" + std::string(if_selects[i].name) + dotted(if_selects[i].net) + "/" + dotted(if_selects[i].mask) + "]";
+    for (int i = 0; i < cfg_name_ct; i++)
+        s += " <" + std::string(cfg_names[i].name, cfg_names[i].name + 16) + std::to_string(cfg_names[i].flags) + ">";
     return s + " '" + nb_scope + "'" + (nda_key[0] != '\0' ? std::string(" key ") + nda_key : "") +
            (nda_key_bad ? " (bad key)" : "");
 }
@@ -56,6 +60,8 @@ TEST(NameLogin, EachFileItsSettingsAndLog)
     for (int i = 1; i <= 11; i++)
         eleven += " 10.0.1." + std::to_string(i);
     const std::string port = "    expecting positive port number", onoff = "    expecting on/off";
+    const std::string sel = "    expecting all, an interface name or NET/LEN";
+    const std::string nbname = "    expecting NAME<hh>, then group or nothing";
     const std::string scope = "    expecting valid scope name", many = "Halyard: too many NB-nd-addr's in config file";
     // Key files: good, open to others, of the wrong length.
     const std::string key = "/tmp/halyard-unit-key-" + std::to_string(getpid()), hex(64, 'a');
@@ -103,6 +109,13 @@ TEST(NameLogin, EachFileItsSettingsAndLog)
          "10 0 0 0 0 0 0 0 2 - - - - 10.1.2.3/10.1.2.255/255.255.255.0 192.168.7.1/-/- ''",
          {err(9), "    address for interface already specified", err(11), "    netmask for interface already specified",
           err(12), "    expecting IP broadcast address", "Halyard: tcpip interface eth1 has no address", "    ignoring"}},
+        {head + "NB-interfaces all eth0 10.88.7.9/24\nNB-interfaces 10.0.0.0/33\nNB-interfaces\nNB-interfaces a/b\n"
+                "NB-name fs<20> group\nNB-name Abcdefghijklmno<1B>\nNB-name abcdefghijklmnop<20>\nNB-name fs<2g>\n"
+                "NB-name fs<20> grp\nNB-name fs\nNB-name *<00>\nNB-name <20>\n",
+         "10 0 0 0 0 0 0 0 0 - - - - [-/-] [eth0-/-] [10.88.7.0/255.255.255.0] "
+         "<FS             \x20" "1> <ABCDEFGHIJKLMNO\x1b" "0> ''",
+         {err(5), sel, err(6), sel, err(7), sel, err(10), nbname, err(11), nbname, err(12), nbname, err(13), nbname,
+          err(14), nbname, err(15), nbname}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);
