@@ -486,7 +486,7 @@ TEST_F(Directory, ServesEveryRequestOfTheProtocol)
     EXPECT_EQ(lab.run(lab_daemon, {HALYARD_NDA_BINARY, "-f", "-c", "/tmp/bad.vz"}, &out), 1 << 8);
     EXPECT_EQ(out, "halyard-nda: /tmp/bad.vz line 2: port: expecting a port number from 1 to 65535\n"
                    "halyard-nda: /tmp/bad.vz line 4: listen already set\n"
-                   "halyard-nda: /tmp/bad.vz line 5: dir: not a setting of [agent] (listen, port, directory, registrars)\n"
+                   "halyard-nda: /tmp/bad.vz line 5: dir: not a setting of [agent] (listen, port, directory, registrars, key)\n"
                    "halyard-nda: /tmp/bad.vz line 6: registrars: expecting networks as NET/LEN (at most 64)\n"
                    "halyard-nda: the configuration's [agent] section is malformed: not started\n");
     EXPECT_NE(lab_read_file(agent_log).find("bad.vz line 2: port: expecting"), std::string::npos);
