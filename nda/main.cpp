@@ -36,6 +36,7 @@
 #include "shr/uniinet.h"
 #include "shr/vzhome.h"
 #include "shr/vzparse.h"
+#include "shr/vzpoll.h"
 #include "shr/vzsignal.h"
 #include "src/maininit.h"
 #include "src/namecust.h"
@@ -85,13 +86,6 @@ volatile sig_atomic_t stop_sig = 0;
 void on_stop(int sig)
 {
     stop_sig = sig;
-}
-
-int64_t mono_ms()
-{
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
 // Without -f: the launching process's end of a pipe, on which it waits for
@@ -511,10 +505,10 @@ bool receive(int fd)
             TRACE(proc, 1, "halyard-nda: %zu bytes from %s dropped: %s\n", n, uni_ntoa(&from), why);
             continue;
         }
-        nda_datagram(bufs[i], len, &from, mono_ms(), int64_t(time(nullptr)));
+        nda_datagram(bufs[i], len, &from, vz_now_ms(), int64_t(time(nullptr)));
     }
     // One commit for the wake-up's changes, then their answers.
-    nda_flush(mono_ms(), int64_t(time(nullptr)));
+    nda_flush(vz_now_ms(), int64_t(time(nullptr)));
     return got == RECV_BURST;
 }
 
@@ -682,7 +676,7 @@ int main(int argc, char* argv[])
             fflush(tcfile);
         int wait = 0;
         if (busy == 0 || busy % BUSY_BURSTS == 0)
-            wait = nda_due(mono_ms(), int64_t(time(nullptr)));
+            wait = nda_due(vz_now_ms(), int64_t(time(nullptr)));
         if (busy > 0)
             wait = 0;
         pollfd pfd{ens_fd, POLLIN, 0};
