@@ -12,6 +12,8 @@
 #include <deque>
 #include <unordered_set>
 
+#include "shr/vzstrtoul.h"
+
 namespace {
 
 static_assert(crypto_auth_BYTES == EK_SEAL_SIZE - 8 && crypto_auth_KEYBYTES == 32);
@@ -32,16 +34,6 @@ struct Seen {
 std::deque<Seen> seen_order;
 std::unordered_set<uint64_t> seen_tags;
 
-int hex_digit(int c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
 
 // 64 hex digits, blanks and line ends ignored: the key, else false.
 bool parse_key(const char* text, size_t n, unsigned char* out)
@@ -51,7 +43,7 @@ bool parse_key(const char* text, size_t n, unsigned char* out)
         char c = text[i];
         if (c == ' ' || c == '\t' || c == '\r' || c == '\n')
             continue;
-        int v = hex_digit(static_cast<unsigned char>(c));
+        int v = vz_hexval(static_cast<unsigned char>(c));
         if (v < 0 || digits >= 2 * crypto_auth_KEYBYTES)
             return false;
         if (digits % 2 == 0)

@@ -10,6 +10,7 @@
 
 #include "shr/logging.h"
 #include "shr/vzhome.h"
+#include "shr/vzstrtoul.h"
 
 namespace {
 
@@ -215,16 +216,6 @@ const char* message_text(char* line)
 
 bool is_octal(char c) { return c >= '0' && c <= '7'; }
 
-int hex_value(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
 
 void lookup_init(Lookup& l)
 {
@@ -315,8 +306,8 @@ char* fixup_string(char* text)
             }
             break;
         case 'x':
-            if (hex_value(in[2]) >= 0 && hex_value(in[3]) >= 0) {
-                *out++ = char(hex_value(in[2]) << 4 | hex_value(in[3]));
+            if (vz_hexval(in[2]) >= 0 && vz_hexval(in[3]) >= 0) {
+                *out++ = char(vz_hexval(in[2]) << 4 | vz_hexval(in[3]));
                 in += 4;
             } else {
                 *out++ = '\\';

@@ -47,16 +47,6 @@ char* work = nullptr;
 size_t work_size = 0;
 UniAddr aton_result;
 
-int hexval(unsigned char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
 
 // hex_get over a text of known length (which need not be zero-terminated).
 void hex_fill(uint8_t* out, size_t n, const char* text, size_t text_len)
@@ -66,7 +56,7 @@ void hex_fill(uint8_t* out, size_t n, const char* text, size_t text_len)
     size_t pad = digits - have;
     memset(out, 0, n);
     for (size_t i = pad; i < digits; i++) {
-        int v = hexval(static_cast<unsigned char>(text[i - pad]));
+        int v = vz_hexval(static_cast<unsigned char>(text[i - pad]));
         if (v < 0)
             v = 0;
         out[i / 2] = static_cast<uint8_t>(out[i / 2] | (i % 2 == 0 ? v << 4 : v));
@@ -359,10 +349,10 @@ int hex_get(uint8_t* out, int n, const char* text)
 
 int hexbyte(const char* text)
 {
-    int hi = hexval(static_cast<unsigned char>(text[0]));
+    int hi = vz_hexval(static_cast<unsigned char>(text[0]));
     if (hi < 0)
         return -1;
-    int lo = hexval(static_cast<unsigned char>(text[1]));
+    int lo = vz_hexval(static_cast<unsigned char>(text[1]));
     if (lo < 0)
         return -1;
     return hi << 4 | lo;

@@ -19,6 +19,12 @@ int digit_value(unsigned char c)
 
 }  // namespace
 
+int vz_hexval(int c)
+{
+    int v = digit_value(static_cast<unsigned char>(c));
+    return v < 16 ? v : -1;
+}
+
 unsigned long vz_strtoul(const char* s, char** end, int base)
 {
     const char* p = s;

@@ -17,6 +17,7 @@
 #include "shr/logging.h"
 #include "shr/uniconv.h"
 #include "shr/vzparse.h"
+#include "shr/vzstrtoul.h"
 #include "shr/vzstrdup.h"
 #include "src/maininit.h"
 
@@ -311,18 +312,6 @@ const char* known_directives(char** tag)
            "NB-wildcard-status and bcast-style";
 }
 
-bool hex_digit(char c, int* v)
-{
-    if (c >= '0' && c <= '9')
-        *v = c - '0';
-    else if (c >= 'a' && c <= 'f')
-        *v = c - 'a' + 10;
-    else if (c >= 'A' && c <= 'F')
-        *v = c - 'A' + 10;
-    else
-        return false;
-    return true;
-}
 
 // One selector of NB-interfaces: "all", NET/LEN or an interface name.
 bool parse_select(const char* word, if_select* out)
@@ -362,7 +351,7 @@ bool parse_nbname(const char* word, uint8_t* out)
     const char* lt = strrchr(word, '<');
     int hi = 0, lo = 0;
     if (len < 5 || lt == nullptr || lt == word || size_t(lt - word) + 4 != len || word[len - 1] != '>' ||
-        !hex_digit(lt[1], &hi) || !hex_digit(lt[2], &lo))
+        (hi = vz_hexval(lt[1])) < 0 || (lo = vz_hexval(lt[2])) < 0)
         return false;
     char host[16];
     char text[64];
