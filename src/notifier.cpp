@@ -36,9 +36,10 @@ constexpr int MSG_NO_NOTIFIER = 192;
 // one writer can hold it with: a message must be whole within PART_WAIT of
 // its first byte, and an answer that no client takes within ANSWER_WAIT is
 // dropped. A request of more than NS_REQMAX data bytes is refused with
-// status -1, so that every message passed on fits one atomic pipe write. A request in parts ("more") is gathered here and passed on only
-// once whole, at most CHAIN_PARTS messages and CHAIN_BYTES bytes: far above
-// any real request, which is one message of at most 104 bytes.
+// status -1, so that every message passed on fits one atomic pipe write.
+// A request in parts ("more") is gathered here and passed on only once
+// whole, at most CHAIN_PARTS messages and CHAIN_BYTES bytes: far above any
+// real request, which is one message of at most 104 bytes.
 constexpr int PART_WAIT_MS = 1000;
 constexpr int ANSWER_WAIT_MS = 1000;
 constexpr int CHAIN_PARTS = 16;
