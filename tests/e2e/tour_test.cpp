@@ -46,6 +46,7 @@ const struct {
     {"grep -E 'claiming", "claiming name fileserv"},
     {"nmblookup -B", "10.88.0.1 FILESERV<20>"},
     {"nmblookup -U", "FILESERV        <20>"},
+    {"getent hosts", "10.88.0.1       fileserv"},
     {"LABHOST", "10.88.0.1 LABHOST<00>"},
     {"ip address add 10.90.0.2", ""},
     {"ip address add 10.90.0.1", ""},
