@@ -143,9 +143,8 @@ struct InBuf {
 // Waits for the answers to asks until one is positive or both are negative.
 // The daemon answers from its tables in the order asked, so the <00> name
 // wins when both are known there; from the network the first answer wins.
-NssResult await(int fd, NssAsk* asks, int64_t deadline, uint32_t* addr, int* err)
+NssResult await(int fd, InBuf& in, NssAsk* asks, int64_t deadline, uint32_t* addr, int* err)
 {
-    InBuf in;
     for (;;) {
         for (int i = 0; i < 2; i++)
             if (asks[i].state == NssState::found) {
@@ -221,15 +220,18 @@ NssResult nss_ask(const char* host, uint32_t* addr, int* err)
         return NssResult::unavailable;
     }
     // Whatever waits now was left by clients that gave up; a FIFO holds at
-    // most 64 KiB, so a few reads empty it.
-    uint8_t drop[4096];
-    for (int i = 0; i < 32 && read(fds.cfd, drop, sizeof drop) > 0; i++) {
+    // most 64 KiB, so a few reads empty it. One buffer for it and the
+    // answers: the module runs on its callers' stacks.
+    InBuf in;
+    for (int i = 0; i < 16 && read(fds.cfd, in.b, sizeof in.b) > 0; i++) {
     }
 
     NssAsk asks[2];
     uint8_t req[2 * REQSIZE];
     for (int i = 0; i < 2; i++) {
         asks[i] = NssAsk{next_xid(), NssState::waiting, 0};
+        if (i == 1 && asks[1].xid == asks[0].xid)
+            asks[1].xid++;  // each answer must name its own request
         put_request(req + i * REQSIZE, asks[i].xid, names[i]);
     }
     // Both in one write, which the FIFO keeps whole and in order.
@@ -246,5 +248,5 @@ NssResult nss_ask(const char* host, uint32_t* addr, int* err)
         if (left <= 0 || (poll(&p, 1, int(left)) < 0 && errno != EINTR))
             return NssResult::busy;
     }
-    return await(fds.cfd, asks, deadline, addr, err);
+    return await(fds.cfd, in, asks, deadline, addr, err);
 }
