@@ -193,7 +193,6 @@ TEST_F(Resolver, ThreadsResolvingAtOnceEachGetTheirOwnAnswer)
     auto* by4 = reinterpret_cast<nss_gethostbyname4_r*>(dlsym(so, "_nss_halyard_gethostbyname4_r"));
     ASSERT_NE(by4, nullptr);
     std::atomic<bool> go{false};
-    std::atomic<int> right{0};
     std::vector<std::string> wrong(8);
     std::vector<std::thread> threads;
     for (int t = 0; t < 8; t++)
@@ -207,16 +206,13 @@ TEST_F(Resolver, ThreadsResolvingAtOnceEachGetTheirOwnAnswer)
                 gaih_addrtuple* at = nullptr;
                 int err = 0, herr = 0;
                 nss_status s = by4(name.c_str(), &at, buf, sizeof buf, &err, &herr, nullptr);
-                if (s == NSS_STATUS_SUCCESS && at->family == AF_INET && at->addr[0] == expect && at->name == name)
-                    right++;
-                else
+                if (s != NSS_STATUS_SUCCESS || at->family != AF_INET || at->addr[0] != expect || at->name != name)
                     wrong[t] += " status " + std::to_string(s) + " errno " + std::to_string(err);
             }
         });
     go = true;
     for (auto& th : threads)
         th.join();
-    EXPECT_EQ(right, 80);
     for (int t = 0; t < 8; t++)
         EXPECT_EQ(wrong[t], "") << "thread " << t;
     dlclose(so);
