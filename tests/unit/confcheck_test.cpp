@@ -82,7 +82,7 @@ TEST(ConfCheck, EachAlternativeOfTheExampleConfigurationPasses)
 TEST(ManPages, FormatWithoutWarningsAndShowTheVersion)
 {
     const std::string version = std::string("\"Halyard ") + smbv_string + " " + smbv_variant + "\"";
-    for (const char* page : {"halyard.8", "config.vz.5", "halyardctl.1", "halyard-nda.8"}) {
+    for (const char* page : {"halyard.8", "config.vz.5", "halyardctl.1", "halyard-nda.8", "libnss_halyard.8"}) {
         SCOPED_TRACE(page);
         std::string path = std::string(halyard_build_dir()) + "/man/" + page;
         std::string text = lab_read_file(path);
