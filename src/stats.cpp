@@ -20,7 +20,7 @@ constexpr CounterDef defs[] = {
     {"lookups_wins", "lookups answered by a WINS server"},
     {"lookups_not_found", "lookups answered not found"},
     {"names_claimed", "local names whose claim went through"},
-    {"claims_defended", "claims of other stations answered with a defence, of our names or for an agent's owner"},
+    {"claims_defended", "other stations' claims answered with a defence"},
     {"conflicts_network", "local names given up to another station's answer (messages 186, 187)"},
     {"conflicts_agent", "local names an agent knows with another owner (messages 186, 187)"},
     {"releases", "local names released"},
