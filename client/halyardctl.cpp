@@ -13,6 +13,7 @@
 #include "shr/uniinet.h"
 #include "src/confcheck.h"
 #include "src/namelogin.h"
+#include "src/stats.h"
 
 namespace {
 
@@ -28,6 +29,7 @@ const char* const help_text =
     "\n"
     "SYNOPSIS\n"
     "    halyardctl [--json] [--dir DIR] [--timeout SECONDS] COMMAND [ARGUMENTS]\n"
+    "    halyardctl [--json | --prometheus] [--dir DIR] [--timeout SECONDS] stats\n"
     "    halyardctl --help | --version\n"
     "\n"
     "DESCRIPTION\n"
@@ -57,6 +59,11 @@ const char* const help_text =
     "    type                 show the packet format number and the session port\n"
     "    reinit               ask the name server to re-initialise\n"
     "    enstable             write the name directory table to the trace file\n"
+    "    stats                the name server's counters since its start: name\n"
+    "                         queries, node-status requests, lookups by what\n"
+    "                         answered them, claims, conflicts, releases, agent\n"
+    "                         commands, client requests; beyond the protocol's\n"
+    "                         operations (an older server does not know it)\n"
     "    check-config [FILE]  read the configuration file (default\n"
     "                         /etc/opt/KORRbase/config.vz) as the name server\n"
     "                         does, print every problem as FILE:LINE: what was\n"
@@ -65,6 +72,8 @@ const char* const help_text =
     "\n"
     "OPTIONS\n"
     "    --json               print the answer as one JSON object\n"
+    "    --prometheus         with stats: the Prometheus text format, for\n"
+    "                         node_exporter's textfile collector\n"
     "    --dir DIR            directory of the FIFOs and the lock file\n"
     "                         (default /var/opt/KORRbase)\n"
     "    --timeout SECONDS    longest wait for the lock and for each answer\n"
@@ -95,10 +104,12 @@ const char* const help_text =
     "    halyardctl lookup 'PRINTSRV<20>'\n"
     "    halyardctl status 10.0.0.7\n"
     "    halyardctl --timeout 5 check 'FILESERV<20>'\n"
+    "    halyardctl --prometheus stats > halyard.prom\n"
     "    halyardctl check-config /etc/opt/KORRbase/config.vz\n";
 
 struct Opts {
     bool json = false;
+    bool prometheus = false;
     bool group = false;
     const char* dir = nullptr;
     int timeout = NSC_TIMEOUT;
@@ -421,6 +432,19 @@ int cmd_enstable(const Opts& o, NscConn* c)
     return cmd_simple(o, c, NS_ENSTABLE, "name directory table written to the trace file");
 }
 
+int cmd_stats(const Opts& o, NscConn* c)
+{
+    static NscStats st;
+    int rc = nsc_stats(c, &st);
+    if (rc != 0)
+        return unreached(o, *c, rc);
+    if (st.status != NSC_OK)
+        return refused(o, NS_STATS, st.status);
+    CtFormat format = o.json ? CtFormat::json : o.prometheus ? CtFormat::prometheus : CtFormat::text;
+    ct_print(stdout, st.counters, format, "halyard_", stat_defs(), ST_COUNT);
+    return EX_OKAY;
+}
+
 struct Command {
     const char* name;
     int min_args;
@@ -432,7 +456,7 @@ constexpr Command commands[] = {
     {"add", 1, 1, cmd_add},         {"del", 1, 1, cmd_del},       {"check", 1, 1, cmd_check},
     {"list", 0, 0, cmd_list},       {"lookup", 1, 1, cmd_lookup}, {"status", 1, 2, cmd_status},
     {"scope", 0, 0, cmd_scope},     {"type", 0, 0, cmd_type},     {"reinit", 0, 0, cmd_reinit},
-    {"enstable", 0, 0, cmd_enstable},
+    {"enstable", 0, 0, cmd_enstable}, {"stats", 0, 0, cmd_stats},
 };
 
 // Options may stand anywhere; "--" ends them. 0, or an exit status.
@@ -447,6 +471,8 @@ int parse_args(int argc, char** argv, Opts* o)
                 opts_done = true;
             } else if (strcmp(a, "--json") == 0) {
                 o->json = true;
+            } else if (strcmp(a, "--prometheus") == 0) {
+                o->prometheus = true;
             } else if (strcmp(a, "--group") == 0) {
                 o->group = true;
             } else if (strcmp(a, "-h") == 0 || strcmp(a, "--help") == 0) {
@@ -495,8 +521,8 @@ int check_config(const Opts& o)
 {
     if (o.argc > 1)
         return usage_error("check-config: too many arguments");
-    if (o.json || o.group)
-        return usage_error("check-config takes no --json or --group");
+    if (o.json || o.group || o.prometheus)
+        return usage_error("check-config takes no --json, --prometheus or --group");
     return conf_check(o.argc == 1 ? o.args[0] : CONFIG_VZ_PATH, stdout, "", true) == 0 ? EX_OKAY : EX_REFUSED;
 }
 
@@ -521,6 +547,8 @@ int main(int argc, char** argv)
             return usage_error("%s: too many arguments", o.cmd);
         if (o.group && cmd.run != cmd_add)
             return usage_error("--group belongs to add");
+        if (o.prometheus && (cmd.run != cmd_stats || o.json))
+            return usage_error("--prometheus belongs to stats, without --json");
         NscConn conn;
         nsc_setup(&conn, o.dir, o.timeout);
         return cmd.run(o, &conn);

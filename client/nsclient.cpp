@@ -373,6 +373,21 @@ int on_type(NscConn* c, const ns_hdr* h, const uint8_t* data, void* arg)
     return r.ok() && r.left() == 0 ? 0 : bad(c, "type answer not 8 bytes", h->len);
 }
 
+int on_stats(NscConn* c, const ns_hdr* h, const uint8_t* data, void* arg)
+{
+    auto* out = static_cast<NscStats*>(arg);
+    Reader r(data, size_t(h->len));
+    out->status = int32_t(host32(r));
+    if (!r.ok())
+        return bad(c, "no status word", h->len);
+    if (out->status != NSC_OK)
+        return r.left() == 0 ? 0 : bad(c, "failure answer not 4 bytes", h->len);
+    const char* why = "";
+    if (ct_decode(data + 4, r.left(), &out->counters, &why) != 0)
+        return bad(c, why, h->len);
+    return 0;
+}
+
 bool text_byte_plain(uint8_t b)
 {
     return b > ' ' && b < 0x7f && b != '\\' && b != '<';
@@ -567,6 +582,13 @@ int nsc_reinit(NscConn* conn, int32_t* status)
 int nsc_enstable(NscConn* conn, int32_t* status)
 {
     return nsc_exchange(conn, NS_ENSTABLE, nullptr, 0, on_status, status);
+}
+
+int nsc_stats(NscConn* conn, NscStats* out)
+{
+    out->status = NSC_OK;
+    out->counters.count = 0;
+    return nsc_exchange(conn, NS_STATS, nullptr, 0, on_stats, out);
 }
 
 // The name text of the universal address (nm_strtonb) defaults to the blank

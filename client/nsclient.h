@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "shr/counters.h"
 #include "shr/uniconv.h"
 #include "src/dorequest.h"
 #include "src/getnpack.h"
@@ -82,6 +83,11 @@ struct NscAdapStat {
     NscEntry names[NSC_MAXNAMES];
 };
 
+struct NscStats {
+    int32_t status;
+    CtSet counters;  // as the server names them, in its order
+};
+
 struct NscType {
     int32_t nb_type;
     uint16_t ssport;
@@ -111,6 +117,9 @@ int nsc_nbscope(NscConn* conn, char* scope, size_t size);
 int nsc_nbtype(NscConn* conn, NscType* out);
 int nsc_reinit(NscConn* conn, int32_t* status);
 int nsc_enstable(NscConn* conn, int32_t* status);
+// The server's counters (NS_STATS, beyond the designed operations): a
+// server without them gives NSC_UNKNOWNOP.
+int nsc_stats(NscConn* conn, NscStats* out);
 
 // Name text "NAME<hh>": up to 15 characters, padded with blanks, and the
 // type byte in two hexadecimal digits (<00> when absent); "\xhh" gives any

@@ -8,7 +8,8 @@
 #
 # Set by the install code before this script: HALYARD_DIST (the source dist
 # folder), HALYARD_STAGE (a scratch folder of the build tree),
-# HALYARD_SBINDIR and HALYARD_DOCDIR (absolute, or relative to the prefix).
+# HALYARD_SBINDIR, HALYARD_BINDIR and HALYARD_DOCDIR (absolute, or relative
+# to the prefix).
 
 function(halyard_full out dir)
   if(IS_ABSOLUTE "${dir}")
@@ -19,6 +20,7 @@ function(halyard_full out dir)
 endfunction()
 
 halyard_full(HALYARD_SBIN "${HALYARD_SBINDIR}")
+halyard_full(HALYARD_BIN "${HALYARD_BINDIR}")
 halyard_full(halyard_doc "${HALYARD_DOCDIR}")
 set(halyard_root "$ENV{DESTDIR}")
 
@@ -26,8 +28,9 @@ set(halyard_root "$ENV{DESTDIR}")
 # where it will run).
 configure_file("${HALYARD_DIST}/halyard.service.in" "${HALYARD_STAGE}/halyard.service" @ONLY)
 configure_file("${HALYARD_DIST}/halyard-nda.service.in" "${HALYARD_STAGE}/halyard-nda.service" @ONLY)
+configure_file("${HALYARD_DIST}/halyard-stats.service.in" "${HALYARD_STAGE}/halyard-stats.service" @ONLY)
 file(INSTALL DESTINATION "${halyard_doc}" TYPE FILE FILES "${HALYARD_STAGE}/halyard.service"
-     "${HALYARD_STAGE}/halyard-nda.service")
+     "${HALYARD_STAGE}/halyard-nda.service" "${HALYARD_STAGE}/halyard-stats.service")
 
 # The fixed places and their modes: the configuration, the variable
 # directory (log, client FIFOs, lock file) with the database root, which the

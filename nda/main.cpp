@@ -28,6 +28,7 @@
 #include "misc/initsock.h"
 #include "misc/pktasm.h"
 #include "nda/ndaserve.h"
+#include "nda/ndastats.h"
 #include "nda/ndastore.h"
 #include "nmtrace.h"
 #include "nversion.h"
@@ -70,8 +71,11 @@ constexpr int BUSY_BURSTS = 16;  // full bursts in a row before the verification
 const char* const USAGE =
     "usage: halyard-nda [-f] [-a ADDRESS] [-p PORT] [-d FILE] [-c FILE] [-z DIM=LEVEL]...\n"
     "       halyard-nda -l [-j] [-d FILE]\n"
+    "       halyard-nda -s [-j] [-p PORT] [-c FILE]\n"
     "  -f          stay in the foreground\n"
     "  -l          list the directory and exit (-j: as JSON)\n"
+    "  -s          show the counters of the agent running at the port and exit\n"
+    "              (-j: as JSON); for root, the agent's user and its group\n"
     "  -a ADDRESS  listen at this IPv4 address only (default: every address)\n"
     "  -p PORT     agent port (default: port of [agent], else NB-nd-port, else 227)\n"
     "  -d FILE     directory database (default /var/opt/KORRbase/nda/nda.db), or a\n"
@@ -467,6 +471,18 @@ int list_directory(const NdaStore* store, const char* db_path, bool json)
     return 0;
 }
 
+constexpr int STATS_WAIT_MS = 2000;
+
+int show_stats(int port, bool json)
+{
+    static CtSet set;
+    char why[256];
+    if (nda_stats_fetch(port, AGENT_USER, STATS_WAIT_MS, &set, why, sizeof why) != 0)
+        fail(1, why);
+    ct_print(stdout, set, json ? CtFormat::json : CtFormat::text, "halyard_nda_", nda_stat_defs, NDA_STAT_COUNT);
+    return 0;
+}
+
 // Reads what waits on the socket, at most a burst of it in one call: true
 // when the burst was used up (more may wait), false when the socket was
 // emptied.
@@ -525,6 +541,7 @@ int main(int argc, char* argv[])
 
     bool foreground = false;
     bool list = false;
+    bool stats = false;
     bool json = false;
     bool have_listen = false;
     uint32_t listen_addr = 0;
@@ -532,7 +549,7 @@ int main(int argc, char* argv[])
     const char* db_path = nullptr;
     const char* config = CONFIG_PATH;
     int opt;
-    while ((opt = tc_getopt(argc, argv, "flja:p:d:c:h")) != -1) {
+    while ((opt = tc_getopt(argc, argv, "fljsa:p:d:c:h")) != -1) {
         switch (opt) {
         case 'f':
             foreground = true;
@@ -542,6 +559,9 @@ int main(int argc, char* argv[])
             break;
         case 'j':
             json = true;
+            break;
+        case 's':
+            stats = true;
             break;
         case 'a':
             if (inet_pton(AF_INET, optarg, &listen_addr) != 1)
@@ -564,14 +584,14 @@ int main(int argc, char* argv[])
             return opt == 'h' ? 0 : EX_USAGE;
         }
     }
-    if (optind < argc || (json && !list)) {
+    if (optind < argc || (json && !list && !stats) || (list && stats)) {
         fputs(USAGE, stderr);
         return EX_USAGE;
     }
     // Started as root, the agent runs as its own user once the port is bound
     // and its places are made. Its log is given to it first: root's start
     // overrides no permission to write there either.
-    passwd* pw = !list && geteuid() == 0 ? getpwnam(AGENT_USER) : nullptr;
+    passwd* pw = !list && !stats && geteuid() == 0 ? getpwnam(AGENT_USER) : nullptr;
     passwd user = pw != nullptr ? *pw : passwd{};
     std::string user_home = pw != nullptr ? pw->pw_dir : "";
     if (pw != nullptr && user.pw_uid != 0)
@@ -589,7 +609,7 @@ int main(int argc, char* argv[])
     const NdaStore* store = is_connection(db_path) ? &nda_postgres : &nda_sqlite;
     if (list)
         return list_directory(store, db_path, json);
-    if (!read_key())
+    if (!stats && !read_key())
         fail(1, "the key of [agent] cannot be used: not started");
 
     // The port the daemons are given: a host that runs both shares the file.
@@ -597,6 +617,8 @@ int main(int argc, char* argv[])
         namelogin(config);
     if (port == 0)
         port = ndport != 0 ? ndport : DEFAULT_NDPORT;
+    if (stats)
+        return show_stats(port, json);
 
     // Without its user it does not start.
     if (geteuid() == 0 && (pw == nullptr || user.pw_uid == 0)) {
@@ -658,6 +680,7 @@ int main(int argc, char* argv[])
     if (conf.registrar_ct < 0)
         conf.registrar_ct = interface_networks(conf.registrars, NDA_MAX_REGISTRARS);
     nda_set_registrars(conf.registrars, conf.registrar_ct);
+    int stats_fd = nda_stats_listen(port);
     for (int i = 0; i < conf.registrar_ct; i++)
         TRACE(proc, 1, "halyard-nda: registrars %s/%d\n", nm_ntoa(conf.registrars[i].net),
               __builtin_popcount(conf.registrars[i].mask));
@@ -679,16 +702,20 @@ int main(int argc, char* argv[])
             wait = nda_due(vz_now_ms(), int64_t(time(nullptr)));
         if (busy > 0)
             wait = 0;
-        pollfd pfd{ens_fd, POLLIN, 0};
+        pollfd pfd[2] = {{ens_fd, POLLIN, 0}, {stats_fd, POLLIN, 0}};
         timespec ts{wait / 1000, long(wait % 1000) * 1000000};
-        int r = ppoll(&pfd, 1, wait < 0 ? nullptr : &ts, &wait_mask);
+        int r = ppoll(pfd, stats_fd >= 0 ? 2 : 1, wait < 0 ? nullptr : &ts, &wait_mask);
         if (r < 0 && errno != EINTR)
             break;
-        busy = r > 0 && receive(ens_fd) ? busy + 1 : 0;
+        if (r > 0 && pfd[1].revents != 0)
+            nda_stats_serve(stats_fd);
+        busy = r > 0 && pfd[0].revents != 0 && receive(ens_fd) ? busy + 1 : 0;
     }
     log_new();
     log_catmsg(LOG_SET, MSG_STOPPING, "%s: stopping (signal %d)", prog, vz_classic_signal(int(stop_sig)));
     store->close();
     close(ens_fd);
+    if (stats_fd >= 0)
+        close(stats_fd);
     return 0;
 }

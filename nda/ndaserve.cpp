@@ -11,6 +11,7 @@
 #include "misc/pktasm.h"
 #include "nda/ndadir.h"
 #include "nda/ndareq.h"
+#include "nda/ndastats.h"
 #include "nda/ndastore.h"
 #include "nmtrace.h"
 #include "shr/logging.h"
@@ -117,6 +118,22 @@ std::vector<Pending> started;
 std::vector<uint32_t> settled;  // verify ids
 int64_t batch_ms = 0, batch_s = 0;
 
+// The counter of a request's action, or of the answer to our VERIFY;
+// NDA_STAT_COUNT (none) for what the agent does not count.
+size_t action_stat(const NdaRequest& r)
+{
+    if (r.response)
+        return r.action == ENS_VERIFY ? nda_stat("verify_answers") : NDA_STAT_COUNT;
+    switch (r.action) {
+    case ENS_QUERY: return nda_stat("requests_query");
+    case ENS_ADD: return nda_stat("requests_add");
+    case ENS_DELETE: return nda_stat("requests_delete");
+    case ENS_EQUIV: return nda_stat("requests_equiv");
+    case ENS_PURGE: return nda_stat("requests_purge");
+    default: return NDA_STAT_COUNT;
+    }
+}
+
 uint64_t digest_of(const uint8_t* bytes, int len)
 {
     uint64_t h = 1469598103934665603ull;  // FNV-1a
@@ -214,6 +231,7 @@ void send_verify(Pending& p, int64_t now_ms)
     pkta_name(p.name);
     pkta_ip(p.holder.ip);
     pkta_request(&to, p.verify_id, ENS_VERIFY);
+    nda_count(nda_stat("verify_sent"));
     p.sends++;
     p.next_ms = now_ms + NDA_VERIFY_GAP_MS;
 }
@@ -433,7 +451,10 @@ void apply(int64_t now_ms, int64_t now_s)
             remember(o.key, o.digest, now_ms, o.a);
         if (o.refused) {
             refused_ct++;
+            nda_count(nda_stat("refused_outsider"));
             last_refused = &o.to;
+        } else if (o.a.ans < 0 && (o.a.action == ENS_ADD || o.a.action == ENS_DELETE)) {
+            nda_count(nda_stat("refused_held"));
         }
         send_answer(&o.to, o.key.id, o.a);
     }
@@ -461,6 +482,8 @@ int commit_items(size_t from, size_t to, int64_t now_ms, int64_t now_s)
     run_from = from;
     run_to = to;
     int r = store->transact(write, run_batch, nullptr);
+    if (r == 0 && write)
+        nda_count(nda_stat("commits"));
     if (r == 0)
         apply(now_ms, now_s);
     return r;
@@ -480,6 +503,7 @@ void nda_serve_init(const NdaStore* s)
     store_logged = 0;
     refused_ct = 0;
     refused_logged = 0;
+    nda_stats_reset();
 }
 
 void nda_set_registrars(const NdaNet* nets, int n)
@@ -495,8 +519,10 @@ void nda_datagram(const uint8_t* bytes, int len, const UniAddr* from, int64_t no
     int rc = nda_read_request(bytes, len, &it.r);
     if (rc < 0) {
         TRACE(proc, 1, "nda_datagram: %d bytes from %s dropped (%d)\n", len, uni_ntoa(from), rc);
+        nda_count(nda_stat("requests_malformed"));
         return;
     }
+    nda_count(action_stat(it.r));
     TRACE(proc, 5, "nda_datagram: id %u, action %d, response %d, from %s\n", it.r.id, it.r.action, it.r.response,
           uni_ntoa(from));
     if (batch.size() >= size_t(NDA_MAX_BATCH))

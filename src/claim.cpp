@@ -11,6 +11,7 @@
 #include "src/namelogin.h"
 #include "src/ntable.h"
 #include "src/service.h"
+#include "src/stats.h"
 
 namespace {
 
@@ -107,6 +108,7 @@ void name_release(const nt_entry* e)
 {
     TRACE(proc, 1, "Halyard: releasing name %s\n", nm_printable(e->name));
     release_ct++;
+    stat_inc(ST_RELEASES);
     broadcast_all(e, NT_RELEASE, release_ct, build_release);
 }
 
@@ -133,6 +135,7 @@ void check_conflict(const npkt* rec)
     const char* name = nm_printable(rec->name);
     const char* addr = uni_ntoa(&rec->addr);
     TRACE(proc, 1, "check_conflict: name conflict found: %s, address %s\n", name, addr);
+    stat_inc(ST_CONFLICTS_NETWORK);
     log_new();
     log_catmsg(LOG_SET, MSG_NAME_EXISTS, "Halyard: name already exists on network: %s", name);
     log_catmsg(LOG_SET, MSG_AT_ADDRESS, "        at address %s", addr);

@@ -18,6 +18,7 @@
 #include "src/namelogin.h"
 #include "src/nbndgio.h"
 #include "src/service.h"
+#include "src/stats.h"
 
 // Every ENS datagram of the daemon and of the agent leaves here: with a key
 // it is sealed here, so the trace shows what goes on the wire.
@@ -132,6 +133,7 @@ void nda_query(const npkt* packet)
     }
     if (cached == 1) {
         TRACE(proc, 3, "nda_query: found cached NDA response, addr %s\n", nm_ntoa(addr));
+        stat_inc(ST_QUERIES_PROXY);
         answer_query(packet->name, static_cast<uint32_t>(group), addr, &packet->addr, packet->pktid);
         return;
     }
@@ -159,6 +161,7 @@ int nda_lquery(const uint8_t* name, int32_t id, uint32_t xid)
     }
     if (cached == 1) {
         TRACE(proc, 3, "nda_lquery: found cached NDA response, addr %s\n", nm_ntoa(addr));
+        stat_inc(ST_LOOKUP_AGENT);
         finish_lookup(addr, group, xid);
         return 0;
     }

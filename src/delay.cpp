@@ -15,6 +15,7 @@
 #include "src/maininit.h"
 #include "src/namelogin.h"
 #include "src/query.h"
+#include "src/stats.h"
 
 namespace {
 
@@ -252,6 +253,7 @@ int send_cmd(DelayCmd* rec)
         rec->nda_index++;
         if (rec->nda_index >= nda_ct) {
             TRACE(proc, 3, "send_cmd: No response from any NDA\n");
+            stat_inc(ST_AGENT_UNANSWERED);
             return -1;
         }
         rec->tries = 0;
@@ -259,6 +261,7 @@ int send_cmd(DelayCmd* rec)
     if (rec->nda_index >= nda_ct || rec->nda_index >= MAX_NDA)
         return -1;
     rec->tries++;
+    stat_inc(rec->tries == 1 && rec->nda_index == 0 ? ST_AGENT_SENT : ST_AGENT_RETRIED);
     UniAddr to{};
     iantoua(&to, nda_addr[rec->nda_index], ndport);
     switch (rec->kind) {

@@ -21,6 +21,7 @@
 #include "src/notifier.h"
 #include "src/ntable.h"
 #include "src/query.h"
+#include "src/stats.h"
 
 int doing_claims = 0;
 
@@ -173,6 +174,9 @@ bool lu_full(uint32_t xid)
 // The answer of a timed-out lookup or status request, now.
 void refuse_wait(ns_hdr* h, uint8_t* data)
 {
+    stat_inc(ST_REQ_REFUSED);
+    if (h->op == NS_LOOKUP)
+        stat_inc(ST_LOOKUP_NOT_FOUND);
     answer(h, h->op, h->op == NS_LOOKUP ? LOOKUP_LEN : 4);
     memset(data, 0, LOOKUP_LEN);
     put32(data, 0, NT_ABSENT);
@@ -285,6 +289,7 @@ int get_request(ns_hdr* h, uint8_t* data)
         }
         if (f.kind == NsFrame::skip) {
             TRACE(proc, 1, "get_request: %d bytes without a request skipped\n", static_cast<int>(f.n));
+            stat_inc(ST_REQ_MALFORMED);
             req_len -= f.n;
             memmove(req_buf.data(), req_buf.data() + f.n, req_len);
             continue;
@@ -328,9 +333,11 @@ void put_response(const ns_hdr* h, const uint8_t* data)
     memcpy(msg + NS_HDRSIZE, data, len - NS_HDRSIZE);
     ssize_t n = vz_write_held(to_ntf, msg, len);
     int err = errno;
-    if (n != static_cast<ssize_t>(len))
+    if (n != static_cast<ssize_t>(len)) {
+        stat_inc(ST_RESP_DROPPED);
         TRACE(proc, 1, "put_response: response %08x dropped, %d of %d bytes written, errno %d\n", h->xid,
               static_cast<int>(n), static_cast<int>(len), n < 0 ? err : 0);
+    }
 }
 
 // "%.2x" and "%.8x" write what "%02.2x" and "%08.8lx" would, without the
@@ -360,7 +367,7 @@ const char* opstring(uint32_t op)
         "NS_NBTYPE",   "NS_CKNAME",  "NS_NBSCOPE", "NS_ADAPSTAT", "NS_ENSTABLE",
     };
     uint32_t code = op & 0xFFF;
-    const char* name = code >= 1 && code <= 10 ? names[code] : "Unrecognized";
+    const char* name = code >= 1 && code <= 10 ? names[code] : code == NS_STATS ? "NS_STATS" : "Unrecognized";
     snprintf(op_text, sizeof op_text, "%s%s", name, (op & NS_RESPONSE) ? " | NS_RESPONSE" : "");
     return op_text;
 }
@@ -384,6 +391,7 @@ void do_request(int)
             TRACE(proc, 1, "do_request: get_request failed\n");
             return;
         }
+        stat_request(req_hdr.op);
         switch (req_hdr.op) {
         case NS_ADDNAME: do_addname(&req_hdr, req_data); break;
         case NS_DELNAME: do_delname(&req_hdr, req_data); break;
@@ -393,6 +401,7 @@ void do_request(int)
         case NS_CKNAME: do_ckname(&req_hdr, req_data); break;
         case NS_NBSCOPE: do_nbscope(&req_hdr, req_data); break;
         case NS_ENSTABLE: do_enstable(&req_hdr, req_data); break;
+        case NS_STATS: do_stats(&req_hdr, req_data); break;
         // These answer when the network does, or at once when they cannot
         // wait. The requests behind them are read now: read one interrupt
         // later, a few lookups written together would hold up every other
@@ -482,6 +491,7 @@ void do_lookup(ns_hdr* h, uint8_t* data)
     memcpy(name, data, sizeof name);
     const nt_entry* e = nt_search(name);
     if (e != nullptr) {
+        stat_inc(ST_LOOKUP_LOCAL);
         answer(h, NS_LOOKUP, LOOKUP_LEN);
         lookup_data(data, 0, first_address(), (e->flags & NT_GROUP) ? 1 : 0);
         put_response(h, data);
@@ -494,6 +504,7 @@ void do_lookup(ns_hdr* h, uint8_t* data)
     if (nda_ct > 0) {
         const EnsName* en = ens_n_lookup(name);
         if (en != nullptr && en->host != nullptr && en->host->addrs != nullptr) {
+            stat_inc(ST_LOOKUP_LEARNED);
             answer(h, NS_LOOKUP, LOOKUP_LEN);
             lookup_data(data, 0, en->host->addrs->address, (en->flags & ENS_GROUP) ? 1 : 0);
             put_response(h, data);
@@ -539,6 +550,13 @@ void do_enstable(ns_hdr* h, uint8_t* data)
     put32(data, 0, tracing ? 0 : -1);
 }
 
+// Status 0, then the counters; they always fit (stats.cpp checks).
+void do_stats(ns_hdr* h, uint8_t* data)
+{
+    put32(data, 0, 0);
+    answer(h, NS_STATS, 4 + stat_encode(data + 4, NS_REQMAX - 4));
+}
+
 void do_adapstat(ns_hdr* h, uint8_t* data)
 {
     UniAddr ua;
@@ -576,6 +594,8 @@ void fail_lookup(int32_t id)
     if (get_luid(id, &op, nullptr, nullptr, &xid) < 0)
         return;   // already answered
     rm_lu(id);
+    if (op == NS_LOOKUP)
+        stat_inc(ST_LOOKUP_NOT_FOUND);
     fresh(&late_hdr, xid, op, op == NS_LOOKUP ? LOOKUP_LEN : 4);
     memset(late_data, 0, LOOKUP_LEN);
     put32(late_data, 0, NT_ABSENT);
@@ -611,6 +631,7 @@ void do_claim(int32_t)
             continue;
         TRACE(proc, 2, "found claimer, count %d, nda_ct %d\n", e->count, nda_ct);
         if (e->count >= 2) {
+            stat_inc(ST_NAMES_CLAIMED);
             e->flags &= ~NT_PENDING;
             if (nda_ct > 0) {
                 uint32_t addrs[DC_MAXADDR];

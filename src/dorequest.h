@@ -42,6 +42,7 @@ void do_ckname(ns_hdr* h, uint8_t* data);
 void do_nbscope(ns_hdr* h, uint8_t* data);
 void do_adapstat(ns_hdr* h, uint8_t* data);
 void do_enstable(ns_hdr* h, uint8_t* data);
+void do_stats(ns_hdr* h, uint8_t* data);
 
 struct nt_entry;
 // One NS_LISTNAME message from pos (null: the first, after tables_sync);

@@ -21,6 +21,7 @@
 #include "src/nbndgio.h"
 #include "src/ntable.h"
 #include "src/service.h"
+#include "src/stats.h"
 
 namespace {
 
@@ -89,12 +90,14 @@ void query_resp(const DelayCmd* rec)
         return;
     if (rec->kind == DC_QUERY) {
         const uint32_t pktid[2] = {uint32_t(rec->ctx1), rec->ctx2};
+        stat_inc(ST_QUERIES_PROXY);
         answer_query(rec->name, uint32_t(group), address, &rec->peer, pktid);
     } else {
         int32_t id = 0;
         uint32_t xid = 0;
         if (get_luname(rec->name, &id, &xid) == 0 && id == rec->ctx1 && xid == rec->ctx2) {
             TRACE(proc, 3, "query_resp: answering local query\n");
+            stat_inc(ST_LOOKUP_AGENT);
             rm_lu(id);
             finish_lookup(address, group, xid);
         }
@@ -108,6 +111,7 @@ void name_conflict(const uint8_t* name, const char* owner)
     // nm_printable keeps its text in a buffer of its own, apart from owner's.
     const char* text = nm_printable(name);
     TRACE(proc, 1, "add_resp: name conflict found: %s, addr %s\n", text, owner);
+    stat_inc(ST_CONFLICTS_AGENT);
     log_new();
     log_catmsg(LOG_SET, MSG_NAME_EXISTS, "Halyard: name already exists on network: %s", text);
     log_catmsg(LOG_SET, MSG_AT_ADDRESS, "        at address %s", owner);
@@ -138,6 +142,7 @@ void add_resp(const DelayCmd* rec)
             if (read_group_ip(&group, &owner, false)) {
                 TRACE(proc, 3, "add_resp: defending name for %s\n", nm_ntoa(owner));
                 const uint32_t pktid[2] = {uint32_t(rec->ctx1), rec->ctx2};
+                stat_inc(ST_CLAIMS_DEFENDED);
                 defend_name(rec->name, uint32_t(group), owner, &rec->peer, pktid);
                 nda_putpcache(rec->name, owner, group, now);
             }

@@ -21,6 +21,7 @@
 #include "shr/vzsignal.h"
 #include "src/maininit.h"
 #include "src/namelogin.h"
+#include "src/stats.h"
 
 int from_ntf = -1;
 int to_ntf = -1;
@@ -619,6 +620,7 @@ int ntf_watch_fd()
 void ntf_lost()
 {
     TRACE(proc, 1, "ntf_lost: notifier %d ended\n", ntf_pid);
+    stat_inc(ST_RELAY_RESTARTS);
     close(from_ntf);
     close(to_ntf);
     from_ntf = to_ntf = -1;

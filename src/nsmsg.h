@@ -59,6 +59,11 @@ constexpr uint32_t NS_CKNAME = 7;
 constexpr uint32_t NS_NBSCOPE = 8;
 constexpr uint32_t NS_ADAPSTAT = 9;
 constexpr uint32_t NS_ENSTABLE = 10;
+// Beyond the designed operations: the daemon's counters since its start
+// (src/stats.h), answered with status 0 and the counters of
+// shr/counters.h. A server that does not know it answers a bare header,
+// as to any unknown code, and the designed operations are unchanged.
+constexpr uint32_t NS_STATS = 0x100;
 constexpr uint32_t NS_RESPONSE = 0x1000;
 
 // What the bytes at the front of a stream hold.

@@ -16,6 +16,7 @@
 #include "src/ndump.h"
 #include "src/ntable.h"
 #include "src/service.h"
+#include "src/stats.h"
 
 namespace {
 
@@ -136,6 +137,7 @@ void check_lookup(const npkt* rec)
         return;   // the lookup waits on for its time-out
     }
     rm_lu(id);
+    stat_inc(ST_LOOKUP_BROADCAST);
     finish_lookup(addr, group, xid);
 }
 
@@ -265,6 +267,7 @@ void answer_adapstat(const npkt* rec)
         TRACE(out, 1, "answer_adapstat: sending response\n");
         ndump(tcfile, &out_rec, tc_out);
     }
+    stat_inc(ST_STATUS_ANSWERED);
     dg_dsend(out_area, out_rec.size, &rec->addr);
 }
 

@@ -15,6 +15,7 @@
 #include "src/ndump.h"
 #include "src/ntable.h"
 #include "src/query.h"
+#include "src/stats.h"
 
 namespace {
 
@@ -159,6 +160,7 @@ void check_query(const npkt* rec)
         TRACE(proc, 3, "check_query: ignoring my own query\n");
         return;
     }
+    stat_inc(ST_QUERIES_RECEIVED);
     if (nda_ct > 0 && ens_a_lookup(from) == nullptr)
         unk_as_query(rec->name, from);
     const nt_entry* e = name_present(rec->name);
@@ -166,6 +168,7 @@ void check_query(const npkt* rec)
         if (e->flags & NT_PENDING)
             return;   // not ours until its claim is through
         TRACE(proc, 2, "check_query: answering request for local name\n");
+        stat_inc(ST_QUERIES_OWN);
         answer_query(rec->name, e->flags, matching_addr(from), &rec->addr, rec->pktid);
         return;
     }
@@ -182,6 +185,7 @@ void check_query(const npkt* rec)
         return;
     uint32_t owner = n->host->addrs->address;
     TRACE(proc, 2, "check_query: answering request as proxy for %s\n", nm_ntoa(owner));
+    stat_inc(ST_QUERIES_PROXY);
     answer_query(n->name, n->flags, owner, &rec->addr, rec->pktid);
 }
 
@@ -204,6 +208,7 @@ void check_claim(const npkt* rec)
         if ((e->flags & NT_GROUP) && group_claim)
             return;   // group names are shared
         TRACE(proc, 2, "check_claim: defending local name\n");
+        stat_inc(ST_CLAIMS_DEFENDED);
         defend_name(e->name, e->flags, matching_addr(from), &rec->addr, rec->pktid);
         return;
     }

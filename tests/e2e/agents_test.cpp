@@ -9,9 +9,13 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "client/nsclient.h"
+#include "src/stats.h"
 
 namespace {
 
@@ -423,6 +427,95 @@ TEST_F(EnsLab, HostsAreLearnedFromStatusAnswersAndForgottenByTheirReleases)
     ASSERT_TRUE(sync(agent, 9103));
     table = ens_table();
     EXPECT_EQ(table.find("10.88.0.2"), std::string::npos) << table;
+}
+
+// Every counter after an exchange with a lookup answered each way, a name
+// claimed, defended, lost at the agent and released, queries and a status
+// request of a station: the same exact values in every format.
+TEST_F(EnsLab, CountsExactlyWhatItDid)
+{
+    Agent agent;
+    int station = -1;
+    ASSERT_TRUE(start_with_agent(agent, station));
+    const Addrs both{"10.88.0.1", "10.89.0.1"};
+    ASSERT_EQ(lab.halyardctl({"add", "MINE<20>"}), 0);
+    ASSERT_TRUE(answer(agent, ndasim::add, nb("MINE"), both));
+    ASSERT_EQ(lab.halyardctl({"add", "TAKEN<20>"}), 0);
+    auto m = agent.next(20.0, ndasim::add);
+    ASSERT_TRUE(m && agent.reply_add_refused(*m, false, "10.88.0.9")) << lab.trace();
+    ASSERT_TRUE(lab.wait_log("already exists"));
+
+    // The station: a query for FAR, which the agent answers; a claim of a
+    // free name, which the agent takes; a claim of ours, a query for it and
+    // its node status.
+    Bytes q = ns_packet(0x0a0a, 1, 0x10, {1, 0, 0, 0}, nb("FAR"), {0}, {0, 0x20, 0, 1});
+    ASSERT_TRUE(lab.send_to(station, "10.88.0.255", 137, q));
+    m = agent.next(20.0, ndasim::query);
+    ASSERT_TRUE(m && agent.reply(*m, 0, 0, ndasim::cat({ndasim::int_item(0), ndasim::int_item(1),
+                                                         ndasim::ip_item("10.88.0.7")})));
+    ASSERT_TRUE(lab.send_to(station, "10.88.0.255", 137, registration(0x2102, 0x29, nb("FREE"), {10, 88, 0, 2})));
+    ASSERT_TRUE(answer(agent, ndasim::add, nb("FREE"), {"10.88.0.2"}));
+    ASSERT_TRUE(lab.send_to(station, "10.88.0.1", 137, registration(0x2103, 0x29, nb("MINE"), {10, 88, 0, 2})));
+    ASSERT_TRUE(lab.send_to(station, "10.88.0.1", 137,
+                            ns_packet(0x0b0b, 1, 0x00, {1, 0, 0, 0}, nb("MINE"), {0}, {0, 0x20, 0, 1})));
+    ASSERT_TRUE(lab.send_to(station, "10.88.0.1", 137,
+                            ns_packet(0x0c0c, 0, 0x00, {1, 0, 0, 0}, nb("MINE"), {0}, {0, 0x21, 0, 1})));
+    ASSERT_TRUE(sync(agent, 9301));
+    ASSERT_EQ(lab.collect(station, 4, 10.0, [](const Bytes& b) { return b.size() > 3 && (b[2] & 0x80); }).size(),
+              4u) << lab.trace();
+
+    // Lookups: local, learned, the agent's cached answer, a station's
+    // answer to the broadcast (the agent knows nothing), and none at all
+    // (the agent silent: its QUERY sent twice, then given up).
+    for (const char* name : {"MINE<20>", "FREE<20>", "FAR<20>"})
+        ASSERT_EQ(lab.halyardctl({"lookup", name}), 0) << name;
+    NscLookup near{};
+    std::thread asking([&] {
+        NscConn c;
+        nsc_setup(&c, nullptr, 20);
+        nsc_lookup(&c, nb("NEAR").data(), &near);
+    });
+    m = agent.next(20.0, ndasim::query);
+    bool replied = m && agent.reply(*m, -1, 0);
+    auto asked = lab.collect(station, 1, 10.0, [](const Bytes& b) { return question_name(b) == nb("NEAR"); });
+    if (asked.size() == 1)
+        lab.send_to(station, "10.88.0.1", 137,
+                    ns_packet(uint16_t(asked[0].bytes[0] << 8 | asked[0].bytes[1]), 0x85, 0x00, {0, 1, 0, 0},
+                              nb("NEAR"), {0}, {0, 0x20, 0, 1, 0, 0, 0, 0, 0, 6, 0, 0, 10, 88, 0, 2}));
+    asking.join();
+    ASSERT_TRUE(replied && near.status == 0) << lab.trace();
+    EXPECT_EQ(lab.halyardctl({"lookup", "NONE<20>"}), 1);
+    ASSERT_TRUE(lab.wait_trace("send_cmd: No response from any NDA")) << lab.trace();
+    ASSERT_EQ(lab.halyardctl({"del", "MINE<20>"}), 0);
+    ASSERT_TRUE(answer(agent, ndasim::del, nb("MINE"), both));
+
+    std::map<std::string, uint64_t> want;
+    for (int i = 0; i < ST_COUNT; i++)
+        want[stat_defs()[i].name] = 0;
+    for (auto [name, value] : std::map<std::string, uint64_t>{
+             {"queries_received", 2}, {"queries_answered_own", 1}, {"queries_answered_proxy", 1},
+             {"status_answered", 1}, {"lookups_local", 1}, {"lookups_learned", 1}, {"lookups_agent", 1},
+             {"lookups_broadcast", 1}, {"lookups_not_found", 1}, {"names_claimed", 2}, {"claims_defended", 1},
+             {"conflicts_agent", 1}, {"releases", 1}, {"agent_commands_sent", 8}, {"agent_commands_retried", 1},
+             {"agent_commands_unanswered", 1}, {"requests_addname", 2}, {"requests_delname", 1},
+             {"requests_lookup", 5}}) {
+        ASSERT_TRUE(want.count(name)) << name;
+        want[name] = value;
+    }
+    std::string text, json, prometheus, read;
+    ASSERT_EQ(lab.halyardctl({"stats"}, &text), 0) << text;
+    ASSERT_EQ(lab.halyardctl({"--json", "stats"}, &json), 0) << json;
+    ASSERT_EQ(lab.halyardctl({"--prometheus", "stats"}, &prometheus), 0) << prometheus;
+    ASSERT_TRUE(lab.write_file("/var/opt/counters.json", json));
+    ASSERT_EQ(lab.run(lab_daemon, {"/usr/bin/jq", "-r", "to_entries[] | \"\\(.key) \\(.value)\"",
+                                   "/var/opt/counters.json"}, &read), 0) << json;
+    const struct { const char* format; const std::string& out; bool prometheus; } formats[] = {
+        {"text", text, false}, {"json", read, false}, {"prometheus", prometheus, true}};
+    for (const auto& f : formats) {
+        SCOPED_TRACE(f.format);
+        want["requests_stats"]++;  // each asking counts before its answer
+        EXPECT_EQ(lab_counters(f.out, f.prometheus ? "halyard_" : nullptr), want) << f.out;
+    }
 }
 
 }  // namespace

@@ -532,6 +532,21 @@ TEST_F(Directory, ServesEveryRequestOfTheProtocol)
     ASSERT_TRUE(lab.send_to(s[2], "127.0.0.1", 227, datagram(v.id, ndasim::verify | response_bit, -1, 3, {})));
     EXPECT_EQ(from_agent(s[1]), answer(12, ndasim::add, 0));
     EXPECT_EQ(ask_agent(TEAM), "10.1.0.3");
+    // Counted, and told to root (also as JSON) but not to another user.
+    std::string json;
+    ASSERT_EQ(lab.run(lab_daemon, {HALYARD_NDA_BINARY, "-s"}, &out), 0) << out;
+    EXPECT_EQ(lab_counters(out), (std::map<std::string, uint64_t>{
+        {"requests_query", 3}, {"requests_add", 8}, {"requests_delete", 1}, {"requests_equiv", 1},
+        {"requests_purge", 1}, {"requests_malformed", 0}, {"verify_sent", 1}, {"verify_answers", 1},
+        {"refused_outsider", 0}, {"refused_held", 2}, {"commits", 12}})) << out;
+    ASSERT_EQ(lab.run(lab_daemon, {HALYARD_NDA_BINARY, "-s", "-j"}, &json), 0) << json;
+    ASSERT_TRUE(lab.write_file("/var/opt/counters.json", json));
+    std::string read;
+    ASSERT_EQ(lab.run(lab_daemon, {"/usr/bin/jq", "-r", "to_entries[] | \"\\(.key) \\(.value)\"",
+                                   "/var/opt/counters.json"}, &read), 0) << json;
+    EXPECT_EQ(lab_counters(read), lab_counters(out)) << json;
+    EXPECT_EQ(lab.run(lab_daemon, {HALYARD_NDA_BINARY, "-s"}, &out, 30.0, 65534, 65534), 1 << 8);
+    EXPECT_EQ(out, "halyard-nda: the agent refused: only root, its user and its group may ask\n");
     // 100 claims of it from C (spoofed, say): B gets at most 20 VERIFYs a
     // second, confirms each, and keeps the name.
     for (uint32_t id = 200; id < 300; id++)

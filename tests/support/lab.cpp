@@ -19,10 +19,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -765,4 +767,30 @@ int Lab::halyardctl(const std::vector<std::string>& args, std::string* out, int 
     argv.insert(argv.end(), args.begin(), args.end());
     int st = run(lab_daemon, argv, out, 60.0, uid, gid);
     return st != -1 && WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+}
+
+std::map<std::string, uint64_t> lab_counters(const std::string& out, const char* prefix)
+{
+    std::map<std::string, uint64_t> got;
+    std::string pre = prefix != nullptr ? prefix : "", line, help, type;
+    std::istringstream in(out);
+    for (uint64_t n = 1; std::getline(in, line); n++) {
+        char name[64];
+        unsigned long long v = 0;
+        int end = 0;
+        if (prefix != nullptr && line.starts_with("# HELP ")) {
+            help = line.substr(7, line.find(' ', 7) - 7);
+        } else if (prefix != nullptr && line.starts_with("# TYPE ")) {
+            type = line.substr(7);
+        } else if (sscanf(line.c_str(), "%63[a-z0-9_] %llu%n", name, &v, &end) == 2 &&
+                   (prefix != nullptr ? size_t(end) == line.size() && help == name && type == help + " counter" &&
+                                            help.starts_with(pre) && help.ends_with("_total")
+                                      : size_t(end) == line.size() || line[size_t(end)] == ' ')) {
+            std::string key = name;
+            got[prefix != nullptr ? key.substr(pre.size(), key.size() - pre.size() - 6) : key] = v;
+        } else {
+            return {{"malformed", n}};
+        }
+    }
+    return got;
 }

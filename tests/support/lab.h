@@ -20,6 +20,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -57,6 +58,13 @@ std::vector<LabLogGroup> lab_parse_log(const std::string& text);
 
 // The whole file, or "" when it cannot be read.
 std::string lab_read_file(const std::string& path);
+
+// Counters as halyardctl stats and halyard-nda -s print them, by name:
+// "name value" per line (text, or jq's reading of the JSON), or with a
+// prefix the Prometheus text format, each sample after its HELP and TYPE
+// lines and named prefix + name + "_total". {"malformed", line} at the
+// first line out of form.
+std::map<std::string, uint64_t> lab_counters(const std::string& out, const char* prefix = nullptr);
 
 // The "pid" property of a property-list text, or -1 when there is none.
 // Polls done() until it holds or `seconds` have passed: whether it held.

@@ -43,7 +43,8 @@ TEST(NameText, ParsesAndPrints) {
 TEST(Halyardctl, UsageErrorsGiveExit2) {
     for (const char* args : {"", "frobnicate", "add", "add a b", "add sixteen-chars-xx", "del 'ab<zz>'",
                              "list extra", "status 10.1.2", "--timeout 0 list", "--bogus list",
-                             "lookup --group x", "check-config a b"}) {
+                             "lookup --group x", "check-config a b", "--prometheus list",
+                             "--json --prometheus stats"}) {
         SCOPED_TRACE(args);
         std::string cmd = std::string(HALYARDCTL_BINARY) + " " + args + " 2>/dev/null";
         int st = system(cmd.c_str());
