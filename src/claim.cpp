@@ -11,6 +11,7 @@
 #include "src/namelogin.h"
 #include "src/ntable.h"
 #include "src/service.h"
+#include "src/wins.h"
 
 namespace {
 
@@ -108,6 +109,7 @@ void name_release(const nt_entry* e)
     TRACE(proc, 1, "Halyard: releasing name %s\n", nm_printable(e->name));
     release_ct++;
     broadcast_all(e, NT_RELEASE, release_ct, build_release);
+    wins_release(e);   // a name the servers hold goes there too
 }
 
 // RFC 1002 5.1.1.1: a negative (or any) registration response to our

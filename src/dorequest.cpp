@@ -21,6 +21,7 @@
 #include "src/notifier.h"
 #include "src/ntable.h"
 #include "src/query.h"
+#include "src/wins.h"
 
 int doing_claims = 0;
 
@@ -202,7 +203,7 @@ int add_lu(const uint8_t* name, uint32_t address, uint32_t op, int32_t id, uint3
     r->op = op;
     r->id = id;
     r->xid = xid;
-    r->expiry = dg_now() + LOOKUP_WAIT;
+    r->expiry = dg_now() + LOOKUP_WAIT + wins_lookup_wait();
     r->next = lu_list;
     lu_list = r;
     lu_count++;
@@ -502,7 +503,12 @@ void do_lookup(ns_hdr* h, uint8_t* data)
         if (nda_lquery(name, l_id, h->xid) == 0)
             return;   // answered from the agents' cached answer
     }
-    name_query(name);
+    // The agents are asked first: they answer for our daemons on every
+    // subnet. Then the WINS servers, which know the other stations that
+    // registered there, and the broadcast last, once they do not know it:
+    // RFC 1001 10.2's H node. An agent's answer still ends the wait at any
+    // point; the WINS query then finds no lookup and stops.
+    wins_lookup(name);
     wait_for(name, 0, NS_LOOKUP, h->xid);
 }
 
@@ -616,6 +622,7 @@ void do_claim(int32_t)
                 uint32_t addrs[DC_MAXADDR];
                 nda_add(e->name, e->flags, addrs, own_addresses(addrs));
             }
+            wins_register(e);
             continue;
         }
         name_claim(e);
