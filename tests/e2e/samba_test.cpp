@@ -244,11 +244,13 @@ TEST_F(Samba, TheDaemonRegistersAndLooksUpAtWinsServers)
     ASSERT_TRUE(lab.send_to(first, "10.88.0.1", 137,
                             ns_packet(id, 0xBC, 0, {0, 1, 0, 0}, ns_name("MYHOST"), {0}, {0, 0x20, 0, 1, 0, 0, 0, 20, 0, 2, 0x29, 0})));
     // While the daemon waits out the WACK, and past the 10 seconds in which
-    // any station's registration response counts against a claim: a refusal
-    // under that id from a station that is not the server.
+    // any station's registration response counts against a claim: refusals
+    // under that id from a station that is not the server, and from the
+    // server under another id.
     std::this_thread::sleep_until(added + std::chrono::seconds(13));
-    ASSERT_TRUE(lab.send_to(far, "10.88.0.1", 137, ns_packet(id, 0xAD, 0x86, {0, 1, 0, 0}, ns_name("MYHOST"), {0},
-                                                             nb_rr(0, "10.88.0.3"))));
+    for (auto [fd, forged] : {std::pair{far, id}, {first, uint16_t(id ^ 1)}})
+        ASSERT_TRUE(lab.send_to(fd, "10.88.0.1", 137, ns_packet(forged, 0xAD, 0x86, {0, 1, 0, 0}, ns_name("MYHOST"),
+                                                                {0}, nb_rr(0, "10.88.0.3"))));
     // After the WACK's 20 seconds, the second server.
     std::string out;
     ASSERT_TRUE(lab_wait_for(60, [&] {
