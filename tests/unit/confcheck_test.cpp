@@ -76,7 +76,7 @@ TEST(ConfCheck, EachAlternativeOfTheExampleConfigurationPasses)
         EXPECT_NE(out.find("0 errors, 0 warnings\n"), std::string::npos) << text << out;
         EXPECT_NE(out, check(base)) << "nothing switched on";
     }
-    EXPECT_EQ(alternatives, 5);
+    EXPECT_EQ(alternatives, 6);
     EXPECT_NE(check(base).find("  followed         all: "), std::string::npos) << check(base);
     unlink(kPath.c_str());
 }
