@@ -224,7 +224,8 @@ void broadcast_lookup(Txn& t)
 void silent(Txn& t, time_t now)
 {
     if (t.server + 1 < wins_ct) {
-        start(t, t.step, t.server + 1, now);
+        // The next server never had the name: a refresh is a registration there.
+        start(t, t.step == Step::refreshing ? Step::registering : t.step, t.server + 1, now);
         return;
     }
     switch (t.step) {
