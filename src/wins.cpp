@@ -42,10 +42,12 @@ constexpr time_t WACK_MAX = 120;
 constexpr time_t AGAIN_LATER = 300;
 // No timer of ours sleeps longer: one stays armed for the next refresh and
 // an earlier need gets a second one (the daemon's table has room for 10).
+// With both out and later than a new need, it waits for the earlier of
+// them: late by a minute at most, never lost.
 constexpr time_t TICK_MAX = 60;
 constexpr int SLOTS = 2;
 
-// RFC 1002 4.2.1.1 NB_FLAGS ONT: we ask the server first, an H node.
+// RFC 1002 4.2.2 NB_FLAGS ONT: we ask the server first, an H node.
 constexpr int ONT_H = 0x6000;
 constexpr int RCODE_SRV_ERR = 2;
 
@@ -58,7 +60,7 @@ struct Txn {
     uint8_t name[16];
     uint32_t flags;      // NT_GROUP
     Step step;
-    bool held;           // `held` and `registering` later: registered nowhere
+    bool held;           // in step held: registered at `server`; if not, nowhere yet
     int server;          // index into wins_addr asked, or holding the name
     int tries;           // sent to that server under this id
     uint16_t id;
