@@ -6,7 +6,8 @@
 // Input: one option byte, then the datagram (at most 1500 bytes).
 //   bit 0  one agent configured      bit 1  the sender is our own address
 //   bit 2  every trace level at 9    bit 3  the sender is off our subnets
-//   bit 4  lookups are not strict
+//   bit 4  lookups are not strict    bit 5  the sender is our WINS server,
+//                                           asked for FAR (its id is random)
 #include <arpa/inet.h>
 #include <cstring>
 
@@ -21,6 +22,7 @@
 #include "src/nbndgio.h"
 #include "src/ntable.h"
 #include "src/service.h"
+#include "src/wins.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
@@ -48,6 +50,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     fz_name16(name, "FAR", 0x20);
     add_lu(name, 0, NS_LOOKUP, 1, 11);
     add_lu(name, inet_addr("10.88.0.7"), NS_ADAPSTAT, 2, 12);
+    wins_ct = (opt & 32) ? 1 : 0;
+    wins_addr[0] = inet_addr("10.88.0.7");
+    if (wins_ct > 0)
+        wins_lookup(name);
 
     // An exact copy: a read past the datagram is a read past the buffer.
     npkt rec{};

@@ -1,6 +1,7 @@
 // The readers of name-service responses on a datagram of up to 1500 bytes:
-// find_ip_rfc and find_as_rfc (the client library's and the daemon's), and
-// find_flags and find_type of the decoder.
+// find_ip_rfc and find_as_rfc (the client library's and the daemon's),
+// find_ttl_rfc (the WINS client's), and find_flags and find_type of the
+// decoder.
 #include <cstring>
 
 #include "fuzz/fuzzenv.h"
@@ -24,6 +25,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     uint32_t addr = 0;
     int group = 0;
     find_ip_rfc(bytes, len, &addr, &group);
+    uint32_t ttl = 0;
+    find_ttl_rfc(bytes, len, &ttl);
     static as_stats st;
     static as_name recs[AS_MAXNAMES];
     int n = find_as_rfc(bytes, len, &st, recs);

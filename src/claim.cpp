@@ -12,6 +12,7 @@
 #include "src/ntable.h"
 #include "src/service.h"
 #include "src/stats.h"
+#include "src/wins.h"
 
 namespace {
 
@@ -110,6 +111,7 @@ void name_release(const nt_entry* e)
     release_ct++;
     stat_inc(ST_RELEASES);
     broadcast_all(e, NT_RELEASE, release_ct, build_release);
+    wins_release(e);   // a name the servers hold goes there too
 }
 
 // RFC 1002 5.1.1.1: a negative (or any) registration response to our

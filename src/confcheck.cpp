@@ -117,6 +117,12 @@ void print_settings()
     for (int i = 0; i < nda_ct; i++)
         fprintf(o, " %s", dotted(nda_addr[i]));
     fprintf(o, "\n");
+    fprintf(o, "  %-16s", "WINS servers");
+    if (wins_ct == 0)
+        fprintf(o, " none");
+    for (int i = 0; i < wins_ct; i++)
+        fprintf(o, " %s", dotted(wins_addr[i]));
+    fprintf(o, "\n");
     fprintf(o, "  %-16s %s\n", "ENS key", nda_key[0] != '\0' ? nda_key : "none: ENS datagrams without a code");
     fprintf(o, "  %-16s %s\n", "ENS client", ens_client != 0 ? "on" : "off");
     fprintf(o, "  %-16s %s\n", "scope", nb_scope[0] != '\0' ? nb_scope : "none");

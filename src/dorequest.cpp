@@ -22,6 +22,7 @@
 #include "src/ntable.h"
 #include "src/query.h"
 #include "src/stats.h"
+#include "src/wins.h"
 
 int doing_claims = 0;
 
@@ -206,7 +207,7 @@ int add_lu(const uint8_t* name, uint32_t address, uint32_t op, int32_t id, uint3
     r->op = op;
     r->id = id;
     r->xid = xid;
-    r->expiry = dg_now() + LOOKUP_WAIT;
+    r->expiry = dg_now() + LOOKUP_WAIT + wins_lookup_wait();
     r->next = lu_list;
     lu_list = r;
     lu_count++;
@@ -513,7 +514,12 @@ void do_lookup(ns_hdr* h, uint8_t* data)
         if (nda_lquery(name, l_id, h->xid) == 0)
             return;   // answered from the agents' cached answer
     }
-    name_query(name);
+    // The agents are asked first: they answer for our daemons on every
+    // subnet. Then the WINS servers, which know the other stations that
+    // registered there, and the broadcast last, once they do not know it:
+    // RFC 1001 10.2's H node. An agent's answer still ends the wait at any
+    // point; the WINS query then finds no lookup and stops.
+    wins_lookup(name);
     wait_for(name, 0, NS_LOOKUP, h->xid);
 }
 
@@ -637,6 +643,7 @@ void do_claim(int32_t)
                 uint32_t addrs[DC_MAXADDR];
                 nda_add(e->name, e->flags, addrs, own_addresses(addrs));
             }
+            wins_register(e);
             continue;
         }
         name_claim(e);

@@ -357,3 +357,16 @@ int find_as_rfc(const uint8_t* bytes, int len, as_stats* st, as_name* recs)
     adapstat_in(st, r.bytes(AS_STATSLEN).data());
     return n;
 }
+
+// RFC 1002 4.2.5, 4.2.16: the TTL is the four bytes before RDLENGTH.
+int find_ttl_rfc(const uint8_t* bytes, int len, uint32_t* ttl)
+{
+    Reader r = answer_record(bytes, len);
+    if (!r.ok() || !r.seek(r.pos() - 4))
+        return -1;
+    uint32_t v = r.u32be();
+    if (!r.ok())
+        return -1;
+    *ttl = v;
+    return 0;
+}

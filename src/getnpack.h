@@ -148,3 +148,6 @@ int find_ip_rfc(const uint8_t* bytes, int len, uint32_t* addr, int* group);
 // response; the number of names, or -1 for RDLENGTH below 47, more than 200
 // names, or names and statistics that run past the datagram.
 int find_as_rfc(const uint8_t* bytes, int len, as_stats* st, as_name* recs);
+// The TTL of the answer record (a registration response's grant, a WACK's
+// wait), whatever its RDATA; 0, or -1.
+int find_ttl_rfc(const uint8_t* bytes, int len, uint32_t* ttl);

@@ -33,6 +33,8 @@ uint32_t broadcast_addr = 0;
 char nb_scope[256] = "";
 int client_gid = -1;
 int wildcard_status = 0;
+uint32_t wins_addr[MAX_WINS] = {};
+int wins_ct = 0;
 char nda_key[256] = "";
 int nda_key_bad = 0;
 if_select if_selects[MAX_IF_SELECT] = {};
@@ -73,6 +75,8 @@ constexpr int MSG_KEY = 567;
 constexpr int MSG_WANT_SELECT = 560;
 constexpr int MSG_WANT_NBNAME = 561;
 constexpr int MSG_AT_MOST = 562;
+constexpr int MSG_WANT_WINS = 580;
+constexpr int MSG_WINS_TWICE = 581;
 
 // Flags of a working interface row.
 constexpr uint32_t IF_ADDR = 1;
@@ -309,7 +313,7 @@ const char* known_directives(char** tag)
         return "ignored: an interface section knows address, broadcast and netmask";
     return "ignored: [transport tcpip] knows NB-interfaces, NB-name, NB-scope, NB-name-port, "
            "NB-session-port, NB-ens-port, NB-ensclient, NB-nd-addr, NB-nd-port, NB-nd-key, "
-           "NB-wildcard-status and bcast-style";
+           "NB-wildcard-status, NB-wins-server and bcast-style";
 }
 
 
@@ -414,6 +418,7 @@ const vz_par_tabent transport_table[] = {
     {"NB-wildcard-status", do_wildstat},
     {"NB-interfaces", do_interfaces},
     {"NB-name", do_nbname},
+    {"NB-wins-server", do_winsserver},
     {"", do_dontcare},
     {nullptr, nullptr},
 };
@@ -529,6 +534,8 @@ void name_settings_clear()
     nb_scope[0] = '\0';
     client_gid = -1;
     wildcard_status = 0;
+    memset(wins_addr, 0, sizeof wins_addr);
+    wins_ct = 0;
     nda_key[0] = '\0';
     nda_key_bad = 0;
     ek_clear();
@@ -854,6 +861,32 @@ int do_ndkey(int, char**, int argc, char** argv, int line, const char*)
     char want[2 * NOTE_SIZE];
     snprintf(want, sizeof want, "one file of 64 hexadecimal digits that no other user may read (%s)", why);
     note(true, line, want);
+    return 0;
+}
+
+// Both servers in one directive, as for the agents; a line that is not one
+// or two addresses sets nothing.
+int do_winsserver(int, char**, int argc, char** argv, int line, const char*)
+{
+    if (wins_ct != 0) {
+        bad_line(line);
+        log_catmsg(LOG_SET, MSG_WINS_TWICE, "    NB-wins-server already set");
+        note(true, line, "both WINS servers in one NB-wins-server directive (this one is ignored)");
+        return 0;
+    }
+    uint32_t a[MAX_WINS] = {};
+    bool good = argc >= 2 && argc <= MAX_WINS + 1;
+    for (int i = 1; good && i < argc; i++)
+        good = syn_ip(argv[i], &a[i - 1]) == 0 && a[i - 1] != 0 && a[i - 1] != INADDR_BROADCAST;
+    if (!good) {
+        bad_line(line);
+        log_catmsg(LOG_SET, MSG_WANT_WINS, "    expecting one or two WINS server addresses");
+        note(true, line, "the IPv4 address of a WINS server, then that of a second one or nothing");
+        return 0;
+    }
+    wins_ct = argc - 1;
+    memcpy(wins_addr, a, sizeof wins_addr);
+    TRACE(proc, 3, "do_winsserver: %d\n", wins_ct);
     return 0;
 }
 

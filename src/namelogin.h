@@ -36,6 +36,12 @@ extern int wildcard_status;
 // does not start).
 extern char nda_key[256];
 extern int nda_key_bad;
+// NB-wins-server: the RFC 1002 name servers (WINS) that our names are
+// registered at and our lookups ask before they broadcast, in the order
+// asked; none without the directive.
+constexpr int MAX_WINS = 2;
+extern uint32_t wins_addr[MAX_WINS];
+extern int wins_ct;
 
 // NB-interfaces: the system's interfaces whose addresses are served, as
 // they come and go. A selector is an interface name, or a network (all is
@@ -106,6 +112,7 @@ int do_ndkey(int npat, char** tag, int argc, char** argv, int line, const char* 
 int do_wildstat(int npat, char** tag, int argc, char** argv, int line, const char* comment);
 int do_interfaces(int npat, char** tag, int argc, char** argv, int line, const char* comment);
 int do_nbname(int npat, char** tag, int argc, char** argv, int line, const char* comment);
+int do_winsserver(int npat, char** tag, int argc, char** argv, int line, const char* comment);
 int do_bcaststyle(int npat, char** tag, int argc, char** argv, int line, const char* comment);
 
 // Value checkers; each takes one word and gives -1 when it does not fit.

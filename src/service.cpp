@@ -16,6 +16,7 @@
 #include "src/ntable.h"
 #include "src/query.h"
 #include "src/stats.h"
+#include "src/wins.h"
 
 namespace {
 
@@ -118,6 +119,8 @@ void process_npkt(const npkt* rec)
         TRACE(in, 5, "\taddr %s, scope %s\n", uni_ntoa(&rec->addr), rec->scope);
     }
     TRACE(proc, 1, "process_npkt called, name %s\n", nm_printable(rec->name));
+    if (wins_recv(rec))
+        return;   // an answer of a WINS server to us, not to our broadcasts
     bool stat = (rec->flags & NPKT_STAT) != 0;
     switch (rec->type) {
     case NT_QUERY:

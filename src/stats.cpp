@@ -23,6 +23,7 @@ constexpr CounterDef defs[] = {
     {"claims_defended", "other stations' claims answered with a defence"},
     {"conflicts_network", "local names given up to another station's answer (messages 186, 187)"},
     {"conflicts_agent", "local names an agent knows with another owner (messages 186, 187)"},
+    {"conflicts_wins", "local names a WINS server refused (messages 186, 187)"},
     {"releases", "local names released"},
     {"agent_commands_sent", "commands sent to the name-directory agents"},
     {"agent_commands_retried", "commands sent again, to the same or the next agent"},

@@ -24,6 +24,7 @@ enum StatId : int {
     ST_CLAIMS_DEFENDED,     // other stations' claims answered with a defence
     ST_CONFLICTS_NETWORK,   // our names lost to another station (186/187)
     ST_CONFLICTS_AGENT,     // our names an agent gave another host (186/187)
+    ST_CONFLICTS_WINS,      // our names a WINS server refused (186/187)
     ST_RELEASES,            // our names released
     ST_AGENT_SENT,          // agent commands, first sends
     ST_AGENT_RETRIED,       // further sends of them

@@ -3,6 +3,7 @@
 // against us, and tshark decodes every datagram our daemon sends meanwhile.
 
 #include "tests/support/lab.h"
+#include "tests/support/nswire.h"
 #include "tests/support/paths.h"
 
 #include <gtest/gtest.h>
@@ -96,6 +97,46 @@ protected:
         return out;
     }
 
+    // dumpcap alone captures every datagram of the daemon (one process, which
+    // writes out all it holds when interrupted): its pid once it captures, 0
+    // when tshark is not installed, -1 when it did not start.
+    pid_t start_capture()
+    {
+        if (access(tshark_bin, X_OK) != 0 || access(dumpcap_bin, X_OK) != 0)
+            return 0;
+        pid_t capture = start_station({dumpcap_bin, "-n", "-i", "hs0", "-w", dir + "/daemon.pcap", "-f",
+                                       "udp and src host 10.88.0.1"}, dir + "/dumpcap.out");
+        bool on = lab_wait_for(60, [&] { return contains(lab_read_file(dir + "/dumpcap.out"), "Capturing on"); });
+        return capture > 0 && on ? capture : -1;
+    }
+
+    // Ends the capture and expects at least `frames` datagrams of the daemon,
+    // each of them decoded by tshark without a complaint; skips the test
+    // without tshark.
+    void expect_decoded(pid_t capture, long frames)
+    {
+        if (capture <= 0)
+            GTEST_SKIP() << "tshark or dumpcap is not installed (Debian package tshark): the daemon's "
+                         << "datagrams were not decoded";
+        // A last datagram to the discard port marks the end of the capture:
+        // stop once it has reached the file.
+        int fd = lab.udp_socket(lab_daemon, 0, "10.88.0.1");
+        ASSERT_GE(fd, 0) << lab.last_error();
+        std::string marker;
+        for (int i = 0; i < 40 && marker.empty(); ++i) {
+            ASSERT_TRUE(lab.send_to(fd, "10.88.0.2", 9, {'e', 'n', 'd'}));
+            std::this_thread::sleep_for(std::chrono::milliseconds(250));
+            marker = tshark_read("udp.dstport == 9");
+        }
+        EXPECT_NE(marker, "") << "the end of the capture was not seen";
+        ASSERT_TRUE(stop_station(capture)) << lab_read_file(dir + "/dumpcap.out");
+        const std::string ours = "udp.dstport != 9";
+        std::string seen = tshark_read(ours, " -T fields -e ip.dst -e udp.dstport -e _ws.col.Info");
+        EXPECT_GE(std::count(seen.begin(), seen.end(), '\n'), frames) << seen;
+        EXPECT_EQ(tshark_read(ours + " && (_ws.malformed || !nbns || _ws.expert.severity >= warning)"), "")
+            << "datagrams of the daemon that tshark finds malformed or warns about, of:\n" << seen;
+    }
+
     Lab lab;
     std::string dir;
 };
@@ -103,15 +144,8 @@ protected:
 TEST_F(Samba, NmblookupAndNmbdMeetOurDaemonAndTsharkDecodesIt)
 {
     ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
-    // dumpcap alone captures every datagram of the daemon (one process, which
-    // writes out all it holds when interrupted).
-    pid_t capture = -1;
-    if (access(tshark_bin, X_OK) == 0 && access(dumpcap_bin, X_OK) == 0) {
-        capture = start_station({dumpcap_bin, "-n", "-i", "hs0", "-w", dir + "/daemon.pcap", "-f",
-                                 "udp and src host 10.88.0.1"}, dir + "/dumpcap.out");
-        ASSERT_TRUE(lab_wait_for(60, [&] { return contains(lab_read_file(dir + "/dumpcap.out"), "Capturing on"); }))
-            << lab_read_file(dir + "/dumpcap.out");
-    }
+    pid_t capture = start_capture();
+    ASSERT_NE(capture, -1) << lab_read_file(dir + "/dumpcap.out");
 
     // nmblookup asks in upper case; our names are taken as typed. A pending
     // name is not answered: ask until the claim has completed.
@@ -165,26 +199,105 @@ TEST_F(Samba, NmblookupAndNmbdMeetOurDaemonAndTsharkDecodesIt)
     EXPECT_TRUE(contains(out, "FILESERV        <20> -         B <ACTIVE>")) << out << lab.log();
     EXPECT_TRUE(contains(out, "WORKGRP         <1e> - <GROUP> B <ACTIVE>")) << out;
 
-    if (capture <= 0)
-        GTEST_SKIP() << "tshark or dumpcap is not installed (Debian package tshark): the daemon's "
-                     << "datagrams were not decoded";
-    // A last datagram to the discard port marks the end of the capture: stop
-    // once it has reached the file.
-    int fd = lab.udp_socket(lab_daemon, 0, "10.88.0.1");
-    ASSERT_GE(fd, 0) << lab.last_error();
-    std::string marker;
-    for (int i = 0; i < 40 && marker.empty(); ++i) {
-        ASSERT_TRUE(lab.send_to(fd, "10.88.0.2", 9, {'e', 'n', 'd'}));
-        std::this_thread::sleep_for(std::chrono::milliseconds(250));
-        marker = tshark_read("udp.dstport == 9");
+    expect_decoded(capture, 5);
+}
+
+// nmbd as a WINS server, second in NB-wins-server. The first server, the
+// test at 10.88.0.9, sends a WACK and falls silent; the test at 10.88.0.3 is
+// another station: it holds FARHOST at nmbd, answers nmbd's challenge for it
+// and forges a refusal of the daemon's name. Broadcasts reach neither.
+TEST_F(Samba, TheDaemonRegistersAndLooksUpAtWinsServers)
+{
+    std::string conf = lab_read_file(dir + "/smb.conf");
+    for (auto [from, to] : {std::pair<std::string, std::string>{"interfaces = hs0", "interfaces = 10.88.0.2/24"},
+                            {"wins support = no", "wins support = yes\nmin wins ttl = 20\nmax wins ttl = 20"}})
+        conf.replace(conf.find(from), from.size(), to);
+    ASSERT_TRUE(lab.write_file(dir + "/smb.conf", conf));
+    pid_t capture = start_capture();
+    ASSERT_NE(capture, -1) << lab_read_file(dir + "/dumpcap.out");
+    pid_t nmbd = start_station({nmbd_bin, "--foreground", "--debug-stdout", "--no-process-group", "-d", "2",
+                                "-s", dir + "/smb.conf"}, dir + "/nmbd.out");
+    ASSERT_GT(nmbd, 0) << lab.last_error();
+    for (const char* a : {"10.88.0.3/24", "10.88.0.9/24"})
+        ASSERT_EQ(lab.run(lab_station1, {"/sbin/ip", "addr", "add", a, "dev", "hs0"}), 0) << a;
+    int far = lab.udp_socket(lab_station1, 137, "10.88.0.3"), first = lab.udp_socket(lab_station1, 137, "10.88.0.9");
+    ASSERT_TRUE(far >= 0 && first >= 0) << lab.last_error();
+    // An NB record: TTL, then flags and address (RFC 1002 4.2.1.3).
+    auto nb_rr = [](uint8_t ttl, const char* addr) {
+        Bytes r{0, 0x20, 0, 1, 0, 0, 0, ttl, 0, 6, 0, 0};
+        Bytes a = ip_bytes(addr);
+        r.insert(r.end(), a.begin(), a.end());
+        return r;
+    };
+    ASSERT_TRUE(lab.write_config(lab.default_config() + "NB-wins-server 10.88.0.9 10.88.0.2\n"));
+    ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
+    ASSERT_EQ(lab.halyardctl({"add", "MYHOST<20>"}), 0);
+    auto added = std::chrono::steady_clock::now();
+    // Once claimed: registration, RD, not broadcast, from port 137, our address.
+    std::optional<LabDatagram> got = lab.recv(first, 10.0);
+    ASSERT_TRUE(got && got->bytes.size() == 68) << lab.log();
+    Bytes& req = got->bytes;
+    EXPECT_EQ(std::vector<uint8_t>(req.begin() + 2, req.begin() + 4), (Bytes{0x29, 0}));
+    EXPECT_EQ(std::vector<uint8_t>(req.end() - 4, req.end()), ip_bytes("10.88.0.1"));
+    EXPECT_EQ(got->from + ":" + std::to_string(got->port), "10.88.0.1:137");
+    const uint16_t id = uint16_t(req[0] << 8 | req[1]);
+    ASSERT_TRUE(lab.send_to(first, "10.88.0.1", 137,
+                            ns_packet(id, 0xBC, 0, {0, 1, 0, 0}, ns_name("MYHOST"), {0}, {0, 0x20, 0, 1, 0, 0, 0, 20, 0, 2, 0x29, 0})));
+    // While the daemon waits out the WACK, and past the 10 seconds in which
+    // any station's registration response counts against a claim: refusals
+    // under that id from a station that is not the server, and from the
+    // server under another id.
+    std::this_thread::sleep_until(added + std::chrono::seconds(13));
+    for (auto [fd, forged] : {std::pair{far, id}, {first, uint16_t(id ^ 1)}})
+        ASSERT_TRUE(lab.send_to(fd, "10.88.0.1", 137, ns_packet(forged, 0xAD, 0x86, {0, 1, 0, 0}, ns_name("MYHOST"),
+                                                                {0}, nb_rr(0, "10.88.0.3"))));
+    // After the WACK's 20 seconds, the second server.
+    std::string out;
+    ASSERT_TRUE(lab_wait_for(60, [&] {
+        out = nmblookup({"-U", "10.88.0.2", "--recursion", "MYHOST#20"});
+        return contains(out, "10.88.0.1 MYHOST<20>");
+    })) << out << lab.log();
+    EXPECT_EQ(lab.halyardctl({"check", "MYHOST<20>"}), 0) << lab.log();
+
+    // A name only the servers know: the first is asked, then nmbd.
+    Bytes reg{0, 0x20, 0, 1, 0xC0, 0x0C};
+    for (uint8_t b : nb_rr(60, "10.88.0.3"))
+        reg.push_back(b);
+    got.reset();
+    for (int i = 0; i < 60 && !(got && got->bytes.size() > 3 && got->bytes[3] == 0x80); ++i) {
+        ASSERT_TRUE(lab.send_to(far, "10.88.0.2", 137, ns_packet(7, 0x29, 0, {1, 0, 0, 1}, ns_name("FARHOST"), {0}, reg)));
+        got = lab.recv(far, 1.0);
     }
-    EXPECT_NE(marker, "") << "the end of the capture was not seen";
-    ASSERT_TRUE(stop_station(capture)) << lab_read_file(dir + "/dumpcap.out");
-    const std::string ours = "udp.dstport != 9";
-    std::string frames = tshark_read(ours, " -T fields -e ip.dst -e udp.dstport -e _ws.col.Info");
-    EXPECT_GE(std::count(frames.begin(), frames.end(), '\n'), 5) << frames;
-    EXPECT_EQ(tshark_read(ours + " && (_ws.malformed || !nbns || _ws.expert.severity >= warning)"), "")
-        << "datagrams of the daemon that tshark finds malformed or warns about, of:\n" << frames;
+    ASSERT_TRUE(got && got->bytes[3] == 0x80) << "nmbd did not register FARHOST\n" << lab_read_file(dir + "/nmbd.out");
+
+    EXPECT_EQ(lab.halyardctl({"lookup", "FARHOST<20>"}, &out), 0) << out;
+    EXPECT_TRUE(contains(out, "10.88.0.3")) << out;
+    got = lab.recv(first, 1.0);
+    EXPECT_TRUE(got && got->bytes.size() == 50 && got->bytes[2] == 0x01 && got->bytes[3] == 0);
+
+    // FARHOST for ourselves: nmbd challenges its holder, which answers, and
+    // refuses the daemon.
+    ASSERT_EQ(lab.halyardctl({"add", "FARHOST<20>"}), 0);
+    got.reset();
+    for (int i = 0; i < 30 && !(got && got->bytes.size() == 50 && (got->bytes[2] & 0xF8) == 0); ++i)
+        got = lab.recv(far, 1.0);
+    ASSERT_TRUE(got && got->bytes.size() == 50) << lab_read_file(dir + "/nmbd.out");
+    ASSERT_TRUE(lab.send_to(far, got->from, got->port, ns_packet(uint16_t(got->bytes[0] << 8 | got->bytes[1]), 0x85, 0,
+                                                                 {0, 1, 0, 0}, ns_name("FARHOST"), {0}, nb_rr(60, "10.88.0.3"))));
+    EXPECT_TRUE(lab.wait_log("Halyard: name already exists on network: farhost\r\n"
+                             "\t        at address I(10.88.0.2.137)", 30.0)) << lab.log();
+    EXPECT_EQ(lab.halyardctl({"check", "FARHOST<20>"}), 1);
+
+    // Refreshed at half nmbd's TTL of 20 seconds; released when deleted.
+    EXPECT_TRUE(capture <= 0 || lab_wait_for(30, [&] {
+        return tshark_read("ip.dst == 10.88.0.2 && nbns.flags.opcode == 8") != "";
+    }));
+    ASSERT_EQ(lab.halyardctl({"del", "MYHOST<20>"}), 0);
+    EXPECT_TRUE(lab_wait_for(30, [&] {
+        return !contains(nmblookup({"-U", "10.88.0.2", "--recursion", "MYHOST#20"}), "MYHOST<20>");
+    }));
+    EXPECT_TRUE(stop_station(nmbd)) << lab_read_file(dir + "/nmbd.out");
+    expect_decoded(capture, 10);
 }
 
 // The first configuration an install puts in place, installed into a

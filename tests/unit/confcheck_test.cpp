@@ -40,17 +40,19 @@ TEST(ConfCheck, PrintsEveryProblemWithItsLineAndTheSettings)
                             "[interface tcpip eth0]\r\naddress 10.88.0.1\r\nbroadcast x\r\nmtu 9000\r\n"
                             "[interface tcpip eth1]\r\n[transport tcpip]\r\nNB-scope 1abc\r\n"
                             "NB-nd-addr 10.0.0.1\r\nNB-nd-addr 10.0.0.2\r\nNB-wildcard-status on\r\n"
+                            "NB-wins-server 10.0.0.7\r\n"
                             "[Transport tcpip]\r\n");
     for (const std::string& line : {
-             kPath + ": warning: 13 lines end in CR LF: read as LF line ends\n",
+             kPath + ": warning: 14 lines end in CR LF: read as LF line ends\n",
              kPath + ":5: broadcast x: one IPv4 broadcast address, such as 10.88.0.255\n",
              kPath + ":6: warning: mtu 9000: ignored: an interface section knows address, broadcast and netmask\n",
              kPath + ":7: warning: [interface tcpip eth1] without an address: ignored: an interface needs 'address'\n",
              kPath + ":9: NB-scope 1abc: one scope of labels joined by dots",
              kPath + ":11: NB-nd-addr 10.0.0.2: all agents in one NB-nd-addr directive (this one is ignored)\n",
-             kPath + ":13: warning: [Transport tcpip]: not read: the name server reads [realm NB], "
+             kPath + ":14: warning: [Transport tcpip]: not read: the name server reads [realm NB], "
                      "[interface tcpip NAME] and [transport tcpip]\n",
              std::string("  agents           10.0.0.1\n"), std::string("  wildcard status  on\n"),
+             std::string("  WINS servers     10.0.0.7\n"),
              std::string("3 errors, 4 warnings\n")})
         EXPECT_NE(out.find(line), std::string::npos) << line << "\n" << out;
     EXPECT_EQ(system((std::string(HALYARDCTL_BINARY) + " check-config " + kPath + " >/dev/null").c_str()), 1 << 8);
@@ -74,7 +76,7 @@ TEST(ConfCheck, EachAlternativeOfTheExampleConfigurationPasses)
         EXPECT_NE(out.find("0 errors, 0 warnings\n"), std::string::npos) << text << out;
         EXPECT_NE(out, check(base)) << "nothing switched on";
     }
-    EXPECT_EQ(alternatives, 5);
+    EXPECT_EQ(alternatives, 6);
     EXPECT_NE(check(base).find("  followed         all: "), std::string::npos) << check(base);
     unlink(kPath.c_str());
 }

@@ -112,6 +112,19 @@ TEST(FindIpRfc, ReadsTheFirstAddressAndRefusesShortAnswers) {
     }
 }
 
+// A WACK's wait, whatever the record's data; refused once the TTL is cut.
+TEST(FindTtlRfc, ReadsTheAnswersTtl) {
+    Bytes wack = packet(0xBC, {0, 1, 0, 0}, {encoded_name(), {0, 0x20, 0, 1, 0, 1, 2, 3, 0, 2, 0x29, 0}});
+    uint32_t ttl = 0;
+    ASSERT_EQ(find_ttl_rfc(wack.data(), int(wack.size()), &ttl), 0);
+    EXPECT_EQ(ttl, 0x00010203u);
+    for (int len = 0; len < int(wack.size()) - 4; len++) {
+        Bytes cut(wack.begin(), wack.begin() + len);
+        cut.shrink_to_fit();
+        EXPECT_EQ(find_ttl_rfc(cut.data(), len, &ttl), -1) << len;
+    }
+}
+
 TEST(FindAsRfc, NamesAndStatisticsRoundTrip) {
     as_stats st{};
     memcpy(st.unit_id, "\x0a\x58\x00\x01\x00\x00", 6);

@@ -30,6 +30,8 @@ std::string settings()
         s += " [" + std::string(if_selects[i].name) + dotted(if_selects[i].net) + "/" + dotted(if_selects[i].mask) + "]";
     for (int i = 0; i < cfg_name_ct; i++)
         s += " <" + std::string(cfg_names[i].name, cfg_names[i].name + 16) + std::to_string(cfg_names[i].flags) + ">";
+    for (int i = 0; i < wins_ct; i++)
+        s += " wins " + dotted(wins_addr[i]);
     return s + " '" + nb_scope + "'" + (nda_key[0] != '\0' ? std::string(" key ") + nda_key : "") +
            (nda_key_bad ? " (bad key)" : "");
 }
@@ -62,6 +64,7 @@ TEST(NameLogin, EachFileItsSettingsAndLog)
     const std::string port = "    expecting positive port number", onoff = "    expecting on/off";
     const std::string sel = "    expecting all, an interface name or NET/LEN";
     const std::string nbname = "    expecting NAME<hh>, then group or nothing";
+    const std::string wins = "    expecting one or two WINS server addresses";
     const std::string scope = "    expecting valid scope name", many = "Halyard: too many NB-nd-addr's in config file";
     // Key files: good, open to others, of the wrong length.
     const std::string key = "/tmp/halyard-unit-key-" + std::to_string(getpid()), hex(64, 'a');
@@ -95,6 +98,10 @@ TEST(NameLogin, EachFileItsSettingsAndLog)
          "10 0 0 0 0 0 0 1 0 - 10.0.0.1 - - ''",
          {"Halyard: Ignoring empty NB-nd-addr directive, line 4", err(5), "    expecting IP address", many,
           "    ignoring"}},
+        {head + "NB-wins-server\nNB-wins-server 10.0.0.5 10.0.0.6 10.0.0.7\nNB-wins-server 10.0.0.5 bogus\n"
+                "NB-wins-server 255.255.255.255\nNB-wins-server 10.0.0.8 10.0.0.9\nNB-wins-server 10.0.0.5\n",
+         "10 0 0 0 0 0 0 0 0 - - - - wins 10.0.0.8 wins 10.0.0.9 ''",
+         {err(4), wins, err(5), wins, err(6), wins, err(7), wins, err(9), "    NB-wins-server already set"}},
         {head + "NB-nd-key /nonexistent\nNB-nd-key " + key + "o\nNB-nd-key " + key + "s\nNB-nd-key " + key +
              "\nNB-nd-key " + key + "\nNB-nd-key\n",
          "10 0 0 0 0 0 0 0 0 - - - - '' key " + key + " (bad key)",
