@@ -2,13 +2,12 @@
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <vector>
 
+#include "misc/initsock.h"
 #include "misc/nencode.h"
 #include "misc/pktasm.h"
 #include "nda/ndadir.h"
@@ -556,22 +555,7 @@ void wins_init(const NdaStore* s, int fd, uint32_t ttl)
 
 int wins_open(uint32_t addr, uint16_t port)
 {
-    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return -1;
-    int one = 1;
-    sockaddr_in sin{};
-    sin.sin_family = AF_INET;
-    sin.sin_addr.s_addr = addr;
-    sin.sin_port = htons(port);
-    if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 ||
-        bind(fd, reinterpret_cast<sockaddr*>(&sin), sizeof sin) != 0) {
-        int e = errno;
-        close(fd);
-        errno = e;
-        return -1;
-    }
-    return fd;
+    return init_shared_sock(addr, port);
 }
 
 bool wins_on()

@@ -82,8 +82,7 @@ int wins_read(const uint8_t* bytes, int len, WinsPacket* out);
 // directory, granting ttl seconds.
 void wins_init(const NdaStore* store, int fd, uint32_t ttl);
 // A UDP socket at addr:port (network order address) that shares the port
-// with a daemon bound to every address: the more specific binding gets
-// the datagrams sent to addr. -1 with errno on failure.
+// with a daemon bound to every address (init_shared_sock). -1 with errno.
 int wins_open(uint32_t addr, uint16_t port);
 bool wins_on();
 // One datagram; the batch runs at wins_flush (a full one at once).
