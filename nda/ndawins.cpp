@@ -266,7 +266,11 @@ void challenge(const Item& it, const NdaHolder& h)
             outbox.push_back(wack);
         return;
     }
-    if (challenges.size() + started.size() >= size_t(WINS_MAX_CHALLENGES)) {
+    auto of_station = [&](const Challenge& c) { return c.from_ip == it.ip; };
+    if (challenges.size() + started.size() >= size_t(WINS_MAX_CHALLENGES) ||
+        std::count_if(challenges.begin(), challenges.end(), of_station) +
+                std::count_if(started.begin(), started.end(), of_station) >=
+            WINS_STATION_CHALLENGES) {
         TRACE(proc, 1, "wins: too many challenges, registration of %s dropped\n", nm_printable(it.p.name));
         return;
     }
