@@ -768,6 +768,10 @@ TEST_F(Directory, WinsStationsAndDaemonsShareOneDirectory)
     ASSERT_GE(st, 0) << lab.last_error();
     EXPECT_EQ(wins_ask(st, "10.88.0.1", wins_request(1, 5, ns_name("SAMBAST"), "10.89.0.2")).rcode, 6);
     EXPECT_EQ(wins_ask(st, "10.88.0.1", wins_request(2, 0, ns_name("SAMBAST"))).ip, "10.88.0.2");
+    // The daemon on B confirms its name (VERIFY) to a WINS station's claim.
+    int st1 = lab.udp_socket(lab_station1, 0);
+    ASSERT_GE(st1, 0) << lab.last_error();
+    EXPECT_EQ(wins_ask(st1, "10.88.0.1", wins_request(1, 5, ns_name("HALYB"), "10.88.0.2")).rcode, 6);
     // Only one's own address; a release; an unknown name.
     EXPECT_EQ(wins_ask(st, "10.88.0.1", wins_request(3, 5, ns_name("OTHER"), "10.89.0.9")).rcode, 5);
     EXPECT_EQ(wins_ask(st, "10.88.0.1", wins_request(4, 5, ns_name("GONE"), "10.89.0.2")).rcode, 0);
