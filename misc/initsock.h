@@ -18,3 +18,11 @@ int init_sock(uint32_t addr, uint16_t* port, int stream);
 // An unbound datagram socket, only a handle for interface queries; or -1.
 int temp_socket();
 int temp_s_close(int s);
+
+// A datagram socket at addr:port (network order address, a port below
+// 1024) that shares the port: a name-directory agent may serve WINS at one
+// address of the host on the name-service port while the daemon holds it
+// at every address. With the option on both, the more specific binding
+// takes the unicasts to its address and the other the rest; a privileged
+// port keeps other users out. -1 with errno on failure.
+int init_shared_sock(uint32_t addr, uint16_t port);

@@ -32,6 +32,11 @@ inline constexpr CounterDef nda_stat_defs[] = {
     {"refused_outsider", "changes refused: the station is outside the registrar networks"},
     {"refused_held", "ADDs and DELETEs refused: another host holds the name"},
     {"commits", "transactions committed to the directory"},
+    {"wins_queries", "WINS name queries"},
+    {"wins_registrations", "WINS registrations, multi-homed ones included"},
+    {"wins_refreshes", "WINS refreshes"},
+    {"wins_releases", "WINS releases"},
+    {"wins_malformed", "datagrams at the WINS address that were no request it serves"},
 };
 inline constexpr size_t NDA_STAT_COUNT = std::size(nda_stat_defs);
 
