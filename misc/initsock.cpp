@@ -60,8 +60,14 @@ int init_sock(uint32_t addr, uint16_t* port, int stream)
     }
     if (stream)
         stream_options(s);
-    else
+    else {
         set_opt(s, SO_BROADCAST, 1, "setsockopt call");
+        // A name-directory agent on this host may serve WINS at an address
+        // of its own on the name-service port: with the option on both
+        // sockets, its more specific binding takes the unicasts to that
+        // address and ours everything else. Ports below 1024 stay root's.
+        set_opt(s, SO_REUSEADDR, 1, "setsockopt reuse");
+    }
 
     if (bind(s, reinterpret_cast<struct sockaddr*>(&myaddr), sizeof myaddr) < 0) {
         TRACE(proc, 1, "init_sock: bind call: errno %d\n", errno);

@@ -10,7 +10,8 @@ extern int s_recvbuf;
 
 // A socket bound to addr (IPv4, network order, 0 for any) at *port (host
 // order); a stream socket when stream is non-zero (address reuse, keep-alive,
-// buffer sizes, listening), else a datagram socket allowed to broadcast.
+// buffer sizes, listening), else a datagram socket allowed to broadcast
+// (and to share its port with one bound to a single address).
 // A *port of 0 lets the system choose and receives its choice. Returns the
 // descriptor, or -1 with nothing left open.
 int init_sock(uint32_t addr, uint16_t* port, int stream);

@@ -29,6 +29,7 @@
 #include "misc/pktasm.h"
 #include "nda/ndaserve.h"
 #include "nda/ndastore.h"
+#include "nda/ndawins.h"
 #include "nmtrace.h"
 #include "nversion.h"
 #include "shr/fxdump.h"
@@ -38,6 +39,7 @@
 #include "shr/vzparse.h"
 #include "shr/vzpoll.h"
 #include "shr/vzsignal.h"
+#include "src/getnpack.h"
 #include "src/maininit.h"
 #include "src/namecust.h"
 #include "src/namelogin.h"
@@ -62,6 +64,8 @@ constexpr int MSG_BAD_SETTING = 555;
 constexpr int MSG_UNKNOWN_SETTING = 556;
 constexpr int MSG_SETTING_TWICE = 557;
 constexpr int MSG_NO_USER = 559;
+constexpr int MSG_WINS = 570;
+constexpr int MSG_NO_WINS = 571;
 
 constexpr int EX_USAGE = 2;
 constexpr int RECV_BURST = 64;   // datagrams read per wake-up
@@ -78,7 +82,8 @@ const char* const USAGE =
     "              PostgreSQL connection (postgresql://... or \"host=... dbname=...\")\n"
     "  -c FILE     configuration file (default /etc/opt/KORRbase/config.vz); its\n"
     "              [agent] section may set listen, port and directory, which the\n"
-    "              options override, registrars and key (a file shared with the daemons)\n"
+    "              options override, registrars, key (a file shared with the daemons),\n"
+    "              wins (an address at which to serve WINS) and wins-ttl\n"
     "  -z DIM=LEVEL, -z tracefile=FILE   trace, as the daemon's\n";
 
 volatile sig_atomic_t stop_sig = 0;
@@ -218,6 +223,8 @@ struct Settings {
     NdaNet registrars[NDA_MAX_REGISTRARS] = {};
     std::string key;  // the key file, read once the listing is ruled out
     int key_line = 0;
+    uint32_t wins = 0;  // the WINS address, 0 off
+    int wins_ttl = 0;   // 0: the default
 };
 Settings conf;
 
@@ -263,6 +270,31 @@ int set_listen(int, char**, int argc, char** argv, int line, const char*)
             conf.have_listen = true;
         else
             setting_error(line, MSG_BAD_SETTING, "%s: %s line %d: %s: expecting %s", argv[0], "one IPv4 address");
+    }
+    return 0;
+}
+
+int set_wins(int, char**, int argc, char** argv, int line, const char*)
+{
+    const char* v = one_value(argc, argv, line, "one IPv4 address of this host");
+    if (v != nullptr && first_time(conf.wins != 0, line, argv[0]) &&
+        (inet_pton(AF_INET, v, &conf.wins) != 1 || conf.wins == 0 || conf.wins == INADDR_BROADCAST))
+        setting_error(line, MSG_BAD_SETTING, "%s: %s line %d: %s: expecting %s", argv[0],
+                      "one IPv4 address of this host");
+    return 0;
+}
+
+int set_wins_ttl(int, char**, int argc, char** argv, int line, const char*)
+{
+    const char* v = one_value(argc, argv, line, "seconds from 5 to 604800");
+    if (v != nullptr && first_time(conf.wins_ttl != 0, line, argv[0])) {
+        char* end = nullptr;
+        long t = strtol(v, &end, 10);
+        if (*v >= '0' && *v <= '9' && *end == '\0' && t >= WINS_TTL_MIN && t <= WINS_TTL_MAX)
+            conf.wins_ttl = int(t);
+        else
+            setting_error(line, MSG_BAD_SETTING, "%s: %s line %d: %s: expecting %s", argv[0],
+                          "seconds from 5 to 604800");
     }
     return 0;
 }
@@ -373,7 +405,7 @@ int unknown_setting(int, char**, int argc, char** argv, int line, const char*)
 {
     if (argc > 0)
         setting_error(line, MSG_UNKNOWN_SETTING, "%s: %s line %d: %s: not a setting of [agent]%s", argv[0],
-                      " (listen, port, directory, registrars, key)");
+                      " (listen, port, directory, registrars, key, wins, wins-ttl)");
     return 0;
 }
 
@@ -383,6 +415,8 @@ const vz_par_tabent agent_table[] = {
     {"directory", set_directory},
     {"registrars", set_registrars},
     {"key", set_key},
+    {"wins", set_wins},
+    {"wins-ttl", set_wins_ttl},
     {"", unknown_setting},
     {nullptr, nullptr},
 };
@@ -512,6 +546,33 @@ bool receive(int fd)
     return got == RECV_BURST;
 }
 
+// The same for the WINS address: true when the burst was used up.
+bool receive_wins(int fd)
+{
+    static uint8_t bufs[RECV_BURST][NPKT_AREA];
+    static sockaddr_in sins[RECV_BURST];
+    static iovec iov[RECV_BURST];
+    static mmsghdr msgs[RECV_BURST];
+    for (int i = 0; i < RECV_BURST; i++) {
+        iov[i] = {bufs[i], sizeof bufs[i]};
+        msgs[i] = {};
+        msgs[i].msg_hdr.msg_name = &sins[i];
+        msgs[i].msg_hdr.msg_namelen = sizeof sins[i];
+        msgs[i].msg_hdr.msg_iov = &iov[i];
+        msgs[i].msg_hdr.msg_iovlen = 1;
+    }
+    int got = recvmmsg(fd, msgs, RECV_BURST, MSG_DONTWAIT, nullptr);
+    if (got < 0)
+        return errno != EAGAIN && errno != EWOULDBLOCK;
+    for (int i = 0; i < got; i++) {
+        if ((msgs[i].msg_hdr.msg_flags & MSG_TRUNC) == 0)
+            wins_datagram(bufs[i], int(msgs[i].msg_len), sins[i].sin_addr.s_addr, ntohs(sins[i].sin_port),
+                          vz_now_ms(), int64_t(time(nullptr)));
+    }
+    wins_flush(vz_now_ms(), int64_t(time(nullptr)));
+    return got == RECV_BURST;
+}
+
 }  // namespace
 
 int main(int argc, char* argv[])
@@ -615,6 +676,17 @@ int main(int argc, char* argv[])
                    strerror(errno));
         fail(1, text);
     }
+    // WINS at an address of its own: a daemon on this host keeps every
+    // other address of UDP 137 (both bind with SO_REUSEADDR).
+    int wins_fd = -1;
+    if (conf.wins != 0 && (wins_fd = wins_open(conf.wins, WINS_PORT)) < 0) {
+        char text[160];
+        snprintf(text, sizeof text, "cannot serve WINS at %s: %s", nm_ntoa(conf.wins), strerror(errno));
+        log_new();
+        log_catmsg(LOG_SET, MSG_NO_WINS, "%s: cannot serve WINS at %s: %s", prog, nm_ntoa(conf.wins),
+                   strerror(errno));
+        fail(1, text);
+    }
     // A connection may carry a password: it is not written to the log.
     const char* shown = is_connection(db_path) ? "(a PostgreSQL connection)" : db_path;
     char why[256] = "";
@@ -665,6 +737,12 @@ int main(int argc, char* argv[])
     log_catmsg(LOG_SET, MSG_STARTING, "%s: name directory agent %s starting, %s port %d, directory %s", prog,
                smbv_string, nm_ntoa(listen_addr), port, shown);
     TRACE(proc, 1, "halyard-nda: listening at %s port %d\n", nm_ntoa(listen_addr), port);
+    wins_init(store, wins_fd, uint32_t(conf.wins_ttl != 0 ? conf.wins_ttl : WINS_TTL_DEFAULT));
+    if (wins_fd >= 0) {
+        log_new();
+        log_catmsg(LOG_SET, MSG_WINS, "%s: WINS at %s, names granted for %d seconds", prog, nm_ntoa(conf.wins),
+                   conf.wins_ttl != 0 ? conf.wins_ttl : WINS_TTL_DEFAULT);
+    }
 
     // A verification times out only once what waits on the socket has been
     // read: its answer may be there, behind requests that took their time.
@@ -675,20 +753,27 @@ int main(int argc, char* argv[])
         if (tcfile != nullptr)
             fflush(tcfile);
         int wait = 0;
-        if (busy == 0 || busy % BUSY_BURSTS == 0)
+        if (busy == 0 || busy % BUSY_BURSTS == 0) {
             wait = nda_due(vz_now_ms(), int64_t(time(nullptr)));
+            int w = wins_due(vz_now_ms(), int64_t(time(nullptr)));
+            wait = w >= 0 && (wait < 0 || w < wait) ? w : wait;
+        }
         if (busy > 0)
             wait = 0;
-        pollfd pfd{ens_fd, POLLIN, 0};
+        pollfd pfd[2] = {{ens_fd, POLLIN, 0}, {wins_fd, POLLIN, 0}};
         timespec ts{wait / 1000, long(wait % 1000) * 1000000};
-        int r = ppoll(&pfd, 1, wait < 0 ? nullptr : &ts, &wait_mask);
+        int r = ppoll(pfd, wins_fd >= 0 ? 2 : 1, wait < 0 ? nullptr : &ts, &wait_mask);
         if (r < 0 && errno != EINTR)
             break;
-        busy = r > 0 && receive(ens_fd) ? busy + 1 : 0;
+        bool more = r > 0 && (pfd[0].revents & POLLIN) != 0 && receive(ens_fd);
+        more = (r > 0 && wins_fd >= 0 && (pfd[1].revents & POLLIN) != 0 && receive_wins(wins_fd)) || more;
+        busy = more ? busy + 1 : 0;
     }
     log_new();
     log_catmsg(LOG_SET, MSG_STOPPING, "%s: stopping (signal %d)", prog, vz_classic_signal(int(stop_sig)));
     store->close();
     close(ens_fd);
+    if (wins_fd >= 0)
+        close(wins_fd);
     return 0;
 }

@@ -46,7 +46,7 @@ int claim_in(const NdaStore* s, const NdaClaim& c, NdaHolder* holder)
     }
     for (int t = 0;; t++) {
         NdaHolder h{};
-        int found = s->holder(c.name, host, &h);
+        int found = s->holder(c.name, host, c.now, &h);
         if (found < 0)
             return -1;
         if (found == 0 || (h.group != 0 && c.group != 0))
@@ -78,7 +78,10 @@ int claim_in(const NdaStore* s, const NdaClaim& c, NdaHolder* holder)
             via_port = mine.via_port;
         }
     }
-    return s->put_name(c.name, host, c.group != 0 ? 1 : 0, c.addrs[0], via_ip, via_port, c.now);
+    // A daemon's entry stays until that daemon deletes it: a WINS refresh
+    // from the same host does not make it lapse.
+    int64_t expires = had == 1 && mine.expires == 0 ? 0 : c.expires;
+    return s->put_name(c.name, host, c.group != 0 ? 1 : 0, c.addrs[0], via_ip, via_port, c.now, expires);
 }
 
 // One address out of a host it shared, onto a host of its own (without
@@ -136,9 +139,9 @@ int dir_replace(const NdaStore* s, const NdaClaim& c, const NdaHolder& old, NdaH
     return claim_in(s, c, holder);
 }
 
-int dir_query(const NdaStore* s, const uint8_t* name, NdaHolder* out)
+int dir_query(const NdaStore* s, const uint8_t* name, int64_t now, NdaHolder* out)
 {
-    return s->holder(name, 0, out);
+    return s->holder(name, 0, now, out);
 }
 
 int dir_remove(const NdaStore* s, const uint8_t* name, const uint32_t* addrs, int n, uint32_t from,

@@ -27,6 +27,7 @@ struct NdaClaim {
     uint32_t via_ip;        // the station asking
     uint16_t via_port;
     int64_t now;            // seconds
+    int64_t expires = 0;    // 0 kept until deleted (ENS); else when a WINS entry lapses
 };
 
 // Registers the claim unless another host holds the name: a unique owner
@@ -37,7 +38,7 @@ int dir_claim(const NdaStore* s, const NdaClaim& c, NdaHolder* holder);
 // The same after `old` was found to have lost the name: its entry goes.
 int dir_replace(const NdaStore* s, const NdaClaim& c, const NdaHolder& old, NdaHolder* holder);
 // The holder that answers for a name: 1, 0 unknown, -1 error.
-int dir_query(const NdaStore* s, const uint8_t* name, NdaHolder* out);
+int dir_query(const NdaStore* s, const uint8_t* name, int64_t now, NdaHolder* out);
 // The name off the hosts of these addresses, where `from` may delete it:
 // 0 done, ST_HELD with the first entry it may not delete (the others that
 // it may are gone), -1 error.

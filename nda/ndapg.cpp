@@ -30,12 +30,15 @@ constexpr const char* SCHEMA =
     "CREATE TABLE IF NOT EXISTS name(name BYTEA NOT NULL, host BIGINT NOT NULL, grp INT NOT NULL,"
     " ip BIGINT NOT NULL, via_ip BIGINT NOT NULL, via_port INT NOT NULL, seen BIGINT NOT NULL,"
     " seq BIGSERIAL, PRIMARY KEY(name, host));"
-    "CREATE INDEX IF NOT EXISTS name_host ON name(host);";
+    "CREATE INDEX IF NOT EXISTS name_host ON name(host);"
+    // A directory made before WINS entries lapsed gets their column.
+    "ALTER TABLE name ADD COLUMN IF NOT EXISTS expires BIGINT NOT NULL DEFAULT 0;";
 
 constexpr const char* PUT_NAME =
-    "INSERT INTO name(name, host, grp, ip, via_ip, via_port, seen) VALUES($1, $2, $3, $4, $5, $6, $7)"
+    "INSERT INTO name(name, host, grp, ip, via_ip, via_port, seen, expires)"
+    " VALUES($1, $2, $3, $4, $5, $6, $7, $8)"
     " ON CONFLICT (name, host) DO UPDATE SET grp = EXCLUDED.grp, ip = EXCLUDED.ip, via_ip = EXCLUDED.via_ip,"
-    " via_port = EXCLUDED.via_port, seen = EXCLUDED.seen, seq = DEFAULT";
+    " via_port = EXCLUDED.via_port, seen = EXCLUDED.seen, expires = EXCLUDED.expires, seq = DEFAULT";
 
 void note_error(const char* what, const PGresult* r)
 {
@@ -197,10 +200,11 @@ int pg_drop_host(int64_t host)
 
 int pg_merge_host(int64_t host, int64_t into)
 {
-    if (!exec("INSERT INTO name(name, host, grp, ip, via_ip, via_port, seen)"
-              " SELECT name, $2, grp, ip, via_ip, via_port, seen FROM name WHERE host = $1"
+    if (!exec("INSERT INTO name(name, host, grp, ip, via_ip, via_port, seen, expires)"
+              " SELECT name, $2, grp, ip, via_ip, via_port, seen, expires FROM name WHERE host = $1"
               " ON CONFLICT (name, host) DO UPDATE SET grp = EXCLUDED.grp, ip = EXCLUDED.ip,"
-              " via_ip = EXCLUDED.via_ip, via_port = EXCLUDED.via_port, seen = EXCLUDED.seen",
+              " via_ip = EXCLUDED.via_ip, via_port = EXCLUDED.via_port, seen = EXCLUDED.seen,"
+              " expires = EXCLUDED.expires",
               nullptr, {host, into}) ||
         !exec("UPDATE addr SET host = $2 WHERE host = $1", nullptr, {host, into}))
         return -1;
@@ -218,30 +222,49 @@ int read_holder(const Result& r, NdaHolder* h)
     h->ip = nip(r.col(0, 2));
     h->via_ip = nip(r.col(0, 3));
     h->via_port = uint16_t(r.col(0, 4));
+    h->expires = r.col(0, 5);
     return 1;
 }
 
-int pg_holder(const uint8_t* name, int64_t except, NdaHolder* out)
+int pg_holder(const uint8_t* name, int64_t except, int64_t now, NdaHolder* out)
 {
     Result r;
     run(r,
-        "SELECT host, grp, ip, via_ip, via_port FROM name WHERE name = $1 AND host <> $2"
-        " ORDER BY grp, seen DESC, seq DESC LIMIT 1",
-        name, {except});
+        "SELECT host, grp, ip, via_ip, via_port, expires FROM name WHERE name = $1 AND host <> $2"
+        " AND (expires = 0 OR expires > $3) ORDER BY grp, seen DESC, seq DESC LIMIT 1",
+        name, {except, now});
     return read_holder(r, out);
 }
 
 int pg_entry(const uint8_t* name, int64_t host, NdaHolder* out)
 {
     Result r;
-    run(r, "SELECT host, grp, ip, via_ip, via_port FROM name WHERE name = $1 AND host = $2", name, {host});
+    run(r, "SELECT host, grp, ip, via_ip, via_port, expires FROM name WHERE name = $1 AND host = $2", name, {host});
     return read_holder(r, out);
 }
 
 int pg_put_name(const uint8_t* name, int64_t host, int32_t group, uint32_t ip, uint32_t via_ip, uint16_t via_port,
-                int64_t now)
+                int64_t now, int64_t expires)
 {
-    return ok(exec(PUT_NAME, name, {host, group, hip(ip), hip(via_ip), int64_t(via_port), now}));
+    return ok(exec(PUT_NAME, name, {host, group, hip(ip), hip(via_ip), int64_t(via_port), now, expires}));
+}
+
+int pg_members(const uint8_t* name, int64_t now, uint32_t* ips, int room)
+{
+    Result r;
+    run(r, "SELECT ip FROM name WHERE name = $1 AND (expires = 0 OR expires > $2) ORDER BY seen DESC, seq DESC",
+        name, {now});
+    if (!r.ok())
+        return -1;
+    int n = 0;
+    for (; n < r.rows() && n < room; n++)
+        ips[n] = nip(r.col(n, 0));
+    return n;
+}
+
+int pg_expire(int64_t now)
+{
+    return ok(exec("DELETE FROM name WHERE expires <> 0 AND expires <= $1", nullptr, {now}));
 }
 
 int pg_drop_name(const uint8_t* name, int64_t host)
@@ -354,5 +377,5 @@ const NdaStore nda_postgres = {
     "postgresql",  pg_open, pg_open_read,    pg_close,     pg_transact, pg_mark,       pg_host_of,
     pg_new_host,   pg_add_addr, pg_move_addr, pg_seen,     pg_addr_count, pg_drop_host,
     pg_merge_host, pg_holder,   pg_entry,     pg_put_name, pg_drop_name,  pg_drop_stale,
-    pg_list,       pg_error,
+    pg_members,    pg_expire,   pg_list,      pg_error,
 };

@@ -12,6 +12,7 @@
 #include "nda/ndadir.h"
 #include "nda/ndareq.h"
 #include "nda/ndastore.h"
+#include "nda/ndawins.h"
 #include "nmtrace.h"
 #include "shr/logging.h"
 #include "shr/uniinet.h"
@@ -209,12 +210,18 @@ void send_verify(Pending& p, int64_t now_ms)
         p.next_ms = now_ms + wait;
         return;
     }
+    p.sends++;
+    if (p.holder.expires != 0) {
+        // A WINS station's entry: the station itself is asked.
+        wins_probe(p.name, p.holder.ip, p.verify_id);
+        p.next_ms = now_ms + NDA_PROBE_GAP_MS;
+        return;
+    }
     TRACE(proc, 3, "nda: VERIFY %s at %s, id %u\n", nm_printable(p.name), uni_ntoa(&to), p.verify_id);
     pkta_begin();
     pkta_name(p.name);
     pkta_ip(p.holder.ip);
     pkta_request(&to, p.verify_id, ENS_VERIFY);
-    p.sends++;
     p.next_ms = now_ms + NDA_VERIFY_GAP_MS;
 }
 
@@ -275,7 +282,7 @@ bool settle(const Pending& p, bool confirmed)
 // A request that must wait for the holder's word.
 void verify_first(const Item& it, const NdaHolder& h)
 {
-    if (!registrar(h.via_ip)) {
+    if (h.expires != 0 ? !wins_on() : !registrar(h.via_ip)) {
         // Its registrar is no longer one: nobody may be asked, and the
         // entry stays until its own host changes it.
         answer(&it.from, it.key, it.digest,
@@ -370,6 +377,8 @@ bool handle(const Item& it)
         const Pending* p = find_pending(r.id, it.key.ip, false);
         if (p != nullptr)
             return settle(*p, r.ans == 0 && r.err == 0);
+        if (wins_verify_answer(r.id, it.key.ip, r.ans == 0 && r.err == 0))
+            return true;
         TRACE(proc, 3, "nda: VERIFY response id %u matches nothing\n", r.id);
         return true;
     }
@@ -377,7 +386,7 @@ bool handle(const Item& it)
     // table of answers is left to the requests that must not be done twice.
     if (r.action == ENS_QUERY) {
         NdaHolder h{};
-        int found = dir_query(store, r.name, &h);
+        int found = dir_query(store, r.name, batch_s, &h);
         if (found < 0) {
             store_failed(batch_s);
             return true;
@@ -536,7 +545,7 @@ int nda_due(int64_t now_ms, int64_t now_s)
     for (Pending& p : pending) {
         if (p.next_ms > now_ms)
             continue;
-        if (p.sends < NDA_VERIFY_SENDS) {
+        if (p.sends < (p.holder.expires != 0 ? NDA_PROBE_SENDS : NDA_VERIFY_SENDS)) {
             send_verify(p, now_ms);
             continue;
         }
@@ -551,6 +560,22 @@ int nda_due(int64_t now_ms, int64_t now_s)
         if (next < 0 || p.next_ms - now_ms < next)
             next = std::max<int64_t>(p.next_ms - now_ms, 0);
     return int(next);
+}
+
+bool nda_is_registrar(uint32_t ip)
+{
+    return registrar(ip);
+}
+
+void nda_probe_answer(uint32_t verify_id, uint32_t ip, bool held)
+{
+    Item it{};
+    it.r.response = 1;
+    it.r.id = verify_id;
+    it.r.ans = held ? 0 : -1;
+    iantoua(&it.from, ip, WINS_PORT);
+    it.key.ip = ip;
+    batch.push_back(it);
 }
 
 int nda_pending()

@@ -10,7 +10,10 @@
 // entry that neither its host nor its registering station asks for, wait
 // for a VERIFY answer from the station that registered the entry (a
 // registrar, and at most NDA_VERIFY_RATE VERIFYs a second to each).
-// Everything else is answered at once. A request other than a QUERY
+// An entry a WINS station registered is asked of that station by name
+// queries instead (NDA_PROBE_SENDS, NDA_PROBE_GAP_MS apart); without a WINS
+// address the agent cannot ask, and the entry stays. Everything else is
+// answered at once. A request other than a QUERY
 // repeated with the same id and the same bytes by the same sender gets the
 // answer the first one got.
 #include <cstdint>
@@ -21,6 +24,8 @@ struct NdaStore;
 
 constexpr int NDA_VERIFY_SENDS = 2;      // sends of one VERIFY
 constexpr int NDA_VERIFY_GAP_MS = 1000;  // after each send: about 2 s in all
+constexpr int NDA_PROBE_SENDS = 3;       // name queries to a WINS holder
+constexpr int NDA_PROBE_GAP_MS = 500;
 constexpr int NDA_VERIFY_RATE = 20;      // VERIFYs a second to one station
 constexpr int NDA_MAX_PENDING = 256;     // requests waiting for a VERIFY answer
 constexpr int NDA_MAX_DONE = 4096;       // answers kept for repeated requests
@@ -48,4 +53,9 @@ void nda_flush(int64_t now_ms, int64_t now_s);
 // or -1 when none waits.
 int nda_due(int64_t now_ms, int64_t now_s);
 int nda_pending();         // requests waiting for a VERIFY answer
+// Whether the station may change the directory.
+bool nda_is_registrar(uint32_t ip);
+// The WINS station at ip answered the name query of a verification
+// (wins_probe): whether it still holds the name.
+void nda_probe_answer(uint32_t verify_id, uint32_t ip, bool held);
 uint64_t nda_refused();    // writes refused to stations outside the registrars

@@ -26,11 +26,15 @@ constexpr const char* SCHEMA =
     " via_port INTEGER NOT NULL, seen INTEGER NOT NULL, PRIMARY KEY(name, host));"
     "CREATE INDEX IF NOT EXISTS name_host ON name(host);";
 
+// A directory made before WINS entries lapsed gets their column.
+constexpr const char* HAS_EXPIRES = "SELECT expires FROM name LIMIT 0";
+constexpr const char* ADD_EXPIRES = "ALTER TABLE name ADD COLUMN expires INTEGER NOT NULL DEFAULT 0";
+
 enum Stmt {
     S_BEGIN_W, S_BEGIN_R, S_COMMIT, S_ROLLBACK, S_SAVE, S_RELEASE, S_UNDO,
     S_HOST_OF, S_NEW_HOST, S_SEEN, S_ADD_ADDR, S_MOVE_ADDR, S_ADDR_COUNT,
     S_DROP_NAMES, S_DROP_ADDRS, S_DROP_HOST, S_MOVE_NAMES, S_MOVE_ADDRS,
-    S_HOLDER, S_ENTRY, S_PUT_NAME, S_DROP_ENTRY, S_DROP_STALE, S_LIST,
+    S_HOLDER, S_ENTRY, S_PUT_NAME, S_DROP_ENTRY, S_DROP_STALE, S_LIST, S_MEMBERS, S_EXPIRE,
     S_COUNT
 };
 
@@ -51,17 +55,19 @@ constexpr std::array<const char*, S_COUNT> SQL = {
     "DELETE FROM name WHERE host = ?1",
     "DELETE FROM addr WHERE host = ?1",
     "DELETE FROM host WHERE id = ?1",
-    "INSERT OR REPLACE INTO name(name, host, grp, ip, via_ip, via_port, seen)"
-    " SELECT name, ?2, grp, ip, via_ip, via_port, seen FROM name WHERE host = ?1",
+    "INSERT OR REPLACE INTO name(name, host, grp, ip, via_ip, via_port, seen, expires)"
+    " SELECT name, ?2, grp, ip, via_ip, via_port, seen, expires FROM name WHERE host = ?1",
     "UPDATE addr SET host = ?2 WHERE host = ?1",
-    "SELECT host, grp, ip, via_ip, via_port FROM name WHERE name = ?1 AND host <> ?2"
-    " ORDER BY grp, seen DESC, rowid DESC LIMIT 1",
-    "SELECT host, grp, ip, via_ip, via_port FROM name WHERE name = ?1 AND host = ?2",
-    "INSERT OR REPLACE INTO name(name, host, grp, ip, via_ip, via_port, seen)"
-    " VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)",
+    "SELECT host, grp, ip, via_ip, via_port, expires FROM name WHERE name = ?1 AND host <> ?2"
+    " AND (expires = 0 OR expires > ?3) ORDER BY grp, seen DESC, rowid DESC LIMIT 1",
+    "SELECT host, grp, ip, via_ip, via_port, expires FROM name WHERE name = ?1 AND host = ?2",
+    "INSERT OR REPLACE INTO name(name, host, grp, ip, via_ip, via_port, seen, expires)"
+    " VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)",
     "DELETE FROM name WHERE name = ?1 AND host = ?2",
     "DELETE FROM name WHERE name = ?1 AND host <> ?2 AND ip = ?3",
     "SELECT name, grp, ip, host, seen FROM name ORDER BY name, host",
+    "SELECT ip FROM name WHERE name = ?1 AND (expires = 0 OR expires > ?2) ORDER BY seen DESC, rowid DESC",
+    "DELETE FROM name WHERE expires <> 0 AND expires <= ?1",
 };
 
 std::array<sqlite3_stmt*, S_COUNT> stmt{};
@@ -217,14 +223,15 @@ int read_holder(Stmt s, int rc, NdaHolder* h)
         h->ip = nip(col(s, 2));
         h->via_ip = nip(col(s, 3));
         h->via_port = uint16_t(col(s, 4));
+        h->expires = col(s, 5);
     }
     sqlite3_reset(stmt[s]);
     return rc == SQLITE_ROW ? 1 : rc == SQLITE_DONE ? 0 : -1;
 }
 
-int sq_holder(const uint8_t* name, int64_t except, NdaHolder* out)
+int sq_holder(const uint8_t* name, int64_t except, int64_t now, NdaHolder* out)
 {
-    return read_holder(S_HOLDER, run_name(S_HOLDER, name, except), out);
+    return read_holder(S_HOLDER, run_name(S_HOLDER, name, except, now), out);
 }
 
 int sq_entry(const uint8_t* name, int64_t host, NdaHolder* out)
@@ -233,9 +240,28 @@ int sq_entry(const uint8_t* name, int64_t host, NdaHolder* out)
 }
 
 int sq_put_name(const uint8_t* name, int64_t host, int32_t group, uint32_t ip, uint32_t via_ip, uint16_t via_port,
-                int64_t now)
+                int64_t now, int64_t expires)
 {
-    return done(run_name(S_PUT_NAME, name, host, group, hip(ip), hip(via_ip), via_port, now));
+    return done(run_name(S_PUT_NAME, name, host, group, hip(ip), hip(via_ip), via_port, now, expires));
+}
+
+int sq_members(const uint8_t* name, int64_t now, uint32_t* ips, int room)
+{
+    int n = 0;
+    int rc = run_name(S_MEMBERS, name, now);
+    for (; rc == SQLITE_ROW && n < room; rc = sqlite3_step(stmt[S_MEMBERS]))
+        ips[n++] = nip(col(S_MEMBERS, 0));
+    sqlite3_reset(stmt[S_MEMBERS]);
+    if (rc != SQLITE_ROW && rc != SQLITE_DONE) {
+        note_error(SQL[S_MEMBERS]);
+        return -1;
+    }
+    return n;
+}
+
+int sq_expire(int64_t now)
+{
+    return done(run(S_EXPIRE, now));
 }
 
 int sq_drop_name(const uint8_t* name, int64_t host)
@@ -301,7 +327,9 @@ int open_db(const char* where, bool read_only)
     // remove the write-ahead log, under a running agent that lost its locks
     // or one started after. (Read-only already forbids it; this says so.)
     if ((read_only && sqlite3_db_config(db, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr) != SQLITE_OK) ||
-        (!read_only && sqlite3_exec(db, SCHEMA, nullptr, nullptr, &msg) != SQLITE_OK)) {
+        (!read_only && sqlite3_exec(db, SCHEMA, nullptr, nullptr, &msg) != SQLITE_OK) ||
+        (!read_only && sqlite3_exec(db, HAS_EXPIRES, nullptr, nullptr, nullptr) != SQLITE_OK &&
+         sqlite3_exec(db, ADD_EXPIRES, nullptr, nullptr, &msg) != SQLITE_OK)) {
         snprintf(last_error, sizeof last_error, "%s: %s", where, msg != nullptr ? msg : sqlite3_errmsg(db));
         sqlite3_free(msg);
         sq_close();
@@ -338,5 +366,5 @@ const NdaStore nda_sqlite = {
     "sqlite",     sq_open, sq_open_read,       sq_close,      sq_transact,  sq_mark,       sq_host_of,
     sq_new_host,  sq_add_addr,    sq_move_addr,  sq_seen,      sq_addr_count, sq_drop_host,
     sq_merge_host, sq_holder,     sq_entry,      sq_put_name,  sq_drop_name,  sq_drop_stale,
-    sq_list,      sq_error,
+    sq_members,   sq_expire,      sq_list,       sq_error,
 };

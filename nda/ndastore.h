@@ -14,6 +14,7 @@ struct NdaHolder {
     uint32_t ip;        // the address the name answers with (network order)
     uint32_t via_ip;    // the station that registered it: its VERIFY goes there
     uint16_t via_port;
+    int64_t expires;    // 0: kept until deleted (ENS); else the second a WINS entry lapses
 };
 
 struct NdaListEntry {
@@ -61,16 +62,24 @@ struct NdaStore {
     int (*merge_host)(int64_t host, int64_t into);
 
     // Names. holder: the entry that answers for the name, leaving out the
-    // entries of host `except` (0: none left out): a unique owner before
-    // group members, then the member heard of most recently. entry: the
-    // name's entry on one host. Both 1 found, 0 none, -1 error.
-    int (*holder)(const uint8_t* name, int64_t except, NdaHolder* out);
+    // entries of host `except` (0: none left out) and those lapsed by `now`:
+    // a unique owner before group members, then the member heard of most
+    // recently. entry: the name's entry on one host. Both 1 found, 0 none,
+    // -1 error.
+    int (*holder)(const uint8_t* name, int64_t except, int64_t now, NdaHolder* out);
     int (*entry)(const uint8_t* name, int64_t host, NdaHolder* out);
+    // expires: 0 for an entry kept until deleted, else the second it lapses.
     int (*put_name)(const uint8_t* name, int64_t host, int32_t group, uint32_t ip, uint32_t via_ip,
-                    uint16_t via_port, int64_t now);
+                    uint16_t via_port, int64_t now, int64_t expires);
     int (*drop_name)(const uint8_t* name, int64_t host);
     // The name's entries on hosts other than `host` that answer with `ip`.
     int (*drop_stale)(const uint8_t* name, int64_t host, uint32_t ip);
+
+    // The addresses of the name's entries not lapsed by `now`, most recent
+    // first, at most `room`: their count, or -1.
+    int (*members)(const uint8_t* name, int64_t now, uint32_t* ips, int room);
+    // Every entry lapsed by `now` goes; 0 or -1.
+    int (*expire)(int64_t now);
 
     // Every name entry, by name, outside any transaction; 0 or -1.
     int (*list)(void (*fn)(const NdaListEntry& e, void* arg), void* arg);
