@@ -213,6 +213,8 @@ struct Item {
 std::vector<Item> batch;
 bool purge_due = false;
 int64_t batch_s = 0;
+size_t run_from = 0, run_to = 0;  // the items of the transaction being run
+bool run_purge = false;
 
 // What a transaction decided, carried out after its commit.
 std::vector<Reply> outbox;
@@ -410,10 +412,10 @@ int run_batch(void*)
     outbox.clear();
     started.clear();
     ended.clear();
-    if (purge_due && store->expire(batch_s) < 0)
+    if (run_purge && store->expire(batch_s) < 0)
         return -1;
-    for (const Item& it : batch)
-        if (!handle(it))
+    for (size_t i = run_from; i < run_to; i++)
+        if (!handle(batch[i]))
             return -1;
     return 0;
 }
@@ -599,29 +601,50 @@ void wins_datagram(const uint8_t* bytes, int len, uint32_t from_ip, uint16_t fro
     batch.push_back(it);
 }
 
+namespace {
+
+// Items from..to-1 (and the purge, when asked) in one transaction: 0
+// committed and answered, or the engine's failure.
+int commit_items(size_t from, size_t to, bool purge, int64_t now_ms)
+{
+    bool write = purge;
+    for (size_t i = from; i < to; i++)
+        write = write || batch[i].outcome_tag != 0 || batch[i].p.opcode != WINS_OP_QUERY;
+    run_from = from;
+    run_to = to;
+    run_purge = purge;
+    int r = store->transact(write, run_batch, nullptr);
+    if (r == 0) {
+        apply(now_ms);
+        return 0;
+    }
+    // Unanswered: the stations ask again. A challenge whose outcome was
+    // lost runs out again.
+    TRACE(proc, 1, "wins: directory error: %s\n", store->error());
+    for (size_t i = from; i < to; i++)
+        if (Challenge* c = batch[i].outcome_tag != 0 ? find_challenge(batch[i].outcome_tag) : nullptr)
+            c->next_ms = now_ms + WINS_QUERY_GAP_MS;
+    outbox.clear();
+    started.clear();
+    ended.clear();
+    return r;
+}
+
+}  // namespace
+
 void wins_flush(int64_t now_ms, int64_t now_s)
 {
     if (batch.empty() && !purge_due)
         return;
     batch_s = now_s;
-    bool write = purge_due;
-    for (const Item& it : batch)
-        write = write || it.outcome_tag != 0 || it.p.opcode != WINS_OP_QUERY;
-    int r = store->transact(write, run_batch, nullptr);
-    if (r == 0) {
-        apply(now_ms);
+    // Agents sharing one directory that keep conflicting over a whole
+    // batch get through one request at a time.
+    int r = commit_items(0, batch.size(), purge_due, now_ms);
+    if (r == 0)
         purge_due = false;
-    } else {
-        // Unanswered: the stations ask again. A challenge whose outcome
-        // was lost runs out again.
-        TRACE(proc, 1, "wins: directory error: %s\n", store->error());
-        for (const Item& it : batch)
-            if (Challenge* c = it.outcome_tag != 0 ? find_challenge(it.outcome_tag) : nullptr)
-                c->next_ms = now_ms + WINS_QUERY_GAP_MS;
-        outbox.clear();
-        started.clear();
-        ended.clear();
-    }
+    else if (r == NDA_BUSY && batch.size() > 1)
+        for (size_t i = 0; i < batch.size(); i++)
+            commit_items(i, i + 1, false, now_ms);
     batch.clear();
 }
 

@@ -5,6 +5,7 @@
 
 #include "tests/support/lab.h"
 #include "tests/support/ndasim.h"
+#include "tests/support/nswire.h"
 #include "tests/support/paths.h"
 
 #include <arpa/inet.h>
@@ -14,6 +15,7 @@
 #include <pwd.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sodium.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -31,6 +33,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* nsenter = "/usr/bin/nsenter";
 constexpr const char* agent_log = "/var/opt/KORRbase/log.nda";
+constexpr const char* nmbd_bin = "/usr/sbin/nmbd";
+constexpr const char* nmblookup_bin = "/usr/bin/nmblookup";
 
 
 Bytes add(uint32_t id, const Bytes& name, int group, const std::vector<std::string>& addrs)
@@ -46,6 +50,51 @@ Bytes query(uint32_t id, const Bytes& name)
 Bytes answer(uint32_t id, int32_t action, int32_t ans, const Bytes& body = {})
 {
     return datagram(id, uint32_t(action) | response_bit, ans, 0, body);
+}
+
+// WINS as a station sends it: a query (op 0), or a registration (5) or
+// release (6) of `name` with the record for `ip`.
+Bytes wins_request(uint16_t id, int op, const Bytes& name, const char* ip = nullptr, uint8_t flags = 0)
+{
+    Bytes rest{0, 0x20, 0, 1};
+    if (ip != nullptr) {
+        Bytes a = ip_bytes(ip);
+        rest.insert(rest.end(), {0xC0, 0x0C, 0, 0x20, 0, 1, 0, 0, 0x0E, 0x10, 0, 6, flags, 0, a[0], a[1], a[2], a[3]});
+    }
+    return ns_packet(id, uint8_t(op << 3 | 1), 0, {1, 0, 0, uint8_t(ip != nullptr)}, name, {0}, rest);
+}
+
+// The positive answer of a station to the agent's name query.
+Bytes wins_defence(const Bytes& query, const char* ip)
+{
+    Bytes p(query.begin(), query.begin() + 46), a = ip_bytes(ip);
+    std::fill(p.begin() + 2, p.begin() + 12, 0);
+    p[2] = 0x84, p[7] = 1;
+    for (uint8_t b : {0, 0x20, 0, 1, 0, 0, 0, 60, 0, 6, 0, 0})
+        p.push_back(b);
+    p.insert(p.end(), a.begin(), a.end());
+    return p;
+}
+
+// A response's opcode, RCODE, TTL, entries and first address.
+struct WinsAnswer {
+    int op = -1, rcode = -1, entries = 0;
+    uint32_t ttl = 0;
+    std::string ip;
+};
+
+WinsAnswer wins_answer(const Bytes& b)
+{
+    WinsAnswer w;
+    if (b.size() < 56 || !(b[2] & 0x80))
+        return w;
+    const uint8_t* r = b.data() + 46;
+    w.op = b[2] >> 3 & 15, w.rcode = b[3] & 15, w.entries = (r[8] << 8 | r[9]) / 6;
+    w.ttl = uint32_t(r[4]) << 24 | uint32_t(r[5]) << 16 | uint32_t(r[6]) << 8 | r[7];
+    if (w.entries > 0 && b.size() >= 62)
+        w.ip = std::to_string(r[12]) + "." + std::to_string(r[13]) + "." + std::to_string(r[14]) + "." +
+               std::to_string(r[15]);
+    return w;
 }
 
 // The shared key of the keyed test, and a datagram sealed with it as its
@@ -195,6 +244,50 @@ protected:
                 return decode(b).ans < 0 ? "" : r.get_int() != 0 ? r.get_ip() : "?";
         }
         return "?";
+    }
+
+    // The agent's last answer to a WINS request from fd, past its WACK
+    // (op -1: none). Its name queries are answered as their holder would.
+    WinsAnswer wins_ask(int fd, const std::string& agent, const Bytes& req, const char* holder = nullptr)
+    {
+        uint16_t id = uint16_t(req[0] << 8 | req[1]);
+        lab.send_to(fd, agent, 137, req);
+        for (auto d = lab.recv(fd, 10.0); d; d = lab.recv(fd, 10.0)) {
+            if (holder != nullptr && !(d->bytes[2] & 0x80))
+                lab.send_to(fd, d->from, d->port, wins_defence(d->bytes, holder));
+            else if (uint16_t(d->bytes[0] << 8 | d->bytes[1]) == id && wins_answer(d->bytes).op != 7)
+                return wins_answer(d->bytes);
+        }
+        return {};
+    }
+
+    // Each station reaches the agent's address on the other subnet through
+    // the agent's host (which forwards nothing), as a routed site's would.
+    void route_across()
+    {
+        const char* ip = access("/usr/sbin/ip", X_OK) == 0 ? "/usr/sbin/ip" : "/sbin/ip";
+        for (int s = 1; s <= 2; s++)
+            ASSERT_EQ(lab.run(LabSide(s), {ip, "route", "add", std::string(Lab::daemon_addr(3 - s)) + "/32", "via",
+                                           Lab::daemon_addr(s)}), 0);
+    }
+
+    // Samba's nmbd on station 1 as SAMBAST, a WINS client of `wins`; its
+    // smb.conf for nmblookup.
+    std::string start_nmbd(const std::string& wins)
+    {
+        std::string dir = "/opt/samba", dirs;
+        for (const char* sub : {"", "/lock", "/state", "/cache", "/private", "/pid", "/ncalrpc"})
+            EXPECT_EQ(mkdir((dir + sub).c_str(), 0755), 0) << sub;
+        for (const char* sub : {"lock", "state", "cache", "pid"})
+            dirs += std::string(sub) + " directory = " + dir + "/" + sub + "\n";
+        EXPECT_TRUE(lab.write_file(dir + "/smb.conf",
+            "[global]\nnetbios name = SAMBAST\nworkgroup = LABGRP\nserver role = standalone server\n"
+            "interfaces = hs0\nbind interfaces only = yes\ndisable netbios = no\nwins server = " + wins + "\n"
+            "local master = no\ndomain master = no\npreferred master = no\nlog file = " + dir + "/log\n"
+            "private dir = " + dir + "/private\nncalrpc dir = " + dir + "/ncalrpc\n" + dirs));
+        EXPECT_GT(lab.start(lab_station1, {"/bin/sh", "-c", std::string(nmbd_bin) + " --foreground --no-process-group --debug-stdout -d 3 -s " + dir + "/smb.conf >/opt/samba/out 2>&1"}),
+                  0) << lab.last_error();
+        return dir + "/smb.conf";
     }
 
     int as_postgres(const std::vector<std::string>& args, std::string* out)
@@ -481,13 +574,17 @@ TEST_F(Directory, ServesEveryRequestOfTheProtocol)
 {
     // A malformed [agent] section: the agent does not start.
     ASSERT_TRUE(lab.write_file("/tmp/bad.vz", "[agent]\nport 0x10\nlisten 10.88.0.1\nlisten 10.88.0.1\ndir /tmp\n"
-                                                "registrars 10.1.0.0/16 10.2.0.0/33\n"));
+                                                "registrars 10.1.0.0/16 10.2.0.0/33\nwins 10.88.0.256\n"
+                                                "wins-ttl 4\n"));
     std::string out;
     EXPECT_EQ(lab.run(lab_daemon, {HALYARD_NDA_BINARY, "-f", "-c", "/tmp/bad.vz"}, &out), 1 << 8);
     EXPECT_EQ(out, "halyard-nda: /tmp/bad.vz line 2: port: expecting a port number from 1 to 65535\n"
                    "halyard-nda: /tmp/bad.vz line 4: listen already set\n"
-                   "halyard-nda: /tmp/bad.vz line 5: dir: not a setting of [agent] (listen, port, directory, registrars, key)\n"
+                   "halyard-nda: /tmp/bad.vz line 5: dir: not a setting of [agent] (listen, port, directory, registrars, "
+                   "key, wins, wins-ttl)\n"
                    "halyard-nda: /tmp/bad.vz line 6: registrars: expecting networks as NET/LEN (at most 64)\n"
+                   "halyard-nda: /tmp/bad.vz line 7: wins: expecting one IPv4 address of this host\n"
+                   "halyard-nda: /tmp/bad.vz line 8: wins-ttl: expecting seconds from 5 to 604800\n"
                    "halyard-nda: the configuration's [agent] section is malformed: not started\n");
     EXPECT_NE(lab_read_file(agent_log).find("bad.vz line 2: port: expecting"), std::string::npos);
     // Nor with a key that other users can read.
@@ -611,6 +708,123 @@ TEST_F(Directory, TwoAgentsOnOneDatabaseNeverBothGiveAwayAName)
     ASSERT_EQ(answers, 2 * names);
     for (int i = 1; i <= names; i++)
         EXPECT_EQ(accepted[uint32_t(i)], 1) << "RACE" << i - 1;
+}
+
+// WINS at the agent's address 10.88.0.1, beside a daemon of the same host
+// that keeps UDP 137 of every other address: Samba's nmbd registers there
+// and a daemon on the other subnet finds it through ENS, nmblookup finds
+// that daemon's name at the agent, and a unique name stays with whichever
+// protocol's station holds it.
+TEST_F(Directory, WinsStationsAndDaemonsShareOneDirectory)
+{
+    if (access(nmbd_bin, X_OK) != 0 || access(nmblookup_bin, X_OK) != 0)
+        GTEST_SKIP() << "needs Samba's nmbd and nmblookup (Debian packages samba, samba-common-bin)";
+    ASSERT_TRUE(lab.write_config(lab.default_config() + "\n[agent]\nport 227\nwins 10.88.0.1\n"));
+    ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
+    start_agent({"-f", "-z", "proc=5", "-z", "in=5", "-z", "tracefile=/tmp/nda.trc"});
+    Peer b;
+    start_peer(b, 2);
+    std::string conf = start_nmbd("10.88.0.1"), out;
+    ASSERT_TRUE(lab_wait_for(60, [&] { return ask_agent(nb_name("SAMBAST", 0x20)) == "10.88.0.2"; }));
+    ASSERT_EQ(ctl(b, {"lookup", "SAMBAST<20>"}, &out), 0) << out;
+    EXPECT_NE(out.find("10.88.0.2"), std::string::npos) << out;
+
+    ASSERT_EQ(ctl(b, {"add", "HALYB<20>"}, &out), 0) << out;
+    auto nmblookup = [&](const std::vector<std::string>& args) {
+        std::vector<std::string> argv{nmblookup_bin, "-s", conf};
+        argv.insert(argv.end(), args.begin(), args.end());
+        lab.run(lab_station1, argv, &out, 30.0);
+        return out;
+    };
+    EXPECT_TRUE(lab_wait_for(30, [&] {
+        return nmblookup({"-U", "10.88.0.1", "--recursion", "HALYB#20"}).find("10.89.0.2 HALYB<20>") !=
+               std::string::npos;
+    })) << out;
+    // The host's daemon still answers the broadcasts.
+    ASSERT_EQ(lab.halyardctl({"add", "MIDDLE<20>"}), 0);
+    EXPECT_TRUE(lab_wait_for(30, [&] {
+        return nmblookup({"-B", "10.88.0.255", "MIDDLE#20"}).find("10.88.0.1 MIDDLE<20>") != std::string::npos;
+    })) << out;
+
+    // nmbd defends its name against the daemon's ADD (asked by name query)
+    // and against a WINS station (ACT_ERR after a WACK).
+    ASSERT_EQ(ctl(b, {"add", "SAMBAST<20>"}, &out), 0) << out;
+    EXPECT_TRUE(lab_wait_for(30, [&] {
+        return b.log().find("name already exists on network: sambast") != std::string::npos;
+    })) << b.log();
+    route_across();
+    int st = lab.udp_socket(lab_station2, 0);
+    ASSERT_GE(st, 0) << lab.last_error();
+    EXPECT_EQ(wins_ask(st, "10.88.0.1", wins_request(1, 5, ns_name("SAMBAST"), "10.89.0.2")).rcode, 6);
+    EXPECT_EQ(wins_ask(st, "10.88.0.1", wins_request(2, 0, ns_name("SAMBAST"))).ip, "10.88.0.2");
+    // Only one's own address; a release; an unknown name.
+    EXPECT_EQ(wins_ask(st, "10.88.0.1", wins_request(3, 5, ns_name("OTHER"), "10.89.0.9")).rcode, 5);
+    EXPECT_EQ(wins_ask(st, "10.88.0.1", wins_request(4, 5, ns_name("GONE"), "10.89.0.2")).rcode, 0);
+    EXPECT_EQ(wins_ask(st, "10.88.0.1", wins_request(5, 6, ns_name("GONE"), "10.89.0.2")).rcode, 0);
+    EXPECT_EQ(wins_ask(st, "10.88.0.1", wins_request(6, 0, ns_name("GONE"))).rcode, 3);
+    // A group gathers its members: nmbd's and ours.
+    EXPECT_EQ(wins_ask(st, "10.88.0.1", wins_request(7, 5, ns_name("LABGRP", 0), "10.89.0.2", 0x80)).rcode, 0);
+    EXPECT_EQ(wins_ask(st, "10.88.0.1", wins_request(8, 0, ns_name("LABGRP", 0))).entries, 2);
+}
+
+// Two agents on one PostgreSQL database serve one WINS directory, at
+// 10.88.0.1 and 10.89.0.1: a name registered at one is answered by the
+// other, and a unique name that two stations register at once, one at
+// each, goes to one of them (the other's challenge finds it defended).
+// Granted 5 s, a name that is not refreshed lapses; one that is stays.
+TEST_F(Directory, TwoWinsAgentsOnOneDatabaseGiveANameToOneStation)
+{
+    std::string connection = start_postgres();
+    if (connection.empty())
+        GTEST_SKIP() << "needs PostgreSQL's server programs and its postgres user (package postgresql)";
+    for (int a = 1; a <= 2; a++) {
+        std::string conf = "/etc/opt/KORRbase/agent" + std::to_string(a) + ".vz";
+        ASSERT_TRUE(lab.write_file(conf, "[agent]\nport " + std::to_string(a * 1000 + 227) + "\nwins " +
+                                             Lab::daemon_addr(a) + "\nwins-ttl 5\n"));
+        pid_t pid = lab.start(lab_daemon, {HALYARD_NDA_BINARY, "-f", "-c", conf, "-d", connection});
+        ASSERT_GT(pid, 0) << lab.last_error();
+        ASSERT_TRUE(lab_wait_for(30, [&] { return Lab::udp_port_bound(pid, 137); })) << lab_read_file(agent_log);
+    }
+    route_across();
+    int st[2] = {lab.udp_socket(lab_station1, 137), lab.udp_socket(lab_station2, 137)};
+    ASSERT_TRUE(st[0] >= 0 && st[1] >= 0) << lab.last_error();
+    EXPECT_EQ(wins_ask(st[0], "10.88.0.1", wins_request(1, 5, ns_name("SHARED"), "10.88.0.2")).rcode, 0);
+    EXPECT_EQ(wins_ask(st[1], "10.89.0.1", wins_request(2, 0, ns_name("SHARED"))).ip, "10.88.0.2");
+
+    constexpr int names = 10;
+    for (int i = 0; i < names; i++)
+        for (int s = 0; s < 2; s++)
+            ASSERT_TRUE(lab.send_to(st[s], Lab::daemon_addr(s + 1), 137,
+                                    wins_request(uint16_t(100 + i), 5, ns_name(("RACE" + std::to_string(i)).c_str()),
+                                                 Lab::station_addr(s + 1))));
+    std::map<int, int> given;
+    int answers = 0;
+    auto deadline = Clock::now() + std::chrono::seconds(60);
+    while (answers < 2 * names && Clock::now() < deadline) {
+        for (int s = 0; s < 2; s++) {
+            auto d = lab.recv(st[s], 0.01);
+            if (d && !(d->bytes[2] & 0x80)) {
+                lab.send_to(st[s], d->from, d->port, wins_defence(d->bytes, Lab::station_addr(s + 1)));
+            } else if (WinsAnswer w = d ? wins_answer(d->bytes) : WinsAnswer{}; w.op == 5) {
+                answers++;
+                given[d->bytes[1] - 100] += w.rcode == 0 ? 1 : 0;
+            }
+        }
+    }
+    ASSERT_EQ(answers, 2 * names);
+    for (int i = 0; i < names; i++)
+        EXPECT_EQ(given[i], 1) << "RACE" << i;
+
+    WinsAnswer w = wins_ask(st[1], "10.89.0.1", wins_request(1, 5, ns_name("LAPSE"), "10.89.0.2"));
+    EXPECT_EQ(w.rcode, 0);
+    EXPECT_EQ(w.ttl, 5u);
+    EXPECT_EQ(wins_ask(st[0], "10.88.0.1", wins_request(2, 5, ns_name("KEPT"), "10.88.0.2")).rcode, 0);
+    uint16_t id = 3;
+    EXPECT_TRUE(lab_wait_for(15, [&] {
+        wins_ask(st[0], "10.88.0.1", wins_request(id++, 8, ns_name("KEPT"), "10.88.0.2"));
+        return wins_ask(st[0], "10.88.0.1", wins_request(id++, 0, ns_name("LAPSE"))).rcode == 3;
+    }));
+    EXPECT_EQ(wins_ask(st[1], "10.89.0.1", wins_request(id++, 0, ns_name("KEPT"))).ip, "10.88.0.2");
 }
 
 // The database's password comes from a password file only: it is in
