@@ -30,7 +30,7 @@ constexpr int WINS_VERIFY_GAP_MS = 1000;
 constexpr int WINS_WACK_TTL = 4;           // seconds a station waits for the outcome
 constexpr int WINS_MAX_ADDRS = 64;         // addresses in one answer or one record read
 constexpr int WINS_WIRE_NAME = 255;        // bytes of a name as sent (labels, scope, zero)
-constexpr int WINS_PURGE_MS = 10000;       // lapsed entries leave the directory this often
+constexpr int WINS_PURGE_MS = 60000;       // lapsed entries (never answered) leave the directory this often
 
 // Opcodes (RFC 1002 4.2.1.1, with 9 the refresh some stations send and
 // 0xF the multi-homed registration).

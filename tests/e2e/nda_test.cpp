@@ -23,6 +23,7 @@
 #include <algorithm>
 #include <chrono>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,8 @@ constexpr const char* nsenter = "/usr/bin/nsenter";
 constexpr const char* agent_log = "/var/opt/KORRbase/log.nda";
 constexpr const char* nmbd_bin = "/usr/sbin/nmbd";
 constexpr const char* nmblookup_bin = "/usr/bin/nmblookup";
+constexpr const char* tshark_bin = "/usr/bin/tshark";
+constexpr const char* dumpcap_bin = "/usr/bin/dumpcap";
 
 
 Bytes add(uint32_t id, const Bytes& name, int group, const std::vector<std::string>& addrs)
@@ -705,7 +708,7 @@ TEST_F(Directory, TwoAgentsOnOneDatabaseNeverBothGiveAwayAName)
             }
         }
     }
-    ASSERT_EQ(answers, 2 * names);
+    ASSERT_EQ(answers, 2 * names) << lab_read_file("/tmp/t1") << lab_read_file("/tmp/t2");
     for (int i = 1; i <= names; i++)
         EXPECT_EQ(accepted[uint32_t(i)], 1) << "RACE" << i - 1;
 }
@@ -721,7 +724,15 @@ TEST_F(Directory, WinsStationsAndDaemonsShareOneDirectory)
         GTEST_SKIP() << "needs Samba's nmbd and nmblookup (Debian packages samba, samba-common-bin)";
     ASSERT_TRUE(lab.write_config(lab.default_config() + "\n[agent]\nport 227\nwins 10.88.0.1\n"));
     ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
-    start_agent({"-f", "-z", "proc=5", "-z", "in=5", "-z", "tracefile=/tmp/nda.trc"});
+    // Every datagram from UDP 137 at the host's addresses, for tshark.
+    const std::string pcap = "/opt/wins.pcap", dumpcap_out = "/opt/dumpcap.out";
+    bool decode = access(tshark_bin, X_OK) == 0 && access(dumpcap_bin, X_OK) == 0;
+    pid_t capture = !decode ? -1 : lab.start(lab_daemon, {"/bin/sh", "-c", std::string("exec ") + dumpcap_bin +
+                                      " -n -i hd0 -f udp -i hd1 -f udp -w " + pcap + " 2>" + dumpcap_out});
+    ASSERT_TRUE(!decode || lab_wait_for(60, [&] {
+        return lab_read_file(dumpcap_out).find("Capturing on") != std::string::npos;
+    })) << lab_read_file(dumpcap_out);
+    start_agent();
     Peer b;
     start_peer(b, 2);
     std::string conf = start_nmbd("10.88.0.1"), out;
@@ -765,6 +776,29 @@ TEST_F(Directory, WinsStationsAndDaemonsShareOneDirectory)
     // A group gathers its members: nmbd's and ours.
     EXPECT_EQ(wins_ask(st, "10.88.0.1", wins_request(7, 5, ns_name("LABGRP", 0), "10.89.0.2", 0x80)).rcode, 0);
     EXPECT_EQ(wins_ask(st, "10.88.0.1", wins_request(8, 0, ns_name("LABGRP", 0))).entries, 2);
+
+    if (!decode)
+        GTEST_SKIP() << "tshark or dumpcap is not installed (Debian package tshark): nothing was decoded";
+    auto tshark = [&](const std::string& filter) {
+        lab.run(lab_daemon, {"/bin/sh", "-c", std::string(tshark_bin) + " -n -r " + pcap + " -Y '" + filter +
+                                                  "' -T fields -e _ws.col.Info 2>/dev/null"}, &out, 60.0);
+        return out;
+    };
+    // Datagrams to the discard port of each station mark the capture's end.
+    int marker = lab.udp_socket(lab_daemon, 0);
+    ASSERT_GE(marker, 0) << lab.last_error();
+    EXPECT_TRUE(lab_wait_for(30, [&] {
+        lab.send_to(marker, "10.88.0.2", 9, {'e'});
+        lab.send_to(marker, "10.89.0.2", 9, {'e'});
+        std::string ends = tshark("udp.dstport == 9 && ip.dst == 10.88.0.2") + "|" +
+                           tshark("udp.dstport == 9 && ip.dst == 10.89.0.2");
+        return ends.size() > 2 && ends.front() != '|' && ends.back() != '|';
+    }));
+    ASSERT_TRUE(kill(capture, SIGTERM) == 0 && lab.wait_exit(capture, 20.0));
+    std::string frames = tshark("udp.srcport == 137 && (ip.src == 10.88.0.1 || ip.src == 10.89.0.1)");
+    EXPECT_NE(frames.find("Wait for acknowledgment"), std::string::npos) << frames;
+    EXPECT_EQ(tshark("udp.srcport == 137 && (_ws.malformed || !nbns || _ws.expert.severity >= warning)"), "")
+        << frames;
 }
 
 // Two agents on one PostgreSQL database serve one WINS directory, at
@@ -781,9 +815,10 @@ TEST_F(Directory, TwoWinsAgentsOnOneDatabaseGiveANameToOneStation)
         std::string conf = "/etc/opt/KORRbase/agent" + std::to_string(a) + ".vz";
         ASSERT_TRUE(lab.write_file(conf, "[agent]\nport " + std::to_string(a * 1000 + 227) + "\nwins " +
                                              Lab::daemon_addr(a) + "\nwins-ttl 5\n"));
-        pid_t pid = lab.start(lab_daemon, {HALYARD_NDA_BINARY, "-f", "-c", conf, "-d", connection});
-        ASSERT_GT(pid, 0) << lab.last_error();
-        ASSERT_TRUE(lab_wait_for(30, [&] { return Lab::udp_port_bound(pid, 137); })) << lab_read_file(agent_log);
+        ASSERT_GT(lab.start(lab_daemon, {HALYARD_NDA_BINARY, "-f", "-c", conf, "-d", connection}), 0);
+        ASSERT_TRUE(lab_wait_for(30, [&] {
+            return lab_read_file(agent_log).find(std::string("WINS at ") + Lab::daemon_addr(a)) != std::string::npos;
+        })) << lab_read_file(agent_log);
     }
     route_across();
     int st[2] = {lab.udp_socket(lab_station1, 137), lab.udp_socket(lab_station2, 137)};
@@ -791,27 +826,31 @@ TEST_F(Directory, TwoWinsAgentsOnOneDatabaseGiveANameToOneStation)
     EXPECT_EQ(wins_ask(st[0], "10.88.0.1", wins_request(1, 5, ns_name("SHARED"), "10.88.0.2")).rcode, 0);
     EXPECT_EQ(wins_ask(st[1], "10.89.0.1", wins_request(2, 0, ns_name("SHARED"))).ip, "10.88.0.2");
 
+    // Each station repeats what is still unanswered, as stations do.
     constexpr int names = 10;
-    for (int i = 0; i < names; i++)
-        for (int s = 0; s < 2; s++)
-            ASSERT_TRUE(lab.send_to(st[s], Lab::daemon_addr(s + 1), 137,
-                                    wins_request(uint16_t(100 + i), 5, ns_name(("RACE" + std::to_string(i)).c_str()),
-                                                 Lab::station_addr(s + 1))));
     std::map<int, int> given;
-    int answers = 0;
-    auto deadline = Clock::now() + std::chrono::seconds(60);
-    while (answers < 2 * names && Clock::now() < deadline) {
+    std::set<int> answered;  // station * names + name
+    auto deadline = Clock::now() + std::chrono::seconds(60), repeat = Clock::now();
+    while (answered.size() < 2 * names && Clock::now() < deadline) {
+        for (int i = 0; i < names && Clock::now() >= repeat; i++)
+            for (int s = 0; s < 2; s++)
+                if (!answered.count(s * names + i))
+                    lab.send_to(st[s], Lab::daemon_addr(s + 1), 137,
+                                wins_request(uint16_t(100 + i), 5, ns_name(("RACE" + std::to_string(i)).c_str()),
+                                             Lab::station_addr(s + 1)));
+        if (Clock::now() >= repeat)
+            repeat = Clock::now() + std::chrono::seconds(2);
         for (int s = 0; s < 2; s++) {
             auto d = lab.recv(st[s], 0.01);
             if (d && !(d->bytes[2] & 0x80)) {
                 lab.send_to(st[s], d->from, d->port, wins_defence(d->bytes, Lab::station_addr(s + 1)));
-            } else if (WinsAnswer w = d ? wins_answer(d->bytes) : WinsAnswer{}; w.op == 5) {
-                answers++;
+            } else if (WinsAnswer w = d ? wins_answer(d->bytes) : WinsAnswer{};
+                       w.op == 5 && answered.insert(s * names + d->bytes[1] - 100).second) {
                 given[d->bytes[1] - 100] += w.rcode == 0 ? 1 : 0;
             }
         }
     }
-    ASSERT_EQ(answers, 2 * names);
+    ASSERT_EQ(answered.size(), size_t(2 * names));
     for (int i = 0; i < names; i++)
         EXPECT_EQ(given[i], 1) << "RACE" << i;
 
