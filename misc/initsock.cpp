@@ -60,14 +60,8 @@ int init_sock(uint32_t addr, uint16_t* port, int stream)
     }
     if (stream)
         stream_options(s);
-    else {
+    else
         set_opt(s, SO_BROADCAST, 1, "setsockopt call");
-        // A name-directory agent on this host may serve WINS at an address
-        // of its own on the name-service port: with the option on both
-        // sockets, its more specific binding takes the unicasts to that
-        // address and ours everything else. Ports below 1024 stay root's.
-        set_opt(s, SO_REUSEADDR, 1, "setsockopt reuse");
-    }
 
     if (bind(s, reinterpret_cast<struct sockaddr*>(&myaddr), sizeof myaddr) < 0) {
         TRACE(proc, 1, "init_sock: bind call: errno %d\n", errno);
@@ -99,4 +93,27 @@ int temp_socket()
 int temp_s_close(int s)
 {
     return close(s);
+}
+
+int init_shared_sock(uint32_t addr, uint16_t port)
+{
+    int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (s < 0) {
+        TRACE(proc, 1, "init_shared_sock: socket call: errno %d\n", errno);
+        return -1;
+    }
+    set_opt(s, SO_BROADCAST, 1, "setsockopt call");
+    set_opt(s, SO_REUSEADDR, 1, "setsockopt reuse");
+    sockaddr_in sin{};
+    sin.sin_family = AF_INET;
+    sin.sin_port = htons(port);
+    sin.sin_addr.s_addr = addr;
+    if (bind(s, reinterpret_cast<sockaddr*>(&sin), sizeof sin) < 0) {
+        int e = errno;
+        TRACE(proc, 1, "init_shared_sock: bind call: errno %d\n", e);
+        close(s);
+        errno = e;
+        return -1;
+    }
+    return s;
 }

@@ -10,8 +10,7 @@ extern int s_recvbuf;
 
 // A socket bound to addr (IPv4, network order, 0 for any) at *port (host
 // order); a stream socket when stream is non-zero (address reuse, keep-alive,
-// buffer sizes, listening), else a datagram socket allowed to broadcast
-// (and to share its port with one bound to a single address).
+// buffer sizes, listening), else a datagram socket allowed to broadcast.
 // A *port of 0 lets the system choose and receives its choice. Returns the
 // descriptor, or -1 with nothing left open.
 int init_sock(uint32_t addr, uint16_t* port, int stream);
@@ -19,3 +18,11 @@ int init_sock(uint32_t addr, uint16_t* port, int stream);
 // An unbound datagram socket, only a handle for interface queries; or -1.
 int temp_socket();
 int temp_s_close(int s);
+
+// A datagram socket at addr:port (network order address, a port below
+// 1024) that shares the port: a name-directory agent may serve WINS at one
+// address of the host on the name-service port while the daemon holds it
+// at every address. With the option on both, the more specific binding
+// takes the unicasts to its address and the other the rest; a privileged
+// port keeps other users out. -1 with errno on failure.
+int init_shared_sock(uint32_t addr, uint16_t port);

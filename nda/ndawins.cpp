@@ -2,13 +2,12 @@
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <vector>
 
+#include "misc/initsock.h"
 #include "misc/nencode.h"
 #include "misc/pktasm.h"
 #include "nda/ndadir.h"
@@ -267,7 +266,11 @@ void challenge(const Item& it, const NdaHolder& h)
             outbox.push_back(wack);
         return;
     }
-    if (challenges.size() + started.size() >= size_t(WINS_MAX_CHALLENGES)) {
+    auto of_station = [&](const Challenge& c) { return c.from_ip == it.ip; };
+    if (challenges.size() + started.size() >= size_t(WINS_MAX_CHALLENGES) ||
+        std::count_if(challenges.begin(), challenges.end(), of_station) +
+                std::count_if(started.begin(), started.end(), of_station) >=
+            WINS_STATION_CHALLENGES) {
         TRACE(proc, 1, "wins: too many challenges, registration of %s dropped\n", nm_printable(it.p.name));
         return;
     }
@@ -556,22 +559,7 @@ void wins_init(const NdaStore* s, int fd, uint32_t ttl)
 
 int wins_open(uint32_t addr, uint16_t port)
 {
-    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return -1;
-    int one = 1;
-    sockaddr_in sin{};
-    sin.sin_family = AF_INET;
-    sin.sin_addr.s_addr = addr;
-    sin.sin_port = htons(port);
-    if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 ||
-        bind(fd, reinterpret_cast<sockaddr*>(&sin), sizeof sin) != 0) {
-        int e = errno;
-        close(fd);
-        errno = e;
-        return -1;
-    }
-    return fd;
+    return init_shared_sock(addr, port);
 }
 
 bool wins_on()

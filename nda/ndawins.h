@@ -10,10 +10,11 @@
 // register only the address it sends from.
 //
 // Beyond the plain protocol, so that no station can stall or wear down the
-// agent: at most WINS_MAX_CHALLENGES challenges wait at once (a request
-// that would start one more is dropped; stations repeat their requests),
-// one per name; a repeated request of a name under challenge only gets its
-// WACK again; every table here is bounded.
+// agent: at most WINS_MAX_CHALLENGES challenges wait at once, and
+// WINS_STATION_CHALLENGES of one station (a request that would start one
+// more is dropped; stations repeat their requests), one per name; a
+// repeated request of a name under challenge only gets its WACK again;
+// every table here is bounded.
 #include <cstdint>
 
 struct NdaStore;
@@ -23,6 +24,7 @@ constexpr int WINS_TTL_DEFAULT = 3600;     // seconds granted to a registration
 constexpr int WINS_TTL_MIN = 5;
 constexpr int WINS_TTL_MAX = 7 * 86400;
 constexpr int WINS_MAX_CHALLENGES = 64;
+constexpr int WINS_STATION_CHALLENGES = 8; // of these, started by one station
 constexpr int WINS_QUERY_SENDS = 3;        // name queries of one challenge
 constexpr int WINS_QUERY_GAP_MS = 500;
 constexpr int WINS_VERIFY_SENDS = 2;       // VERIFYs of one challenge of a daemon's name
@@ -82,8 +84,7 @@ int wins_read(const uint8_t* bytes, int len, WinsPacket* out);
 // directory, granting ttl seconds.
 void wins_init(const NdaStore* store, int fd, uint32_t ttl);
 // A UDP socket at addr:port (network order address) that shares the port
-// with a daemon bound to every address: the more specific binding gets
-// the datagrams sent to addr. -1 with errno on failure.
+// with a daemon bound to every address (init_shared_sock). -1 with errno.
 int wins_open(uint32_t addr, uint16_t port);
 bool wins_on();
 // One datagram; the batch runs at wins_flush (a full one at once).

@@ -33,7 +33,9 @@ int open_socket(uint16_t port)
 {
     TRACE(proc, 3, "open_socket called\n");
     uint16_t p = port;
-    int fd = init_sock(0, &p, 0);
+    // The name-service port is shared with an agent serving WINS on this
+    // host; any other port is ours alone.
+    int fd = port != 0 && port < 1024 ? init_shared_sock(0, p) : init_sock(0, &p, 0);
     if (fd < 0)
         TRACE(proc, 1, "open_socket: init_sock failed: addr %s, port %d\n", nm_ntoa(htonl(INADDR_ANY)),
               int(port));

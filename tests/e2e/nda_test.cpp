@@ -768,6 +768,10 @@ TEST_F(Directory, WinsStationsAndDaemonsShareOneDirectory)
     ASSERT_GE(st, 0) << lab.last_error();
     EXPECT_EQ(wins_ask(st, "10.88.0.1", wins_request(1, 5, ns_name("SAMBAST"), "10.89.0.2")).rcode, 6);
     EXPECT_EQ(wins_ask(st, "10.88.0.1", wins_request(2, 0, ns_name("SAMBAST"))).ip, "10.88.0.2");
+    // The daemon on B confirms its name (VERIFY) to a WINS station's claim.
+    int st1 = lab.udp_socket(lab_station1, 0);
+    ASSERT_GE(st1, 0) << lab.last_error();
+    EXPECT_EQ(wins_ask(st1, "10.88.0.1", wins_request(1, 5, ns_name("HALYB"), "10.88.0.2")).rcode, 6);
     // Only one's own address; a release; an unknown name.
     EXPECT_EQ(wins_ask(st, "10.88.0.1", wins_request(3, 5, ns_name("OTHER"), "10.89.0.9")).rcode, 5);
     EXPECT_EQ(wins_ask(st, "10.88.0.1", wins_request(4, 5, ns_name("GONE"), "10.89.0.2")).rcode, 0);
@@ -806,6 +810,7 @@ TEST_F(Directory, WinsStationsAndDaemonsShareOneDirectory)
 // other, and a unique name that two stations register at once, one at
 // each, goes to one of them (the other's challenge finds it defended).
 // Granted 5 s, a name that is not refreshed lapses; one that is stays.
+// One station's challenges are bounded.
 TEST_F(Directory, TwoWinsAgentsOnOneDatabaseGiveANameToOneStation)
 {
     std::string connection = start_postgres();
@@ -864,6 +869,15 @@ TEST_F(Directory, TwoWinsAgentsOnOneDatabaseGiveANameToOneStation)
         return wins_ask(st[0], "10.88.0.1", wins_request(id++, 0, ns_name("LAPSE"))).rcode == 3;
     }));
     EXPECT_EQ(wins_ask(st[1], "10.89.0.1", wins_request(id++, 0, ns_name("KEPT"))).ip, "10.88.0.2");
+
+    // One station challenges at most 8 holders at once: its other
+    // registrations are dropped meanwhile.
+    auto held = [](int i) { return ns_name(("HELD" + std::to_string(i)).c_str()); };
+    for (int i = 0; i < 12; i++)
+        ASSERT_EQ(wins_ask(st[0], "10.88.0.1", wins_request(uint16_t(200 + i), 5, held(i), "10.88.0.2")).rcode, 0);
+    for (int i = 0; i < 12; i++)
+        lab.send_to(st[1], "10.89.0.1", 137, wins_request(uint16_t(300 + i), 5, held(i), "10.89.0.2"));
+    EXPECT_EQ(lab.collect(st[1], 12, 3.0, [](const Bytes& b) { return wins_answer(b).op == 7; }).size(), 8u);
 }
 
 // The database's password comes from a password file only: it is in
