@@ -638,7 +638,8 @@ TEST_F(Directory, ServesEveryRequestOfTheProtocol)
     EXPECT_EQ(lab_counters(out), (std::map<std::string, uint64_t>{
         {"requests_query", 3}, {"requests_add", 8}, {"requests_delete", 1}, {"requests_equiv", 1},
         {"requests_purge", 1}, {"requests_malformed", 0}, {"verify_sent", 1}, {"verify_answers", 1},
-        {"refused_outsider", 0}, {"refused_held", 2}, {"commits", 12}})) << out;
+        {"refused_outsider", 0}, {"refused_held", 2}, {"commits", 12}, {"wins_queries", 0},
+        {"wins_registrations", 0}, {"wins_refreshes", 0}, {"wins_releases", 0}, {"wins_malformed", 0}})) << out;
     ASSERT_EQ(lab.run(lab_daemon, {HALYARD_NDA_BINARY, "-s", "-j"}, &json), 0) << json;
     ASSERT_TRUE(lab.write_file("/var/opt/counters.json", json));
     std::string read;
@@ -795,6 +796,12 @@ TEST_F(Directory, WinsStationsAndDaemonsShareOneDirectory)
     // A group gathers its members: nmbd's and ours.
     EXPECT_EQ(wins_ask(st, "10.88.0.1", wins_request(7, 5, ns_name("LABGRP", 0), "10.89.0.2", 0x80)).rcode, 0);
     EXPECT_EQ(wins_ask(st, "10.88.0.1", wins_request(8, 0, ns_name("LABGRP", 0))).entries, 2);
+    // Counted: our four registrations and three queries at least (nmbd's
+    // and nmblookup's come on top), the one release.
+    ASSERT_EQ(lab.run(lab_daemon, {HALYARD_NDA_BINARY, "-s"}, &out), 0) << out;
+    auto counted = lab_counters(out);
+    EXPECT_TRUE(counted["wins_registrations"] >= 4 && counted["wins_queries"] >= 3) << out;
+    EXPECT_EQ(counted["wins_releases"], 1u) << out;
 
     if (!decode)
         GTEST_SKIP() << "tshark or dumpcap is not installed (Debian package tshark): nothing was decoded";
