@@ -17,7 +17,7 @@ TEST(EnsProbe, AStaleHostIsProbedWithANewNameEachTickAndPurgedAtTheFourth)
 {
     dg_set_clock(fake_time, fake_alarm);
     dg_set_sender(record_dg);
-    nda_addr[0] = inet_addr("127.0.0.2"), nda_ct = 1, ndport = 1002;
+    nda_addr[0] = inet_addr("127.0.0.2"), nda_ct = 1, ndport = 1002, nmport = 137;
     EnsHost* h = ens_create();
     h->time = fake_now - 1800;
     ASSERT_EQ(ens_a_add(inet_addr("127.0.0.5"), h), 0);
