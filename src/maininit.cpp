@@ -338,7 +338,6 @@ void dg_set_clock(dg_time_fn now, dg_alarm_fn arm)
 
 // Start-up and shutdown.
 
-const char* prog = "Halyard";
 char vz_home[VZ_HOME_SIZE];
 uid_t admuid = 0;
 gid_t admgid = 0;
