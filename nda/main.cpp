@@ -41,9 +41,7 @@
 #include "shr/vzparse.h"
 #include "shr/vzpoll.h"
 #include "shr/vzsignal.h"
-#include "src/getnpack.h"
 #include "src/maininit.h"
-#include "src/namecust.h"
 #include "src/namelogin.h"
 #include "src/nbndgio.h"
 
