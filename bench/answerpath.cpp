@@ -84,14 +84,14 @@ int main(int argc, char** argv)
         !(status || miss || strcmp(mode, "query") == 0))
         return usage();
 
-    // One interface; the sender on its subnet; no socket, so no sends.
+    // One interface; the asker on its subnet; no sender registered, so
+    // answers are built but nothing leaves.
     static if_entry ifs[1];
     ifs[0] = {inet_addr("10.88.0.1"), inet_addr("10.88.0.255"), inet_addr("255.255.255.0")};
     my_addr = ifs;
     my_addr_ct = 1;
     transport_tcpip = 1;
     nmport = 137;
-    dg_fd = -1;
 
     std::vector<std::vector<uint8_t>> dgs;
     for (int i = 0; i < names; i++) {

@@ -2,8 +2,29 @@
 
 #include <cstring>
 
+#include "misc/enskey.h"
 #include "nmtrace.h"
-#include "src/cust.h"
+#include "shr/dgsend.h"
+#include "shr/fxdump.h"
+
+// Every ENS datagram of the daemon and of the agent leaves here: with a key
+// it is sealed here, so the trace shows what goes on the wire.
+int WriteDG(const UniAddr* to, const uint8_t* bytes, int length)
+{
+    uint8_t sealed[ENS_AREA + EK_SEAL_SIZE];
+    if (ek_keyed()) {
+        length = ek_seal(sealed, int(sizeof sealed), bytes, length, ek_now_us());
+        if (length < 0)
+            return -1;
+        bytes = sealed;
+    }
+    if (tcfile != nullptr && tc_out >= 4) {
+        tc_printf("WriteDG: sending %d bytes --\n", length);
+        dump_bytes(tcfile, bytes, length > 0 ? static_cast<size_t>(length) : 0);
+        fflush(tcfile);
+    }
+    return dg_send(DgWay::ens, bytes, length, to);
+}
 
 namespace {
 

@@ -34,3 +34,6 @@ int pkta_length();  // bytes built, header room included
 int pkta_request(const UniAddr* to, uint32_t id, int32_t action);
 int pkta_respond(const UniAddr* to, uint32_t id, int32_t action, int32_t ans, int32_t err);
 int check_alloc(int n);  // 0 when n more bytes fit in the area, else -1
+// One ENS datagram, sealed when there is a key, out by the ENS way of the
+// program's sender; the sender's result.
+int WriteDG(const UniAddr* to, const uint8_t* bytes, int length);

@@ -33,6 +33,7 @@
 #include "nda/ndawins.h"
 #include "nmtrace.h"
 #include "nversion.h"
+#include "shr/dgsend.h"
 #include "shr/fxdump.h"
 #include "shr/logging.h"
 #include "shr/uniinet.h"
@@ -40,13 +41,19 @@
 #include "shr/vzparse.h"
 #include "shr/vzpoll.h"
 #include "shr/vzsignal.h"
-#include "src/getnpack.h"
 #include "src/maininit.h"
-#include "src/namecust.h"
 #include "src/namelogin.h"
 #include "src/nbndgio.h"
 
 namespace {
+
+// The agent's one ENS socket; its answers and verifications leave by it.
+int ens_sock = -1;
+
+int send_out(DgWay way, const uint8_t* data, int len, const UniAddr* to)
+{
+    return way == DgWay::ens ? put_ddg(ens_sock, data, len, to) : -1;
+}
 
 constexpr const char* CONFIG_PATH = "/etc/opt/KORRbase/config.vz";
 constexpr const char* LOG_PATH = "/var/opt/KORRbase/log.nda";
@@ -689,8 +696,8 @@ int main(int argc, char* argv[])
                 "_halyard-nda): not started");
     }
     uint16_t p = uint16_t(port);
-    ens_fd = init_sock(listen_addr, &p, 0);
-    if (ens_fd < 0) {
+    ens_sock = init_sock(listen_addr, &p, 0);
+    if (ens_sock < 0) {
         char text[160];
         snprintf(text, sizeof text, "cannot listen at %s port %d: %s", nm_ntoa(listen_addr), port, strerror(errno));
         log_new();
@@ -698,6 +705,7 @@ int main(int argc, char* argv[])
                    strerror(errno));
         fail(1, text);
     }
+    dg_set_sender(send_out);
     // WINS at an address of its own: a daemon on this host keeps every
     // other address of UDP 137 (both bind with SO_REUSEADDR).
     int wins_fd = -1;
@@ -783,21 +791,21 @@ int main(int argc, char* argv[])
         }
         if (busy > 0)
             wait = 0;
-        pollfd pfd[3] = {{ens_fd, POLLIN, 0}, {wins_fd, POLLIN, 0}, {stats_fd, POLLIN, 0}};
+        pollfd pfd[3] = {{ens_sock, POLLIN, 0}, {wins_fd, POLLIN, 0}, {stats_fd, POLLIN, 0}};
         timespec ts{wait / 1000, long(wait % 1000) * 1000000};
         int r = ppoll(pfd, 3, wait < 0 ? nullptr : &ts, &wait_mask);  // a negative fd is skipped
         if (r < 0 && errno != EINTR)
             break;
         if (r > 0 && pfd[2].revents != 0)
             nda_stats_serve(stats_fd);
-        bool more = r > 0 && pfd[0].revents != 0 && receive(ens_fd);
+        bool more = r > 0 && pfd[0].revents != 0 && receive(ens_sock);
         more = (r > 0 && wins_fd >= 0 && pfd[1].revents != 0 && receive_wins(wins_fd)) || more;
         busy = more ? busy + 1 : 0;
     }
     log_new();
     log_catmsg(LOG_SET, MSG_STOPPING, "%s: stopping (signal %d)", prog, vz_classic_signal(int(stop_sig)));
     store->close();
-    close(ens_fd);
+    close(ens_sock);
     if (stats_fd >= 0)
         close(stats_fd);
     if (wins_fd >= 0)

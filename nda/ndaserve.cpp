@@ -17,7 +17,6 @@
 #include "nmtrace.h"
 #include "shr/logging.h"
 #include "shr/uniinet.h"
-#include "src/maininit.h"
 
 namespace {
 

@@ -38,7 +38,8 @@ struct NdaNet {
     uint32_t mask;  // network order
 };
 
-// Starts (or starts over) with this directory; answers go out on ens_fd.
+// Starts (or starts over) with this directory; answers go out by the ENS way
+// of the program's sender.
 void nda_serve_init(const NdaStore* store);
 // The networks whose stations may change the directory (at most
 // NDA_MAX_REGISTRARS; none set: no station may).

@@ -9,6 +9,8 @@
 #include "shr/vzopen.h"
 #include "shr/vzhome.h"
 
+const char* prog = "Halyard";
+
 namespace {
 
 constexpr int LOG_MAX_ARGS = 6;

@@ -6,6 +6,9 @@
 // The operator log: groups of a time-stamp line and tab-led messages, every
 // line ending in CR LF; the file is opened and closed for each message.
 constexpr int LOG_SET = 10;  // the daemon's message set
+// The program's name, first argument of its operator messages: "Halyard",
+// or the agent's own.
+extern const char* prog;
 
 int open_log(const char* path);  // 0, or -1 (logging off); "" turns it off
 void log_new();                  // the next message starts a new group

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include "shr/logging.h"
-#include "src/maininit.h"
 
 int vz_open_plain(const char* path, int flags, mode_t mode)
 {

@@ -2,12 +2,9 @@
 
 #include <array>
 #include <cstring>
-#include <unistd.h>
 
-#include "misc/enskey.h"
 #include "misc/pktasm.h"
 #include "nmtrace.h"
-#include "shr/fxdump.h"
 #include "shr/uniinet.h"
 #include "src/cache.h"
 #include "src/delay.h"
@@ -19,25 +16,6 @@
 #include "src/nbndgio.h"
 #include "src/service.h"
 #include "src/stats.h"
-
-// Every ENS datagram of the daemon and of the agent leaves here: with a key
-// it is sealed here, so the trace shows what goes on the wire.
-int WriteDG(const UniAddr* to, const uint8_t* bytes, int length)
-{
-    uint8_t sealed[ENS_AREA + EK_SEAL_SIZE];
-    if (ek_keyed()) {
-        length = ek_seal(sealed, int(sizeof sealed), bytes, length, ek_now_us());
-        if (length < 0)
-            return -1;
-        bytes = sealed;
-    }
-    if (tcfile != nullptr && tc_out >= 4) {
-        tc_printf("WriteDG: sending %d bytes --\n", length);
-        dump_bytes(tcfile, bytes, length > 0 ? static_cast<size_t>(length) : 0);
-        fflush(tcfile);
-    }
-    return put_ddg(ens_fd, bytes, length, to);
-}
 
 int same_addr(uint32_t address, const UniAddr* peer)
 {
@@ -248,9 +226,6 @@ void ens_bcast()
 {
     if (bcast_sent || !ens_client || nda_ct != 0 || my_addr_ct < 2)
         return;
-    ens_fd = open_socket(ensport);
-    if (ens_fd < 0)
-        return;
     std::array<uint32_t, MAX_INTERFACES> addrs{};
     int n = my_addr_ct < MAX_INTERFACES ? my_addr_ct : MAX_INTERFACES;
     for (int i = 0; i < n; i++)
@@ -259,6 +234,4 @@ void ens_bcast()
     iantoua(&to, my_addr[0].bcast, ndport);
     send_equiv(0, addrs.data(), n, &to);
     bcast_sent = true;
-    close(ens_fd);
-    ens_fd = -1;
 }

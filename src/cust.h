@@ -19,8 +19,6 @@ void nda_claim(const npkt* packet);
 // A local client's lookup: 0 when answered from the cache, else -1 (a cached
 // negative answer, or a query under way).
 int nda_lquery(const uint8_t* name, int32_t id, uint32_t xid);
-// One ENS datagram from ens_fd; the result of put_ddg.
-int WriteDG(const UniAddr* to, const uint8_t* bytes, int length);
 // 1 when address is the IPv4 address of peer, else 0.
 int same_addr(uint32_t address, const UniAddr* peer);
 // Once per run: an ENS client with two or more interfaces and no agents

@@ -13,6 +13,8 @@
 #include "nmtrace.h"
 #include "nversion.h"
 #include "shr/dbpid.h"
+#include "shr/dgsend.h"
+#include "shr/uniinet.h"
 #include "shr/logging.h"
 #include "shr/vzhome.h"
 #include "shr/vzmkkvcv.h"
@@ -294,7 +296,13 @@ int recv_datagrams()
 
 int dg_bsend(const uint8_t* data, int len, int index)
 {
-    return put_bdg(dg_fd, data, len, index, nmport);
+    if (index < 0 || index >= my_addr_ct || my_addr == nullptr) {
+        TRACE(out, 1, "dg_bsend: no interface entry %d\n", index);
+        return -1;
+    }
+    UniAddr to{};
+    iantoua(&to, my_addr[index].bcast, nmport);
+    return dg_send(DgWay::name, data, len, &to);
 }
 
 int dg_allbcast(const uint8_t* data, int len)
@@ -306,7 +314,7 @@ int dg_allbcast(const uint8_t* data, int len)
 
 int dg_dsend(const uint8_t* data, int len, const UniAddr* to)
 {
-    return put_ddg(dg_fd, data, len, to);
+    return dg_send(DgWay::name, data, len, to);
 }
 
 void dg_set_work(dg_recv_fn recv, dg_redo_fn redo)
@@ -330,7 +338,6 @@ void dg_set_clock(dg_time_fn now, dg_alarm_fn arm)
 
 // Start-up and shutdown.
 
-const char* prog = "Halyard";
 char vz_home[VZ_HOME_SIZE];
 uid_t admuid = 0;
 gid_t admgid = 0;

@@ -72,7 +72,6 @@ time_t dg_now();  // the time on that clock
 
 struct vz_kvc;
 
-extern const char* prog;         // "Halyard", first argument of operator messages
 extern const vz_kvc* prog_ob;    // the database object that holds the registration
 constexpr int VZ_HOME_SIZE = 200;
 extern char vz_home[VZ_HOME_SIZE];

@@ -19,14 +19,6 @@
 namespace {
 
 uint8_t recv_buf[DG_BUFSIZE];  // shared by the name-service socket and the client descriptors
-struct sockaddr_in broad;      // refilled for every broadcast
-
-const char* ctime_now()
-{
-    time_t now = time(nullptr);
-    const char* s = ctime(&now);
-    return s != nullptr ? s : "(time out of range)\n";
-}
 
 void dump_out(const uint8_t* data, int len)
 {
@@ -85,33 +77,6 @@ int put_ddg(int fd, const uint8_t* data, int len, const UniAddr* to)
         TRACE(out, 1, "\nput_ddg:  error in sendto: errno %d\n", errno);
     else
         TRACE(out, 2, "\nput_ddg: sent %d bytes\n", int(n));
-    return int(n);
-}
-
-int put_bdg(int fd, const uint8_t* data, int len, int index, uint16_t port)
-{
-    TRACE(out, 1, "put_bgd: fd %d size %d\n", fd, len);
-    if (index < 0 || index >= my_addr_ct || my_addr == nullptr) {
-        TRACE(out, 1, "put_bdg: no interface entry %d\n", index);
-        return -1;
-    }
-    broad = {};
-    broad.sin_family = AF_INET;
-    broad.sin_port = htons(port);
-    broad.sin_addr.s_addr = my_addr[index].bcast;
-
-    TRACE(out, 3, "put_bdg: using broadcast address --\n");
-    TRACE(out, 3, "          addr %s, port %d, family %d\n\n", nm_ntoa(broad.sin_addr.s_addr), int(port),
-          int(broad.sin_family));
-    TRACE(out, 1, "put_bdg sending broadcast packet %s", ctime_now());
-    dump_out(data, len);
-
-    ssize_t n = sendto(fd, data, size_t(len < 0 ? 0 : len), 0, reinterpret_cast<struct sockaddr*>(&broad),
-                       sizeof broad);
-    if (n < 0)
-        TRACE(out, 1, "\nput_bdg: error in send: errno %d\n", errno);
-    else
-        TRACE(out, 2, "\nput_bdg: sent %d bytes\n", int(n));
     return int(n);
 }
 

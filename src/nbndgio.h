@@ -11,9 +11,6 @@ constexpr int DG_BUFSIZE = 1500;
 
 // Sends len bytes to `to` (family I, with its port). Bytes sent, or -1.
 int put_ddg(int fd, const uint8_t* data, int len, const UniAddr* to);
-// Sends len bytes to the broadcast address of interface entry index at port
-// (host order). Bytes sent, or -1 (also for an index with no entry).
-int put_bdg(int fd, const uint8_t* data, int len, int index, uint16_t port);
 
 // Waits for input on fd and the client descriptors. Returns a datagram's
 // length, with *data at the receive buffer (valid until the next call) and

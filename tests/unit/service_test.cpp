@@ -11,11 +11,9 @@
 #include "src/ntable.h"
 #include "src/service.h"
 #include "tests/support/nswire.h"
-#include "tests/support/nsfixture.h"
 #include "tests/unit/unitkit.h"
 
-// Answers go back to the asker, so each test runs in a child in its own
-// network namespace, on loopback. Our interfaces: 10.88.0.1/24 and
+// Answers go back to the asker, recorded at the seam. Our interfaces: 10.88.0.1/24 and
 // 127.0.1.1/24; askers at 127.0.0.9 (on neither subnet), 127.0.1.9 (on the
 // second) and 127.0.1.1 (ourselves).
 namespace {
@@ -50,89 +48,82 @@ Bytes answer(uint8_t b2, uint8_t b3, const char* name, uint8_t nbflags_hi, const
 
 TEST(Service, EachDatagramGetsItsAnswerFromTheAskersSubnetOrNone)
 {
-    run_in_private_net([&] {
-        if_entry ifs[2] = {{inet_addr("10.88.0.1"), inet_addr("127.0.0.2"), inet_addr("255.255.255.0")},
-                           {inet_addr("127.0.1.1"), inet_addr("127.0.1.255"), inet_addr("255.255.255.0")}};
-        const char* asker_addr[3] = {"127.0.0.9", "127.0.1.9", "127.0.1.1"};
-        int asker[3];
-        uint16_t asker_port[3] = {}, any = 0;
-        dg_fd = ns_socket("127.0.0.1", &any);
-        for (int i = 0; i < 3; i++)
-            ASSERT_GE(asker[i] = ns_socket(asker_addr[i], &asker_port[i]), 0);
-        my_addr = ifs, my_addr_ct = 2;
-        for (const if_entry& f : ifs)
-            ASSERT_EQ(ens_a_add(f.addr, nullptr), 0);  // our own addresses, as at start
-        for (auto [name, flags] : {std::pair{"SERVER", 0u}, {"TEAM", NT_GROUP}, {"NEW", NT_PENDING}}) {
-            ASSERT_EQ(nt_add(ns_name(name).data(), 0), 0);
-            nt_search(ns_name(name).data())->flags = flags;   // claimed, unless pending
-        }
-        FILE* trace = tmpfile();
-        const Bytes none = {};
-        const struct {
-            const char* why;
-            const char* scope;
-            Bytes pkt;
-            int asker;
-            Bytes want;          // the one answer, or none
-            const char* line;    // a trace line handlers that send nothing leave
-        } cases[] = {
-            {"query from the second subnet", "", query("SERVER"), 1, answer(0x85, 0, "SERVER", 0, "127.0.1.1"), ""},
-            {"query from no subnet", "", query("SERVER"), 0, answer(0x85, 0, "SERVER", 0, "10.88.0.1"), ""},
-            {"query for a group", "", query("TEAM"), 0, answer(0x85, 0, "TEAM", 0x80, "10.88.0.1"), ""},
-            {"scope differing in case", "corp", query("SERVER", {4, 'C', 'O', 'R', 'P', 0}), 0,
-             answer(0x85, 0, "SERVER", 0, "10.88.0.1", corp), ""},
-            {"query, name being claimed", "", query("NEW"), 0, none, ""},
-            {"query, no such name", "", query("server"), 0, none, ""},
-            {"query, another scope", "corp", query("SERVER", {4, 'c', 'o', 'r', 'q', 0}), 0, none, ""},
-            {"query, a scope against none", "", query("SERVER", corp), 0, none,
-             "check_query: NetBIOS scopes don't match: corp, \n"},
-            {"our own query back", "", query("SERVER"), 2, none, "check_query: ignoring my own query\n"},
-            {"unique claim, unique name", "", request(0x29, "SERVER", false), 1,
-             answer(0xAD, 0x86, "SERVER", 0, "127.0.1.1"), ""},
-            {"group claim, unique name", "", request(0x29, "SERVER", true), 0,
-             answer(0xAD, 0x86, "SERVER", 0, "10.88.0.1"), ""},
-            {"unique claim, group name", "", request(0x29, "TEAM", false), 0,
-             answer(0xAD, 0x86, "TEAM", 0x80, "10.88.0.1"), ""},
-            {"group claim, group name", "", request(0x29, "TEAM", true), 0, none, ""},
-            {"claim, another scope", "", request(0x29, "SERVER", false, corp), 0, none,
-             "check_claim: NetBIOS scopes don't match: corp, \n"},
-            {"our own claim back", "", request(0x29, "SERVER", false), 2, none, "check_claim: ignoring my own claim\n"},
-            {"release from another scope", "", request(0x30, "SERVER", false, corp), 0, none,
-             "check_delete: NetBIOS scopes don't match: corp, \n"},
-            {"release", "", request(0x30, "SERVER", false), 0, none, ""},
-            {"directed status request, no such name", "", query("OTHER", {0}, 0x21, 0x00), 0,
-             ns_packet(0x1234, 0x84, 0x03, {0, 1, 0, 0}, ns_name("OTHER"), {0}, {0, 0x0A, 0, 1, 0, 0, 0, 0, 0, 0}), ""},
-            {"status response that does not parse", "", response(0x84, 0x21), 0, none,
-             "check_adapstat: find_adapstat failed\n"},
-            {"query response nobody waits for", "", response(0x85, 0x20), 0, none, "check_lookup: unknown name\n"},
-            {"refresh", "", request(0x40, "SERVER", false), 0, none, "Ratline: ignoring packet.\n"},
-        };
-        for (const auto& c : cases) {
-            SCOPED_TRACE(c.why);
-            snprintf(nb_scope, sizeof nb_scope, "%s", c.scope);
-            tcfile = trace, tc_proc = 3;
-            npkt rec;
-            ASSERT_EQ(decode_npack(&rec, c.pkt.data(), int(c.pkt.size())), int(c.pkt.size()));
-            iantoua(&rec.addr, inet_addr(asker_addr[c.asker]), asker_port[c.asker]);
-            process_npkt(&rec);
-            dg_dsend(reinterpret_cast<const uint8_t*>("end"), 3, &rec.addr);
-            std::vector<Bytes> got = ns_received(asker[c.asker]);
-            EXPECT_NE(trace_taken().find(c.line), std::string::npos) << c.line;
-            EXPECT_EQ(got, c.want.empty() ? std::vector<Bytes>{} : std::vector<Bytes>{c.want});
-        }
-        EXPECT_TRUE(n_table && n_table->next && n_table->next->next) << "a release removes nothing";
-        // The out level dumps each answer sent.
-        tcfile = trace, tc_proc = 0, tc_out = 1;
-        Bytes claim = request(0x29, "SERVER", true);
+    if_entry ifs[2] = {{inet_addr("10.88.0.1"), inet_addr("127.0.0.2"), inet_addr("255.255.255.0")},
+                       {inet_addr("127.0.1.1"), inet_addr("127.0.1.255"), inet_addr("255.255.255.0")}};
+    const char* asker_addr[3] = {"127.0.0.9", "127.0.1.9", "127.0.1.1"};
+    dg_set_sender(record_dg);
+    my_addr = ifs, my_addr_ct = 2;
+    for (const if_entry& f : ifs)
+        ASSERT_EQ(ens_a_add(f.addr, nullptr), 0);  // our own addresses, as at start
+    for (auto [name, flags] : {std::pair{"SERVER", 0u}, {"TEAM", NT_GROUP}, {"NEW", NT_PENDING}}) {
+        ASSERT_EQ(nt_add(ns_name(name).data(), 0), 0);
+        nt_search(ns_name(name).data())->flags = flags;   // claimed, unless pending
+    }
+    FILE* trace = tmpfile();
+    const Bytes none = {};
+    const struct {
+        const char* why;
+        const char* scope;
+        Bytes pkt;
+        int asker;
+        Bytes want;          // the one answer, or none
+        const char* line;    // a trace line handlers that send nothing leave
+    } cases[] = {
+        {"query from the second subnet", "", query("SERVER"), 1, answer(0x85, 0, "SERVER", 0, "127.0.1.1"), ""},
+        {"query from no subnet", "", query("SERVER"), 0, answer(0x85, 0, "SERVER", 0, "10.88.0.1"), ""},
+        {"query for a group", "", query("TEAM"), 0, answer(0x85, 0, "TEAM", 0x80, "10.88.0.1"), ""},
+        {"scope differing in case", "corp", query("SERVER", {4, 'C', 'O', 'R', 'P', 0}), 0,
+         answer(0x85, 0, "SERVER", 0, "10.88.0.1", corp), ""},
+        {"query, name being claimed", "", query("NEW"), 0, none, ""},
+        {"query, no such name", "", query("server"), 0, none, ""},
+        {"query, another scope", "corp", query("SERVER", {4, 'c', 'o', 'r', 'q', 0}), 0, none, ""},
+        {"query, a scope against none", "", query("SERVER", corp), 0, none,
+         "check_query: NetBIOS scopes don't match: corp, \n"},
+        {"our own query back", "", query("SERVER"), 2, none, "check_query: ignoring my own query\n"},
+        {"unique claim, unique name", "", request(0x29, "SERVER", false), 1,
+         answer(0xAD, 0x86, "SERVER", 0, "127.0.1.1"), ""},
+        {"group claim, unique name", "", request(0x29, "SERVER", true), 0,
+         answer(0xAD, 0x86, "SERVER", 0, "10.88.0.1"), ""},
+        {"unique claim, group name", "", request(0x29, "TEAM", false), 0,
+         answer(0xAD, 0x86, "TEAM", 0x80, "10.88.0.1"), ""},
+        {"group claim, group name", "", request(0x29, "TEAM", true), 0, none, ""},
+        {"claim, another scope", "", request(0x29, "SERVER", false, corp), 0, none,
+         "check_claim: NetBIOS scopes don't match: corp, \n"},
+        {"our own claim back", "", request(0x29, "SERVER", false), 2, none, "check_claim: ignoring my own claim\n"},
+        {"release from another scope", "", request(0x30, "SERVER", false, corp), 0, none,
+         "check_delete: NetBIOS scopes don't match: corp, \n"},
+        {"release", "", request(0x30, "SERVER", false), 0, none, ""},
+        {"directed status request, no such name", "", query("OTHER", {0}, 0x21, 0x00), 0,
+         ns_packet(0x1234, 0x84, 0x03, {0, 1, 0, 0}, ns_name("OTHER"), {0}, {0, 0x0A, 0, 1, 0, 0, 0, 0, 0, 0}), ""},
+        {"status response that does not parse", "", response(0x84, 0x21), 0, none,
+         "check_adapstat: find_adapstat failed\n"},
+        {"query response nobody waits for", "", response(0x85, 0x20), 0, none, "check_lookup: unknown name\n"},
+        {"refresh", "", request(0x40, "SERVER", false), 0, none, "Ratline: ignoring packet.\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.why);
+        snprintf(nb_scope, sizeof nb_scope, "%s", c.scope);
+        tcfile = trace, tc_proc = 3;
         npkt rec;
-        ASSERT_EQ(decode_npack(&rec, claim.data(), int(claim.size())), int(claim.size()));
-        iantoua(&rec.addr, inet_addr(asker_addr[0]), asker_port[0]);
+        ASSERT_EQ(decode_npack(&rec, c.pkt.data(), int(c.pkt.size())), int(c.pkt.size()));
+        iantoua(&rec.addr, inet_addr(asker_addr[c.asker]), 1009);
         process_npkt(&rec);
-        EXPECT_NE(trace_taken().find("defend_name: sending response\n\nName Service Packet --\n"
-                                     "\ttype Name Registration Response\n\tsize 62\n"), std::string::npos);
-        my_addr_ct = 0;
-        EXPECT_EQ(matching_addr(inet_addr("10.88.0.1")), 0u) << "no interface, no address";
-    });
+        std::vector<Bytes> got = sent_to(DgWay::name, asker_addr[c.asker], 1009);
+        EXPECT_NE(trace_taken().find(c.line), std::string::npos) << c.line;
+        EXPECT_EQ(got, c.want.empty() ? std::vector<Bytes>{} : std::vector<Bytes>{c.want});
+    }
+    EXPECT_TRUE(n_table && n_table->next && n_table->next->next) << "a release removes nothing";
+    // The out level dumps each answer sent.
+    tcfile = trace, tc_proc = 0, tc_out = 1;
+    Bytes claim = request(0x29, "SERVER", true);
+    npkt rec;
+    ASSERT_EQ(decode_npack(&rec, claim.data(), int(claim.size())), int(claim.size()));
+    iantoua(&rec.addr, inet_addr(asker_addr[0]), 1009);
+    process_npkt(&rec);
+    EXPECT_NE(trace_taken().find("defend_name: sending response\n\nName Service Packet --\n"
+                                 "\ttype Name Registration Response\n\tsize 62\n"), std::string::npos);
+    my_addr_ct = 0;
+    EXPECT_EQ(matching_addr(inet_addr("10.88.0.1")), 0u) << "no interface, no address";
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 #pragma once
 
-// What the module tests share: the timers' hand-moved clock, the trace read
-// back, and the operator log of one call.
+// What the module tests share: the timers' hand-moved clock, the datagrams
+// sent, the trace read back, and the operator log of one call.
 
 #include <unistd.h>
 
@@ -11,13 +11,46 @@
 #include <string>
 #include <vector>
 
+#include <arpa/inet.h>
+
 #include "nmtrace.h"
+#include "shr/dgsend.h"
+#include "shr/uniinet.h"
 #include "shr/logging.h"
 #include "tests/support/lab.h"
+#include "tests/support/nswire.h"
 
 inline time_t fake_now = 1000;
 inline time_t fake_time() { return fake_now; }
 inline unsigned fake_alarm(unsigned) { return 0; }
+
+// Registered as the program's sender, it keeps every datagram in place of a
+// socket; sent_to takes those of one way and destination, in order.
+struct SentDg {
+    DgWay way;
+    uint32_t addr;
+    int32_t port;
+    Bytes bytes;
+};
+inline std::vector<SentDg> sent_dgs;
+inline int record_dg(DgWay way, const uint8_t* data, int len, const UniAddr* to)
+{
+    SentDg d{way, 0, 0, Bytes(data, data + len)};
+    uatoian(&d.addr, &d.port, to);
+    sent_dgs.push_back(d);
+    return len;
+}
+inline std::vector<Bytes> sent_to(DgWay way, const char* addr, int port)
+{
+    std::vector<Bytes> out;
+    std::erase_if(sent_dgs, [&](const SentDg& d) {
+        bool hit = d.way == way && d.addr == inet_addr(addr) && d.port == port;
+        if (hit)
+            out.push_back(d.bytes);
+        return hit;
+    });
+    return out;
+}
 
 // The trace written since the last call (tcfile a temporary file); it starts over.
 inline std::string trace_taken()

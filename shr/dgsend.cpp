@@ -1,0 +1,15 @@
+#include "shr/dgsend.h"
+
+namespace {
+dg_send_fn sender = nullptr;
+}  // namespace
+
+void dg_set_sender(dg_send_fn fn)
+{
+    sender = fn;
+}
+
+int dg_send(DgWay way, const uint8_t* data, int len, const UniAddr* to)
+{
+    return sender != nullptr ? sender(way, data, len, to) : -1;
+}
