@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdarg>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -118,10 +119,17 @@ void note_found(bool error, int line, const char* found, const char* expected)
         note_fn(error, line, found, expected);
 }
 
-// The first of the pair that reports a bad directive; its caller logs the detail.
-void bad_line(int line)
+// A refused directive, told every way at once: the trace, the log's pair
+// (the line, then the detail msg with its arguments) and the check's note.
+[[gnu::format(printf, 4, 5)]] void refuse(int line, const char* expected, int msg, const char* detail, ...)
 {
+    TRACE(err, 2, "namelogin: line %d refused\n", line);
     log_catmsg(LOG_SET, MSG_ERRLINE, "%s: error in config file at line %d", prog, line);
+    va_list ap;
+    va_start(ap, detail);
+    log_vcatmsg(LOG_SET, msg, detail, ap);
+    va_end(ap);
+    note(true, line, expected);
 }
 
 // The range a port can have; the log keeps the designed silence above it
@@ -216,24 +224,44 @@ unsigned char fold_upper(unsigned char c)
     return c >= 'a' && c <= 'z' ? static_cast<unsigned char>(c - 'a' + 'A') : c;
 }
 
-// The value of a port directive: one positive number, or -1.
-int port_value(int argc, char** argv)
+// A port directive: one positive number, set once; the port keeps the low
+// 16 bits of its value, no upper bound is checked.
+struct PortRule {
+    uint16_t& port;
+    const char* directive;
+    const char* entry;   // the handler's name, for the trace
+    int twice_msg;
+    const char* twice;   // the log's detail when the port is already set
+};
+
+int set_port(const PortRule& r, int argc, char** argv, int line)
 {
-    return argc == 2 ? syn_pos(argv[1]) : -1;
+    int v = argc == 2 ? syn_pos(argv[1]) : -1;
+    if (v < 0) {
+        refuse(line, WANT_PORT, MSG_WANT_PORT, "    expecting positive port number");
+    } else if (r.port != 0) {
+        char once[64];
+        snprintf(once, sizeof once, "one %s (the first is kept)", r.directive);
+        refuse(line, once, r.twice_msg, "%s", r.twice);
+    } else {
+        r.port = static_cast<uint16_t>(v);
+        check_port_range(v, line);
+        TRACE(proc, 3, "%s: %d\n", r.entry, v);
+    }
+    return 0;
 }
 
-void want_port(int line)
+// An on/off directive.
+int set_onoff(int& out, const char* entry, int argc, char** argv, int line)
 {
-    bad_line(line);
-    log_catmsg(LOG_SET, MSG_WANT_PORT, "    expecting positive port number");
-    note(true, line, WANT_PORT);
-}
-
-void port_twice(int line, const char* directive)
-{
-    char once[64];
-    snprintf(once, sizeof once, "one %s (the first is kept)", directive);
-    note(true, line, once);
+    int v = argc == 2 ? syn_onoff(argv[1]) : -1;
+    if (v < 0) {
+        refuse(line, "on or off", MSG_ONOFF, "    expecting on/off");
+        return 0;
+    }
+    out = v;
+    TRACE(proc, 3, "%s: %d\n", entry, v);
+    return 0;
 }
 
 // The row that interface directives fill, null in a section beyond the table.
@@ -242,10 +270,33 @@ IfRow* current_row()
     return if_cur >= 0 && if_cur < if_row_ct ? &if_rows[static_cast<size_t>(if_cur)] : nullptr;
 }
 
-// The address of an interface directive: one word, or false.
-bool if_value(int argc, char** argv, uint32_t* v)
+// A field of the current interface section: one address, set once.
+struct IfField {
+    uint32_t flag;
+    uint32_t if_entry::*field;
+    int want_msg;
+    const char* want;        // the log's detail for a bad value
+    const char* want_note;
+    int twice_msg;
+    const char* twice;       // the log's detail when the field is already set
+    const char* twice_note;
+};
+
+int set_if_field(const IfField& f, int argc, char** argv, int line)
 {
-    return argc == 2 && syn_ip(argv[1], v) == 0;
+    IfRow* row = current_row();
+    uint32_t v = 0;
+    if (row == nullptr)
+        return 0;
+    if (argc != 2 || syn_ip(argv[1], &v) != 0) {
+        refuse(line, f.want_note, f.want_msg, "%s", f.want);
+    } else if (row->flags & f.flag) {
+        refuse(line, f.twice_note, f.twice_msg, "%s", f.twice);
+    } else {
+        row->ent.*f.field = v;
+        row->flags |= f.flag;
+    }
+    return 0;
 }
 
 void clear_rows()
@@ -602,80 +653,41 @@ int do_dontcare(int, char** tag, int argc, char**, int line, const char*)
 int do_transport(int, char**, int argc, char** argv, int line, const char*)
 {
     int t = argc == 2 ? syn_transport(argv[1]) : -1;
-    if (t == 0) {
+    if (t == 0)
         transport_tcpip++;
-    } else if (t == 1) {
+    else if (t == 1)
         transport_vznbu++;
-    } else {
-        bad_line(line);
-        log_catmsg(LOG_SET, MSG_WANT_TRANSPORT, "    tcpip/vznbu expected");
-        note(true, line, "transport tcpip or transport vznbu");
-    }
+    else
+        refuse(line, "transport tcpip or transport vznbu", MSG_WANT_TRANSPORT, "    tcpip/vznbu expected");
     return 0;
 }
 
 int do_address(int, char**, int argc, char** argv, int line, const char*)
 {
-    IfRow* row = current_row();
-    uint32_t v = 0;
-    if (row == nullptr)
-        return 0;
-    if (!if_value(argc, argv, &v)) {
-        bad_line(line);
-        log_catmsg(LOG_SET, MSG_WANT_IP, "    expecting IP address");
-        note(true, line, "one IPv4 address, such as 10.88.0.1");
-    } else if (row->flags & IF_ADDR) {
-        bad_line(line);
-        log_catmsg(LOG_SET, MSG_ADDR_TWICE, "    address for interface already specified");
-        note(true, line, "one address per interface (the first is kept)");
-    } else {
-        row->ent.addr = v;
-        row->flags |= IF_ADDR;
-    }
-    return 0;
+    static constexpr IfField f{IF_ADDR, &if_entry::addr,
+                               MSG_WANT_IP, "    expecting IP address", "one IPv4 address, such as 10.88.0.1",
+                               MSG_ADDR_TWICE, "    address for interface already specified",
+                               "one address per interface (the first is kept)"};
+    return set_if_field(f, argc, argv, line);
 }
 
 int do_broadcast(int, char**, int argc, char** argv, int line, const char*)
 {
-    IfRow* row = current_row();
-    uint32_t v = 0;
-    if (row == nullptr)
-        return 0;
-    if (!if_value(argc, argv, &v)) {
-        bad_line(line);
-        log_catmsg(LOG_SET, MSG_WANT_BCAST, "    expecting IP broadcast address");
-        note(true, line, "one IPv4 broadcast address, such as 10.88.0.255");
-    } else if (row->flags & IF_BCAST) {
-        bad_line(line);
-        log_catmsg(LOG_SET, MSG_BCAST_TWICE,
-                   "    broadcast address for interface already specified");
-        note(true, line, "one broadcast address per interface (the first is kept)");
-    } else {
-        row->ent.bcast = v;
-        row->flags |= IF_BCAST;
-    }
-    return 0;
+    static constexpr IfField f{IF_BCAST, &if_entry::bcast,
+                               MSG_WANT_BCAST, "    expecting IP broadcast address",
+                               "one IPv4 broadcast address, such as 10.88.0.255",
+                               MSG_BCAST_TWICE, "    broadcast address for interface already specified",
+                               "one broadcast address per interface (the first is kept)"};
+    return set_if_field(f, argc, argv, line);
 }
 
 int do_netmask(int, char**, int argc, char** argv, int line, const char*)
 {
-    IfRow* row = current_row();
-    uint32_t v = 0;
-    if (row == nullptr)
-        return 0;
-    if (!if_value(argc, argv, &v)) {
-        bad_line(line);
-        log_catmsg(LOG_SET, MSG_WANT_MASK, "    expecting IP netmask");
-        note(true, line, "one IPv4 netmask, such as 255.255.255.0");
-    } else if (row->flags & IF_MASK) {
-        bad_line(line);
-        log_catmsg(LOG_SET, MSG_MASK_TWICE, "    netmask for interface already specified");
-        note(true, line, "one netmask per interface (the first is kept)");
-    } else {
-        row->ent.mask = v;
-        row->flags |= IF_MASK;
-    }
-    return 0;
+    static constexpr IfField f{IF_MASK, &if_entry::mask,
+                               MSG_WANT_MASK, "    expecting IP netmask", "one IPv4 netmask, such as 255.255.255.0",
+                               MSG_MASK_TWICE, "    netmask for interface already specified",
+                               "one netmask per interface (the first is kept)"};
+    return set_if_field(f, argc, argv, line);
 }
 
 int do_scope(int, char**, int argc, char** argv, int line, const char*)
@@ -683,10 +695,10 @@ int do_scope(int, char**, int argc, char** argv, int line, const char*)
     // nb_scope keeps 255 characters and its NUL; a longer scope would not
     // fit a name-service packet either (RFC 1002 4.1: names up to 255 bytes).
     if (argc != 2 || !valid_scope(argv[1]) || strlen(argv[1]) >= sizeof nb_scope) {
-        bad_line(line);
-        log_catmsg(LOG_SET, MSG_WANT_SCOPE, "    expecting valid scope name");
-        note(true, line, "one scope of labels joined by dots (a letter first, then letters, "
-                         "digits or '-'), at most 255 characters");
+        refuse(line,
+               "one scope of labels joined by dots (a letter first, then letters, digits or '-'), "
+               "at most 255 characters",
+               MSG_WANT_SCOPE, "    expecting valid scope name");
         return 0;
     }
     memcpy(nb_scope, argv[1], strlen(argv[1]) + 1);
@@ -694,73 +706,29 @@ int do_scope(int, char**, int argc, char** argv, int line, const char*)
     return 0;
 }
 
-// A port keeps the low 16 bits of its value; no upper bound is checked.
 int do_nameport(int, char**, int argc, char** argv, int line, const char*)
 {
-    int v = port_value(argc, argv);
-    if (v < 0) {
-        want_port(line);
-    } else if (nmport != 0) {
-        bad_line(line);
-        log_catmsg(LOG_SET, MSG_NAMEPORT_TWICE, "    NB-name-port already set");
-        port_twice(line, "NB-name-port");
-    } else {
-        nmport = static_cast<uint16_t>(v);
-        check_port_range(v, line);
-        TRACE(proc, 3, "do_nameport: %d\n", v);
-    }
-    return 0;
+    return set_port({nmport, "NB-name-port", "do_nameport", MSG_NAMEPORT_TWICE, "    NB-name-port already set"},
+                    argc, argv, line);
 }
 
 int do_sessport(int, char**, int argc, char** argv, int line, const char*)
 {
-    int v = port_value(argc, argv);
-    if (v < 0) {
-        want_port(line);
-    } else if (ssport != 0) {
-        bad_line(line);
-        log_catmsg(LOG_SET, MSG_SESSPORT_TWICE, "    NB-session-port already set");
-        port_twice(line, "NB-session-port");
-    } else {
-        ssport = static_cast<uint16_t>(v);
-        check_port_range(v, line);
-        TRACE(proc, 3, "do_sessport: %d\n", v);
-    }
-    return 0;
+    return set_port({ssport, "NB-session-port", "do_sessport", MSG_SESSPORT_TWICE,
+                     "    NB-session-port already set"},
+                    argc, argv, line);
 }
 
 int do_ensport(int, char**, int argc, char** argv, int line, const char*)
 {
-    int v = port_value(argc, argv);
-    if (v < 0) {
-        want_port(line);
-    } else if (ensport != 0) {
-        bad_line(line);
-        log_catmsg(LOG_SET, MSG_ENSPORT_TWICE, "    NB-ens-port already set");
-        port_twice(line, "NB-ens-port");
-    } else {
-        ensport = static_cast<uint16_t>(v);
-        check_port_range(v, line);
-        TRACE(proc, 3, "do_ensport: %d\n", v);
-    }
-    return 0;
+    return set_port({ensport, "NB-ens-port", "do_ensport", MSG_ENSPORT_TWICE, "    NB-ens-port already set"},
+                    argc, argv, line);
 }
 
 int do_ndport(int, char**, int argc, char** argv, int line, const char*)
 {
-    int v = port_value(argc, argv);
-    if (v < 0) {
-        want_port(line);
-    } else if (ndport != 0) {
-        bad_line(line);
-        log_catmsg(LOG_SET, MSG_NDPORT_TWICE, "    NB-nd-port already set");
-        port_twice(line, "NB-nd-port");
-    } else {
-        ndport = static_cast<uint16_t>(v);
-        check_port_range(v, line);
-        TRACE(proc, 3, "do_ndport: %d\n", v);
-    }
-    return 0;
+    return set_port({ndport, "NB-nd-port", "do_ndport", MSG_NDPORT_TWICE, "    NB-nd-port already set"},
+                    argc, argv, line);
 }
 
 // A group name, or a group id in decimal.
@@ -772,9 +740,7 @@ int do_clientgroup(int, char**, int argc, char** argv, int line, const char*)
         gid = g != nullptr ? int(g->gr_gid) : whole_number(argv[1], 10);
     }
     if (gid < 0) {
-        bad_line(line);
-        log_catmsg(LOG_SET, MSG_WANT_GROUP, "    expecting a group name or number");
-        note(true, line, "a group name or number");
+        refuse(line, "a group name or number", MSG_WANT_GROUP, "    expecting a group name or number");
         return 0;
     }
     client_gid = gid;
@@ -784,27 +750,21 @@ int do_clientgroup(int, char**, int argc, char** argv, int line, const char*)
 
 int do_ensclient(int, char**, int argc, char** argv, int line, const char*)
 {
-    int v = argc == 2 ? syn_onoff(argv[1]) : -1;
-    if (v < 0) {
-        bad_line(line);
-        log_catmsg(LOG_SET, MSG_ONOFF, "    expecting on/off");
-        note(true, line, "on or off");
-        return 0;
-    }
-    ens_client = v;
-    TRACE(proc, 3, "do_ensclient: %d\n", v);
-    return 0;
+    return set_onoff(ens_client, "do_ensclient", argc, argv, line);
 }
 
 // All agents are listed in one directive; a second one is refused whole.
 int do_ndaddr(int, char**, int argc, char** argv, int line, const char*)
 {
-    if (nda_ct != 0) {
+    // Too many agents is logged as its own pair, without the line.
+    auto too_many = [line](const char* expected) {
         log_catmsg(LOG_SET, MSG_MANY_NDA, "%s: too many NB-nd-addr's in config file", prog);
         log_catmsg(LOG_SET, MSG_IGNORING, "    ignoring");
-        note(true, line, "all agents in one NB-nd-addr directive (this one is ignored)");
+        note(true, line, expected);
         return 0;
-    }
+    };
+    if (nda_ct != 0)
+        return too_many("all agents in one NB-nd-addr directive (this one is ignored)");
     if (argc < 2) {
         log_catmsg(LOG_SET, MSG_EMPTY, "%s: Ignoring empty %s directive, line %d", prog, argv[0],
                    line);
@@ -815,19 +775,13 @@ int do_ndaddr(int, char**, int argc, char** argv, int line, const char*)
     for (int i = 1; i < argc; i++) {
         uint32_t a = 0;
         if (syn_ip(argv[i], &a) < 0) {
-            bad_line(line);
-            log_catmsg(LOG_SET, MSG_WANT_IP, "    expecting IP address");
             char want[NOTE_SIZE];
             snprintf(want, sizeof want, "IPv4 addresses ('%s' and those after it are not taken)", argv[i]);
-            note(true, line, want);
+            refuse(line, want, MSG_WANT_IP, "    expecting IP address");
             return 0;
         }
-        if (nda_ct >= MAX_NDA) {
-            log_catmsg(LOG_SET, MSG_MANY_NDA, "%s: too many NB-nd-addr's in config file", prog);
-            log_catmsg(LOG_SET, MSG_IGNORING, "    ignoring");
-            note(true, line, "at most ten agent addresses (the first ten are kept)");
-            return 0;
-        }
+        if (nda_ct >= MAX_NDA)
+            return too_many("at most ten agent addresses (the first ten are kept)");
         nda_addr[nda_ct++] = a;
         TRACE(proc, 3, "do_ndaddr: %s\n", argv[i]);
     }
@@ -856,11 +810,9 @@ int do_ndkey(int, char**, int argc, char** argv, int line, const char*)
         snprintf(why, sizeof why, "%.100s %.120s", argv[1], reason);
         nda_key_bad = 1;
     }
-    bad_line(line);
-    log_catmsg(LOG_SET, MSG_KEY, "    NB-nd-key: %s", why);
     char want[2 * NOTE_SIZE];
     snprintf(want, sizeof want, "one file of 64 hexadecimal digits that no other user may read (%s)", why);
-    note(true, line, want);
+    refuse(line, want, MSG_KEY, "    NB-nd-key: %s", why);
     return 0;
 }
 
@@ -869,9 +821,8 @@ int do_ndkey(int, char**, int argc, char** argv, int line, const char*)
 int do_winsserver(int, char**, int argc, char** argv, int line, const char*)
 {
     if (wins_ct != 0) {
-        bad_line(line);
-        log_catmsg(LOG_SET, MSG_WINS_TWICE, "    NB-wins-server already set");
-        note(true, line, "both WINS servers in one NB-wins-server directive (this one is ignored)");
+        refuse(line, "both WINS servers in one NB-wins-server directive (this one is ignored)", MSG_WINS_TWICE,
+               "    NB-wins-server already set");
         return 0;
     }
     uint32_t a[MAX_WINS] = {};
@@ -879,9 +830,8 @@ int do_winsserver(int, char**, int argc, char** argv, int line, const char*)
     for (int i = 1; good && i < argc; i++)
         good = syn_ip(argv[i], &a[i - 1]) == 0 && a[i - 1] != 0 && a[i - 1] != INADDR_BROADCAST;
     if (!good) {
-        bad_line(line);
-        log_catmsg(LOG_SET, MSG_WANT_WINS, "    expecting one or two WINS server addresses");
-        note(true, line, "the IPv4 address of a WINS server, then that of a second one or nothing");
+        refuse(line, "the IPv4 address of a WINS server, then that of a second one or nothing", MSG_WANT_WINS,
+               "    expecting one or two WINS server addresses");
         return 0;
     }
     wins_ct = argc - 1;
@@ -894,9 +844,8 @@ int do_bcaststyle(int, char**, int argc, char** argv, int line, const char*)
 {
     uint32_t v = 0;
     if (argc != 2 || syn_ip(argv[1], &v) < 0) {
-        bad_line(line);
-        log_catmsg(LOG_SET, MSG_WANT_FORM, "    expecting IP address (form)");
-        note(true, line, "one IPv4 address whose host part is the broadcast pattern, such as 0.0.0.255");
+        refuse(line, "one IPv4 address whose host part is the broadcast pattern, such as 0.0.0.255", MSG_WANT_FORM,
+               "    expecting IP address (form)");
         return 0;
     }
     broadcast_addr = v;
@@ -904,19 +853,10 @@ int do_bcaststyle(int, char**, int argc, char** argv, int line, const char*)
 }
 
 // Whether "*" gets the node status of every name: nbtstat -A and
-// nmblookup -A ask for it. Checked and logged like NB-ensclient.
+// nmblookup -A ask for it.
 int do_wildstat(int, char**, int argc, char** argv, int line, const char*)
 {
-    int v = argc == 2 ? syn_onoff(argv[1]) : -1;
-    if (v < 0) {
-        bad_line(line);
-        log_catmsg(LOG_SET, MSG_ONOFF, "    expecting on/off");
-        note(true, line, "on or off");
-        return 0;
-    }
-    wildcard_status = v;
-    TRACE(proc, 3, "do_wildstat: %d\n", v);
-    return 0;
+    return set_onoff(wildcard_status, "do_wildstat", argc, argv, line);
 }
 
 // Every selector of the line, or none of it; several lines add up.
@@ -924,23 +864,17 @@ int do_interfaces(int, char**, int argc, char** argv, int line, const char*)
 {
     if_select parsed[MAX_IF_SELECT];
     int n = 0;
-    for (int i = 1; i < argc && n < MAX_IF_SELECT; i++) {
-        if (!parse_select(argv[i], &parsed[n++])) {
-            bad_line(line);
-            log_catmsg(LOG_SET, MSG_WANT_SELECT, "    expecting all, an interface name or NET/LEN");
-            note(true, line, "all, interface names such as eth0, or networks such as 10.88.0.0/24");
-            return 0;
-        }
+    bool good = argc >= 2;
+    for (int i = 1; good && i < argc && n < MAX_IF_SELECT; i++)
+        good = parse_select(argv[i], &parsed[n++]);
+    if (!good) {
+        refuse(line, "all, interface names such as eth0, or networks such as 10.88.0.0/24", MSG_WANT_SELECT,
+               "    expecting all, an interface name or NET/LEN");
+        return 0;
     }
-    if (argc < 2 || argc - 1 > MAX_IF_SELECT - if_select_ct) {
-        bad_line(line);
-        if (argc < 2) {
-            log_catmsg(LOG_SET, MSG_WANT_SELECT, "    expecting all, an interface name or NET/LEN");
-            note(true, line, "all, interface names such as eth0, or networks such as 10.88.0.0/24");
-            return 0;
-        }
-        log_catmsg(LOG_SET, MSG_AT_MOST, "    at most %d; the rest is ignored", MAX_IF_SELECT);
-        note(true, line, "at most 32 selectors in all (the first are kept)");
+    if (argc - 1 > MAX_IF_SELECT - if_select_ct) {
+        refuse(line, "at most 32 selectors in all (the first are kept)", MSG_AT_MOST,
+               "    at most %d; the rest is ignored", MAX_IF_SELECT);
         n = MAX_IF_SELECT - if_select_ct;
     }
     for (int i = 0; i < n; i++) {
@@ -955,16 +889,15 @@ int do_nbname(int, char**, int argc, char** argv, int line, const char*)
     cfg_name c{};
     bool group = argc == 3 && strcmp(argv[2], "group") == 0;
     if ((argc != 2 && !group) || !parse_nbname(argv[1], c.name)) {
-        bad_line(line);
-        log_catmsg(LOG_SET, MSG_WANT_NBNAME, "    expecting NAME<hh>, then group or nothing");
-        note(true, line, "a name of up to 15 characters with its type in hexadecimal, such as %h<20>, "
-                         "then 'group' for a group name");
+        refuse(line,
+               "a name of up to 15 characters with its type in hexadecimal, such as %h<20>, "
+               "then 'group' for a group name",
+               MSG_WANT_NBNAME, "    expecting NAME<hh>, then group or nothing");
         return 0;
     }
     if (cfg_name_ct >= MAX_CFG_NAMES) {
-        bad_line(line);
-        log_catmsg(LOG_SET, MSG_AT_MOST, "    at most %d; the rest is ignored", MAX_CFG_NAMES);
-        note(true, line, "at most 32 NB-name directives (the first are kept)");
+        refuse(line, "at most 32 NB-name directives (the first are kept)", MSG_AT_MOST,
+               "    at most %d; the rest is ignored", MAX_CFG_NAMES);
         return 0;
     }
     c.flags = group ? 1 : 0;  // the local table's group bit
@@ -1000,20 +933,10 @@ void host_nbname(char* out)
     out[n] = '\0';
 }
 
-int syn_nonneg(const char* word)
-{
-    return whole_number(word, 0);
-}
-
 int syn_pos(const char* word)
 {
     int v = whole_number(word, 0);
     return v >= 1 ? v : -1;
-}
-
-int syn_octal(const char* word)
-{
-    return whole_number(word, 8);
 }
 
 int syn_onoff(const char* word)
@@ -1090,24 +1013,5 @@ int crs_icstrcmp(const char* a, const char* b)
             return 1;
         if (ca == '\0')
             return 0;
-    }
-}
-
-int crs_icmemcmp(const void* a, const void* b, size_t n)
-{
-    const auto* pa = static_cast<const unsigned char*>(a);
-    const auto* pb = static_cast<const unsigned char*>(b);
-    for (size_t i = 0; i < n; i++) {
-        if (fold_upper(pa[i]) != fold_upper(pb[i]))
-            return 1;
-    }
-    return 0;
-}
-
-void crs_lowcase(char* s)
-{
-    for (; *s != '\0'; s++) {
-        if (*s >= 'A' && *s <= 'Z')
-            *s = static_cast<char>(*s - 'A' + 'a');
     }
 }

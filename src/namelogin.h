@@ -116,9 +116,7 @@ int do_winsserver(int npat, char** tag, int argc, char** argv, int line, const c
 int do_bcaststyle(int npat, char** tag, int argc, char** argv, int line, const char* comment);
 
 // Value checkers; each takes one word and gives -1 when it does not fit.
-int syn_nonneg(const char* word);     // strtol base 0, >= 0
 int syn_pos(const char* word);        // strtol base 0, >= 1
-int syn_octal(const char* word);      // strtol base 8, >= 0
 int syn_onoff(const char* word);      // "on" 1, "off" 0
 int syn_transport(const char* word);  // "tcpip" 0, "vznbu" 1
 int syn_ip(const char* word, uint32_t* addr);  // 0 and the address, network order
@@ -132,5 +130,3 @@ int valid_scope(char* s);
 
 // 0 when equal ignoring the case of ASCII letters, else 1 (no ordering).
 int crs_icstrcmp(const char* a, const char* b);
-int crs_icmemcmp(const void* a, const void* b, size_t n);
-void crs_lowcase(char* s);  // in place, ASCII upper-case letters only
