@@ -7,6 +7,7 @@
 #include "shr/uniinet.h"
 #include "src/claim.h"
 #include "src/getnpack.h"
+#include "src/maininit.h"
 #include "src/namelogin.h"
 #include "src/ntable.h"
 #include "tests/support/nswire.h"
@@ -29,7 +30,7 @@ struct Net {
         rx[1] = ns_socket("127.0.0.3", &nmport);
         EXPECT_TRUE(dg_fd >= 0 && rx[0] >= 0 && rx[1] >= 0);
         my_addr = ifs, my_addr_ct = 2;
-        claim_set_clock(fake_time);
+        dg_set_clock(fake_time, fake_alarm);
     }
     std::vector<Bytes> sent(int i)
     {
