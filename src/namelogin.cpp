@@ -224,6 +224,12 @@ unsigned char fold_upper(unsigned char c)
     return c >= 'a' && c <= 'z' ? static_cast<unsigned char>(c - 'a' + 'A') : c;
 }
 
+// 0 for the word zero, 1 for the word one, else -1.
+int one_of(const char* word, const char* zero, const char* one)
+{
+    return strcmp(word, zero) == 0 ? 0 : strcmp(word, one) == 0 ? 1 : -1;
+}
+
 // A port directive: one positive number, set once; the port keeps the low
 // 16 bits of its value, no upper bound is checked.
 struct PortRule {
@@ -281,6 +287,20 @@ struct IfField {
     const char* twice;       // the log's detail when the field is already set
     const char* twice_note;
 };
+
+constexpr IfField ADDRESS_FIELD{IF_ADDR, &if_entry::addr,
+    MSG_WANT_IP, "    expecting IP address", "one IPv4 address, such as 10.88.0.1",
+    MSG_ADDR_TWICE, "    address for interface already specified",
+    "one address per interface (the first is kept)"};
+constexpr IfField BROADCAST_FIELD{IF_BCAST, &if_entry::bcast,
+    MSG_WANT_BCAST, "    expecting IP broadcast address",
+    "one IPv4 broadcast address, such as 10.88.0.255",
+    MSG_BCAST_TWICE, "    broadcast address for interface already specified",
+    "one broadcast address per interface (the first is kept)"};
+constexpr IfField NETMASK_FIELD{IF_MASK, &if_entry::mask,
+    MSG_WANT_MASK, "    expecting IP netmask", "one IPv4 netmask, such as 255.255.255.0",
+    MSG_MASK_TWICE, "    netmask for interface already specified",
+    "one netmask per interface (the first is kept)"};
 
 int set_if_field(const IfField& f, int argc, char** argv, int line)
 {
@@ -664,30 +684,17 @@ int do_transport(int, char**, int argc, char** argv, int line, const char*)
 
 int do_address(int, char**, int argc, char** argv, int line, const char*)
 {
-    static constexpr IfField f{IF_ADDR, &if_entry::addr,
-                               MSG_WANT_IP, "    expecting IP address", "one IPv4 address, such as 10.88.0.1",
-                               MSG_ADDR_TWICE, "    address for interface already specified",
-                               "one address per interface (the first is kept)"};
-    return set_if_field(f, argc, argv, line);
+    return set_if_field(ADDRESS_FIELD, argc, argv, line);
 }
 
 int do_broadcast(int, char**, int argc, char** argv, int line, const char*)
 {
-    static constexpr IfField f{IF_BCAST, &if_entry::bcast,
-                               MSG_WANT_BCAST, "    expecting IP broadcast address",
-                               "one IPv4 broadcast address, such as 10.88.0.255",
-                               MSG_BCAST_TWICE, "    broadcast address for interface already specified",
-                               "one broadcast address per interface (the first is kept)"};
-    return set_if_field(f, argc, argv, line);
+    return set_if_field(BROADCAST_FIELD, argc, argv, line);
 }
 
 int do_netmask(int, char**, int argc, char** argv, int line, const char*)
 {
-    static constexpr IfField f{IF_MASK, &if_entry::mask,
-                               MSG_WANT_MASK, "    expecting IP netmask", "one IPv4 netmask, such as 255.255.255.0",
-                               MSG_MASK_TWICE, "    netmask for interface already specified",
-                               "one netmask per interface (the first is kept)"};
-    return set_if_field(f, argc, argv, line);
+    return set_if_field(NETMASK_FIELD, argc, argv, line);
 }
 
 int do_scope(int, char**, int argc, char** argv, int line, const char*)
@@ -941,20 +948,12 @@ int syn_pos(const char* word)
 
 int syn_onoff(const char* word)
 {
-    if (strcmp(word, "on") == 0)
-        return 1;
-    if (strcmp(word, "off") == 0)
-        return 0;
-    return -1;
+    return one_of(word, "off", "on");
 }
 
 int syn_transport(const char* word)
 {
-    if (strcmp(word, "tcpip") == 0)
-        return 0;
-    if (strcmp(word, "vznbu") == 0)
-        return 1;
-    return -1;
+    return one_of(word, "tcpip", "vznbu");
 }
 
 int syn_ip(const char* word, uint32_t* addr)
