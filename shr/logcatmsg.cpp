@@ -393,14 +393,17 @@ int vprint_limited(FILE* stream, const char* format, int max_args, va_list ap)
     return n + int(strlen(format + cut));
 }
 
-int log_catmsg(int set, int number, const char* dflt, ...)
+int log_vcatmsg(int set, int number, const char* dflt, va_list ap)
 {
     const char* text = lookup_text(log_lookup, set, number, dflt);
-    if (text == nullptr)
-        return -1;
+    return text == nullptr ? -1 : log_vmsg(text, ap);
+}
+
+int log_catmsg(int set, int number, const char* dflt, ...)
+{
     va_list ap;
     va_start(ap, dflt);
-    int r = log_vmsg(text, ap);
+    int r = log_vcatmsg(set, number, dflt, ap);
     va_end(ap);
     return r;
 }

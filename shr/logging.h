@@ -17,5 +17,6 @@ void log_new();                  // the next message starts a new group
 [[gnu::format(printf, 1, 0)]] int log_vmsg(const char* format, va_list ap);
 // Message `number` of `set` from the message file, else `dflt`, logged.
 [[gnu::format(printf, 3, 4)]] int log_catmsg(int set, int number, const char* dflt, ...);
+[[gnu::format(printf, 3, 0)]] int log_vcatmsg(int set, int number, const char* dflt, va_list ap);
 [[gnu::format(printf, 4, 5)]] int print_catmsg(FILE* stream, int set, int number, const char* dflt, ...);
 int close_log();

@@ -8,6 +8,7 @@
 #include "shr/uniinet.h"
 #include "src/enstable.h"
 #include "src/getnpack.h"
+#include "src/maininit.h"
 #include "src/namelogin.h"
 #include "src/ntable.h"
 #include "src/service.h"
@@ -23,9 +24,6 @@ constexpr int MSG_AT_ADDRESS = 187;
 // the latest claim broadcast of any name.
 constexpr time_t CONFLICT_PERIOD = 10;
 
-time_t sys_time() { return time(nullptr); }
-
-dg_time_fn clock_now = sys_time;
 time_t last_claim = 0;       // the latest claim broadcast, seconds
 uint16_t release_ct = 0;     // the id of the latest release
 
@@ -73,11 +71,6 @@ void broadcast_all(const nt_entry* e, int type, int id, int (*build)(npkt*, int,
 
 }  // namespace
 
-void claim_set_clock(dg_time_fn now)
-{
-    clock_now = now != nullptr ? now : sys_time;
-}
-
 int build_claim(npkt* rec, int id, int index, uint32_t flags)
 {
     return build_request(rec, id, index, flags, 0x29);   // opcode 5 registration, RD
@@ -91,14 +84,14 @@ int build_release(npkt* rec, int id, int index, uint32_t flags)
 void name_claim(const nt_entry* e)
 {
     TRACE(proc, 1, "Halyard: claiming name %s\n", nm_printable(e->name));
-    last_claim = clock_now();
+    last_claim = dg_now();
     broadcast_all(e, NT_REGISTER, static_cast<int>(last_claim & 0xFFFF), build_claim);
 }
 
 void name_claim_on(const nt_entry* e, int index)
 {
     TRACE(proc, 1, "Halyard: claiming name %s on interface %d\n", nm_printable(e->name), index);
-    last_claim = clock_now();
+    last_claim = dg_now();
     init_outpkt(&out_rec, out_area, NT_REGISTER, e->name);
     if (build_claim(&out_rec, static_cast<int>(last_claim & 0xFFFF), index, e->flags) > 0)
         dg_bsend(out_area, out_rec.size, index);
@@ -122,7 +115,7 @@ void check_conflict(const npkt* rec)
 {
     if (rec->type != NT_REGISTER_RESP)
         return;
-    if (clock_now() - last_claim > CONFLICT_PERIOD)
+    if (dg_now() - last_claim > CONFLICT_PERIOD)
         return;
     if (name_present(rec->name) == nullptr)
         return;

@@ -6,8 +6,6 @@
 
 #include <cstdint>
 
-#include "src/maininit.h"
-
 struct nt_entry;
 struct npkt;
 
@@ -31,7 +29,3 @@ int build_release(npkt* rec, int id, int index, uint32_t flags);
 // A registration response: a local name that another station answers for
 // within 10 seconds of the latest claim broadcast is logged and removed.
 void check_conflict(const npkt* rec);
-
-// The claims' clock; null restores time(). Tests run claims on a clock of
-// their own.
-void claim_set_clock(dg_time_fn now);

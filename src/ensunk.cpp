@@ -5,6 +5,7 @@
 #include <unordered_map>
 
 #include "src/hashkey.h"
+#include "src/maininit.h"
 #include "src/query.h"
 
 namespace {
@@ -14,9 +15,6 @@ UnkRec* last = nullptr;
 int unk_ct = 0;
 // By address, so that a query from an unknown sender does not walk them all.
 std::unordered_map<uint32_t, UnkRec*, AddrHash> unk_index;
-dg_time_fn clock_fn = nullptr;
-
-time_t now_time() { return clock_fn != nullptr ? clock_fn() : time(nullptr); }
 
 // The permanent node name of an address: ten zero bytes, the address in
 // network order, two zero bytes.
@@ -98,7 +96,7 @@ void unk_as_query(const uint8_t* name, uint32_t address)
     } else if ((r = new_unk(address)) == nullptr) {
         return;
     }
-    time_t now = now_time();
+    time_t now = dg_now();
     if (!allowed(r, now))
         return;
     uint8_t perm[16];
@@ -120,7 +118,3 @@ void unk_remove(uint32_t address)
         free_unk(r);
 }
 
-void unk_set_clock(dg_time_fn now)
-{
-    clock_fn = now;
-}

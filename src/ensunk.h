@@ -6,8 +6,6 @@
 #include <cstdint>
 #include <ctime>
 
-#include "src/maininit.h"
-
 struct UnkRec {
     uint32_t address;  // IPv4, network order
     int count;         // status requests sent to it
@@ -34,6 +32,3 @@ bool allowed(const UnkRec* rec, time_t now);
 // A zeroed record for address at the head of the list, or null when memory is short.
 UnkRec* new_unk(uint32_t address);
 int unk_count();  // records kept
-
-// The clock of the rate limit; null restores time(). For tests.
-void unk_set_clock(dg_time_fn now);

@@ -61,8 +61,9 @@ using dg_recv_fn = void (*)(const UniAddr* from, const uint8_t* data, int len);
 using dg_redo_fn = int (*)();
 void dg_set_work(dg_recv_fn recv, dg_redo_fn redo);
 
-// The timers' clock and alarm; null restores time() and alarm(). Tests run
-// the timer table on a clock of their own.
+// The daemon's one clock, read by every module through dg_now(), and the
+// timers' alarm; null restores time() and alarm(). Tests run the daemon on
+// a clock of their own.
 using dg_time_fn = time_t (*)();
 using dg_alarm_fn = unsigned (*)(unsigned seconds);
 void dg_set_clock(dg_time_fn now, dg_alarm_fn arm);

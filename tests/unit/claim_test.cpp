@@ -7,6 +7,7 @@
 #include "shr/uniinet.h"
 #include "src/claim.h"
 #include "src/getnpack.h"
+#include "src/maininit.h"
 #include "src/namelogin.h"
 #include "src/ntable.h"
 #include "tests/support/nswire.h"
@@ -28,7 +29,7 @@ TEST(Claim, OneRequestPerInterfaceWithItsOwnAddressClaimIdsFromTheClockReleaseId
     if_entry ifs[2] = {{inet_addr("10.88.0.1"), inet_addr("10.88.0.255"), 0},
                        {inet_addr("10.89.0.7"), inet_addr("10.89.0.255"), 0}};
     my_addr = ifs, my_addr_ct = 2, nmport = 137;
-    claim_set_clock(fake_time);
+    dg_set_clock(fake_time, fake_alarm);
     dg_set_sender(record_dg);
     const struct { bool claim; uint16_t id; uint32_t flags; uint8_t nbflags_hi; const char* scope; } cases[] = {
         {true, 0xA1B2, NT_PENDING, 0x00, ""}, {true, 0xA1B2, NT_GROUP | NT_PENDING, 0x80, ""},
