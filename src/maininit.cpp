@@ -25,7 +25,6 @@
 #include "src/netaddr.h"
 #include "src/nbndgio.h"
 
-int dg_fd = -1;
 
 namespace {
 
@@ -283,7 +282,7 @@ int recv_datagrams()
         }
         UniAddr from{};
         uint8_t* data = nullptr;
-        int n = get_dg(dg_fd, &from, &data);
+        int n = get_dg(name_fd(), &from, &data);
         TRACE(proc, 3, "recv_datagrams: get_dg returned %d\n", n);
         if (n == -1) {
             unmask_routed_signals();

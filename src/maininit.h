@@ -8,9 +8,6 @@
 
 #include "shr/uniconv.h"
 
-// The name-service socket, -1 when there is none.
-extern int dg_fd;
-
 // One-shot timers, run from the loop. Room for 10.
 using dg_timer_fn = void (*)(int32_t arg);
 constexpr int DG_MAX_CALLS = 10;
