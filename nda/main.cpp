@@ -38,12 +38,11 @@
 #include "shr/logging.h"
 #include "shr/uniinet.h"
 #include "shr/vzhome.h"
+#include "shr/vzopen.h"
 #include "shr/vzparse.h"
 #include "shr/vzpoll.h"
 #include "shr/vzsignal.h"
-#include "src/maininit.h"
 #include "src/namelogin.h"
-#include "src/nbndgio.h"
 
 namespace {
 

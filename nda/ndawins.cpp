@@ -18,7 +18,6 @@
 #include "shr/dgsend.h"
 #include "shr/uniinet.h"
 #include "src/getnpack.h"
-#include "src/nbndgio.h"
 
 namespace {
 

@@ -15,7 +15,6 @@
 #include "src/maininit.h"
 #include "src/namecust.h"
 #include "src/namelogin.h"
-#include "src/nbndgio.h"
 #include "src/service.h"
 #include "src/stats.h"
 

@@ -18,6 +18,7 @@
 #include "shr/logging.h"
 #include "shr/vzhome.h"
 #include "shr/vzmkkvcv.h"
+#include "shr/vzopen.h"
 #include "shr/vzsignal.h"
 #include "src/confcheck.h"
 #include "src/namecust.h"
@@ -415,12 +416,6 @@ void launch_check(int argc, char* argv[])
 }  // namespace
 
 const vz_kvc* prog_ob = prog_ob_v;
-
-void close_extra_descriptors()
-{
-    for (int fd = 3; fd <= 19; fd++)
-        close(fd);
-}
 
 void set_handlers()
 {
