@@ -28,7 +28,7 @@ constexpr uint32_t VERIFY_TAG = 0x80000000u;    // our VERIFY ids, apart from th
 constexpr int ANSWER_BOUND = 576;               // a group's answer stays within this
 
 const NdaStore* store = nullptr;
-int wins_fd = -1;
+int wins_fd = -1;  // the program's WINS socket: -1 while it does not serve
 uint32_t granted = WINS_TTL_DEFAULT;
 int64_t next_purge_ms = 0;
 uint32_t next_tag = 1;

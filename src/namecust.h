@@ -10,8 +10,9 @@
 // is none (the daemon then runs on without it).
 int name_init();
 int name_fd();  // that socket, for the receiver; -1 when there is none
-// The daemon's sender (dg_set_sender): the name way by the name-service
-// socket, the ENS way by the ENS socket.
+// The daemon's sender (dg_set_sender): by fd when a module opened one for
+// its sends, else the name way by the name-service socket and the ENS way by
+// the ENS socket.
 int name_send(DgWay way, int fd, const uint8_t* data, int len, const UniAddr* to);
 // A datagram socket bound to every local address at port (host order), or -1.
 int open_socket(uint16_t port);
