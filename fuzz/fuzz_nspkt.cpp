@@ -19,7 +19,6 @@
 #include "src/getnpack.h"
 #include "src/maininit.h"
 #include "src/namelogin.h"
-#include "src/nbndgio.h"
 #include "src/ntable.h"
 #include "src/service.h"
 #include "src/wins.h"

@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include "nmtrace.h"
+#include "shr/fxdump.h"
+#include "shr/uniinet.h"
 
 // Not configuration settings: the daemon makes only datagram sockets, and a
 // program that wants other stream buffer sizes sets these before init_sock.
@@ -18,6 +20,14 @@ namespace {
 constexpr int RECVBUF_MAX = 16384;  // larger receive buffers are cut to this
 
 struct sockaddr_in myaddr;  // the last socket's address, reused by every call
+
+void dump_out(const uint8_t* data, int len)
+{
+    if (tcfile != nullptr && tc_out >= 6) {
+        dg_dump(tcfile, data, len);
+        fflush(tcfile);
+    }
+}
 
 // Each option from a 4-byte integer; a failure is only traced.
 void set_opt(int s, int option, int32_t value, const char* what)
@@ -116,4 +126,30 @@ int init_shared_sock(uint32_t addr, uint16_t port)
         return -1;
     }
     return s;
+}
+
+int put_ddg(int fd, const uint8_t* data, int len, const UniAddr* to)
+{
+    TRACE(out, 1, "put_ddg sending packet to address %s\n", uni_ntoa(to));
+    dump_out(data, len);
+
+    uint32_t addr = 0;
+    int32_t port = 0;
+    if (uatoian(&addr, &port, to) < 0) {
+        // Only internet addresses can be sent to; nothing goes out.
+        TRACE(out, 1, "put_ddg: not an internet address: %s\n", uni_ntoa(to));
+        return -1;
+    }
+    struct sockaddr_in sin = {};
+    sin.sin_family = AF_INET;
+    sin.sin_port = htons(uint16_t(port < 0 ? 0 : port));
+    sin.sin_addr.s_addr = addr;
+
+    ssize_t n = sendto(fd, data, size_t(len < 0 ? 0 : len), 0, reinterpret_cast<struct sockaddr*>(&sin),
+                       sizeof sin);
+    if (n < 0)
+        TRACE(out, 1, "\nput_ddg:  error in sendto: errno %d\n", errno);
+    else
+        TRACE(out, 2, "\nput_ddg: sent %d bytes\n", int(n));
+    return int(n);
 }

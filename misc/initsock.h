@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+#include "shr/uniconv.h"
+
 // Buffer sizes applied to stream sockets; 0 or less leaves the system's send
 // size, and for receiving means "check the system's size": one above 16384 is
 // cut to 16384, which then stays here for every later stream socket.
@@ -26,3 +28,6 @@ int temp_s_close(int s);
 // takes the unicasts to its address and the other the rest; a privileged
 // port keeps other users out. -1 with errno on failure.
 int init_shared_sock(uint32_t addr, uint16_t port);
+
+// Sends len bytes on fd to `to` (family I, with its port). Bytes sent, or -1.
+int put_ddg(int fd, const uint8_t* data, int len, const UniAddr* to);

@@ -38,21 +38,23 @@
 #include "shr/logging.h"
 #include "shr/uniinet.h"
 #include "shr/vzhome.h"
+#include "shr/vzopen.h"
 #include "shr/vzparse.h"
 #include "shr/vzpoll.h"
 #include "shr/vzsignal.h"
-#include "src/maininit.h"
 #include "src/namelogin.h"
-#include "src/nbndgio.h"
 
 namespace {
 
 // The agent's one ENS socket; its answers and verifications leave by it.
 int ens_sock = -1;
+int wins_fd = -1;  // the WINS socket, when it serves WINS
 
-int send_out(DgWay way, const uint8_t* data, int len, const UniAddr* to)
+int send_out(DgWay way, int fd, const uint8_t* data, int len, const UniAddr* to)
 {
-    return way == DgWay::ens ? put_ddg(ens_sock, data, len, to) : -1;
+    if (fd < 0)
+        fd = way == DgWay::ens ? ens_sock : way == DgWay::wins ? wins_fd : -1;
+    return fd >= 0 ? put_ddg(fd, data, len, to) : -1;
 }
 
 constexpr const char* CONFIG_PATH = "/etc/opt/KORRbase/config.vz";
@@ -708,7 +710,6 @@ int main(int argc, char* argv[])
     dg_set_sender(send_out);
     // WINS at an address of its own: a daemon on this host keeps every
     // other address of UDP 137 (both bind with SO_REUSEADDR).
-    int wins_fd = -1;
     if (conf.wins != 0 && (wins_fd = wins_open(conf.wins, WINS_PORT)) < 0) {
         char text[160];
         snprintf(text, sizeof text, "cannot serve WINS at %s: %s", nm_ntoa(conf.wins), strerror(errno));

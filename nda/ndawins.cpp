@@ -15,9 +15,9 @@
 #include "nda/ndastats.h"
 #include "nda/ndastore.h"
 #include "nmtrace.h"
+#include "shr/dgsend.h"
 #include "shr/uniinet.h"
 #include "src/getnpack.h"
-#include "src/nbndgio.h"
 
 namespace {
 
@@ -28,7 +28,7 @@ constexpr uint32_t VERIFY_TAG = 0x80000000u;    // our VERIFY ids, apart from th
 constexpr int ANSWER_BOUND = 576;               // a group's answer stays within this
 
 const NdaStore* store = nullptr;
-int wins_fd = -1;
+int wins_fd = -1;  // the program's WINS socket: -1 while it does not serve
 uint32_t granted = WINS_TTL_DEFAULT;
 int64_t next_purge_ms = 0;
 uint32_t next_tag = 1;
@@ -107,6 +107,15 @@ struct Reply {
     uint32_t addrs[WINS_MAX_ADDRS];
 };
 
+// Out by the WINS way of the agent's sender.
+void send_wins(const uint8_t* data, int len, uint32_t ip, uint16_t port)
+{
+    UniAddr to{};
+    iantoua(&to, ip, port);
+    if (dg_send(DgWay::wins, data, len, &to) < 0)
+        TRACE(proc, 1, "wins: send to %s failed\n", nm_ntoa(ip));
+}
+
 void send_reply(const Reply& r)
 {
     uint8_t out[NPKT_AREA];
@@ -128,13 +137,8 @@ void send_reply(const Reply& r)
         for (int i = 0; i < r.rdata_ct; i++)
             n += fill_rr_nb(out + n, r.nb_flags, r.addrs[i]);
     }
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_addr.s_addr = r.ip;
-    to.sin_port = htons(r.port);
     TRACE(proc, 3, "wins: answer op %d rcode %d to %s\n", r.opcode, r.rcode, nm_ntoa(r.ip));
-    if (sendto(wins_fd, out, size_t(n), 0, reinterpret_cast<sockaddr*>(&to), sizeof to) < 0)
-        TRACE(proc, 1, "wins: send to %s failed\n", nm_ntoa(r.ip));
+    send_wins(out, n, r.ip, r.port);
 }
 
 // A name query of our own: a challenge of a holder, or a probe for the ENS side.
@@ -151,13 +155,8 @@ void send_query(const uint8_t* name, uint32_t ip, uint16_t id)
     memcpy(out + HDR + 1, letters, NB_ENCLEN);
     out[HDR + 1 + NB_ENCLEN] = 0;
     fill_quest_hdr(out + HDR + 2 + NB_ENCLEN, RR_NB, RR_IN);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_addr.s_addr = ip;
-    to.sin_port = htons(WINS_PORT);
     TRACE(proc, 3, "wins: name query %s to %s, id %u\n", nm_printable(name), nm_ntoa(ip), unsigned(id));
-    if (sendto(wins_fd, out, sizeof out, 0, reinterpret_cast<sockaddr*>(&to), sizeof to) < 0)
-        TRACE(proc, 1, "wins: send to %s failed\n", nm_ntoa(ip));
+    send_wins(out, int(sizeof out), ip, WINS_PORT);
 }
 
 Reply reply_to(const WinsPacket& p, uint32_t ip, uint16_t port, int opcode, int rcode)

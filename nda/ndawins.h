@@ -80,8 +80,10 @@ struct WinsPacket {
 // 0, or -1 for a datagram to drop.
 int wins_read(const uint8_t* bytes, int len, WinsPacket* out);
 
-// Serves on fd (bound to UDP 137 at the WINS address), from this
-// directory, granting ttl seconds.
+// Serves WINS from this directory, granting ttl seconds, when fd (the
+// program's socket at UDP 137 of the WINS address) is not -1; what it sends
+// leaves by the WINS way of the program's sender, the socket stays the
+// program's.
 void wins_init(const NdaStore* store, int fd, uint32_t ttl);
 // A UDP socket at addr:port (network order address) that shares the port
 // with a daemon bound to every address (init_shared_sock). -1 with errno.

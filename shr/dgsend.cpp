@@ -2,6 +2,7 @@
 
 namespace {
 dg_send_fn sender = nullptr;
+int via_fd = -1;
 }  // namespace
 
 void dg_set_sender(dg_send_fn fn)
@@ -11,5 +12,10 @@ void dg_set_sender(dg_send_fn fn)
 
 int dg_send(DgWay way, const uint8_t* data, int len, const UniAddr* to)
 {
-    return sender != nullptr ? sender(way, data, len, to) : -1;
+    return sender != nullptr ? sender(way, via_fd, data, len, to) : -1;
+}
+
+void dg_send_via(int fd)
+{
+    via_fd = fd;
 }

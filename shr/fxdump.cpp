@@ -42,3 +42,10 @@ void dump_bytes(FILE* stream, const void* data, size_t len)
     for (size_t off = 0; off < len; off += BYTES_PER_LINE)
         fprintf(stream, "\t%s\n", fxdump(line, p + off, len - off));
 }
+
+void dg_dump(FILE* stream, const uint8_t* data, int len)
+{
+    fprintf(stream, "Packet contents:\n");
+    dump_bytes(stream, data, len);
+    fprintf(stream, "\n");
+}

@@ -1,6 +1,8 @@
 #include "shr/uniinet.h"
 
+#include <arpa/inet.h>
 #include <cstring>
+#include <netinet/in.h>
 
 int iantoua(UniAddr* ua, uint32_t addr, int32_t port)
 {
@@ -35,4 +37,11 @@ int iahtoua(UniAddr* ua, uint32_t addr, int32_t port)
 int uatoiah(uint32_t* addr, int32_t* port, const UniAddr* ua)
 {
     return uatoian(addr, port, ua);
+}
+
+const char* nm_ntoa(uint32_t addr)
+{
+    struct in_addr a;
+    a.s_addr = addr;
+    return inet_ntoa(a);
 }

@@ -19,3 +19,5 @@ int uatoian(uint32_t* addr, int32_t* port, const UniAddr* ua);
 // The same two operations under the names the ENS commands use.
 int iahtoua(UniAddr* ua, uint32_t addr, int32_t port);
 int uatoiah(uint32_t* addr, int32_t* port, const UniAddr* ua);
+// Dotted text of a network-order IPv4 address, in a static buffer.
+const char* nm_ntoa(uint32_t addr);

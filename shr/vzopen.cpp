@@ -73,3 +73,9 @@ void vz_log_refused(const char* path, int err)
     log_new();
     log_catmsg(LOG_SET, MSG_REFUSED, "%s: refusing to write %s: %s", prog, path, why);
 }
+
+void close_extra_descriptors()
+{
+    for (int fd = 3; fd <= 19; fd++)
+        close(fd);
+}

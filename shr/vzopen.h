@@ -19,3 +19,6 @@ FILE* vz_fopen_plain(const char* path, const char* mode);
 bool vz_refused(int err);
 // Logs that path was refused for the reason in err (message 541).
 void vz_log_refused(const char* path, int err);
+// Closes descriptors 3 to 19, ignoring errors: what a program inherited
+// beyond the standard three (the daemon and the agent at start-up).
+void close_extra_descriptors();

@@ -2,9 +2,11 @@
 
 #include <array>
 #include <cstring>
+#include <unistd.h>
 
 #include "misc/pktasm.h"
 #include "nmtrace.h"
+#include "shr/dgsend.h"
 #include "shr/uniinet.h"
 #include "src/cache.h"
 #include "src/delay.h"
@@ -13,7 +15,6 @@
 #include "src/maininit.h"
 #include "src/namecust.h"
 #include "src/namelogin.h"
-#include "src/nbndgio.h"
 #include "src/service.h"
 #include "src/stats.h"
 
@@ -230,8 +231,16 @@ void ens_bcast()
     int n = my_addr_ct < MAX_INTERFACES ? my_addr_ct : MAX_INTERFACES;
     for (int i = 0; i < n; i++)
         addrs[size_t(i)] = my_addr[i].addr;
+    // Without agents the daemon has no ENS socket: the one broadcast leaves
+    // by a socket at the ENS port opened for it alone.
+    int fd = open_socket(ensport);
+    if (fd < 0)
+        return;
     UniAddr to{};
     iantoua(&to, my_addr[0].bcast, ndport);
+    dg_send_via(fd);
     send_equiv(0, addrs.data(), n, &to);
+    dg_send_via(-1);
     bcast_sent = true;
+    close(fd);
 }

@@ -6,13 +6,13 @@
 
 #include "misc/nencode.h"
 #include "nmtrace.h"
+#include "shr/uniinet.h"
 #include "src/cust.h"
 #include "src/delay.h"
 #include "src/enstable.h"
 #include "src/ensunk.h"
 #include "src/getnpack.h"
 #include "src/maininit.h"
-#include "src/nbndgio.h"
 #include "src/query.h"
 
 namespace {

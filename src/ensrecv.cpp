@@ -18,7 +18,6 @@
 #include "src/enstable.h"
 #include "src/maininit.h"
 #include "src/namelogin.h"
-#include "src/nbndgio.h"
 #include "src/ntable.h"
 #include "src/service.h"
 #include "src/stats.h"

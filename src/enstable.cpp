@@ -7,8 +7,8 @@
 
 #include "misc/nencode.h"
 #include "nmtrace.h"
+#include "shr/uniinet.h"
 #include "src/hashkey.h"
-#include "src/nbndgio.h"
 
 namespace {
 

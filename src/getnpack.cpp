@@ -7,8 +7,8 @@
 #include "misc/nencode.h"
 #include "nmtrace.h"
 #include "shr/reader.h"
+#include "shr/uniinet.h"
 #include "src/namelogin.h"
-#include "src/nbndgio.h"
 #include "src/ndump.h"
 
 int32_t nb_type = 0;

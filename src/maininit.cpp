@@ -18,6 +18,7 @@
 #include "shr/logging.h"
 #include "shr/vzhome.h"
 #include "shr/vzmkkvcv.h"
+#include "shr/vzopen.h"
 #include "shr/vzsignal.h"
 #include "src/confcheck.h"
 #include "src/namecust.h"
@@ -25,7 +26,6 @@
 #include "src/netaddr.h"
 #include "src/nbndgio.h"
 
-int dg_fd = -1;
 
 namespace {
 
@@ -283,7 +283,7 @@ int recv_datagrams()
         }
         UniAddr from{};
         uint8_t* data = nullptr;
-        int n = get_dg(dg_fd, &from, &data);
+        int n = get_dg(name_fd(), &from, &data);
         TRACE(proc, 3, "recv_datagrams: get_dg returned %d\n", n);
         if (n == -1) {
             unmask_routed_signals();
@@ -416,12 +416,6 @@ void launch_check(int argc, char* argv[])
 }  // namespace
 
 const vz_kvc* prog_ob = prog_ob_v;
-
-void close_extra_descriptors()
-{
-    for (int fd = 3; fd <= 19; fd++)
-        close(fd);
-}
 
 void set_handlers()
 {

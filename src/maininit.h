@@ -7,9 +7,7 @@
 #include <sys/types.h>
 
 #include "shr/uniconv.h"
-
-// The name-service socket, -1 when there is none.
-extern int dg_fd;
+#include "shr/vzhome.h"
 
 // One-shot timers, run from the loop. Room for 10.
 using dg_timer_fn = void (*)(int32_t arg);
@@ -74,7 +72,6 @@ time_t dg_now();  // the time on that clock
 struct vz_kvc;
 
 extern const vz_kvc* prog_ob;    // the database object that holds the registration
-constexpr int VZ_HOME_SIZE = 200;
 extern char vz_home[VZ_HOME_SIZE];
 extern uid_t admuid;             // owner and group of the home directory
 extern gid_t admgid;
@@ -85,7 +82,6 @@ extern int strict;               // exact local-name lookups; 1 again at every r
 // with its settings read; returns the registration's result. Every failure
 // ends the process.
 int main_init(int argc, char* argv[]);
-void close_extra_descriptors();  // 3 to 19
 void set_handlers();             // dg_exit for every terminating signal but kill
 int pid_add();                   // 1 registered, 0 another instance runs, -1 error
 int pid_del();

@@ -8,6 +8,7 @@
 #include "misc/initsock.h"
 #include "nmtrace.h"
 #include "shr/logging.h"
+#include "shr/uniinet.h"
 #include "src/maininit.h"
 #include "src/cust.h"
 #include "src/delay.h"
@@ -18,15 +19,14 @@
 #include "src/getnpack.h"
 #include "src/ifwatch.h"
 #include "src/namelogin.h"
-#include "src/nbndgio.h"
 #include "src/notifier.h"
 #include "src/ntable.h"
 #include "src/service.h"
 
-int ens_fd = -1;
-
 namespace {
 constexpr int MSG_NO_NOTIFIER = 192;
+int dg_fd = -1;   // the name-service socket, -1 when there is none
+int ens_fd = -1;  // the ENS socket, open only with agents configured
 }  // namespace
 
 int open_socket(uint16_t port)
@@ -45,10 +45,8 @@ int open_socket(uint16_t port)
 int name_init()
 {
     TRACE(proc, 1, "name_init: transport_tcpip %d, transport_vznbu %d\n", transport_tcpip, transport_vznbu);
-    int fd = -1;
     if (transport_tcpip)
-        fd = open_socket(nmport);
-    dg_fd = fd;  // the configured names' first claims go out before this returns
+        dg_fd = open_socket(nmport);  // the configured names' first claims go out before this returns
     if (transport_vznbu)
         nbunx_open();
     // Routed before the notifier exists, so its first wake-up finds the route.
@@ -90,7 +88,19 @@ int name_init()
         if (nt_add(cfg_names[i].name, cfg_names[i].flags) == 0)
             start_claims();
     }
-    return fd;
+    return dg_fd;
+}
+
+int name_fd()
+{
+    return dg_fd;
+}
+
+int name_send(DgWay way, int fd, const uint8_t* data, int len, const UniAddr* to)
+{
+    if (fd < 0)
+        fd = way == DgWay::name ? dg_fd : ens_fd;
+    return put_ddg(fd, data, len, to);
 }
 
 void name_recv(const UniAddr* from, const uint8_t* data, int len)

@@ -20,14 +20,6 @@ namespace {
 
 uint8_t recv_buf[DG_BUFSIZE];  // shared by the name-service socket and the client descriptors
 
-void dump_out(const uint8_t* data, int len)
-{
-    if (tcfile != nullptr && tc_out >= 6) {
-        dg_dump(tcfile, data, len);
-        fflush(tcfile);
-    }
-}
-
 // The received datagram's trace: sizes and sender at in level 1, the bytes at 6.
 void trace_received(const char* who, int len, const struct sockaddr_in& sin, const UniAddr* from,
                     const uint8_t* data)
@@ -53,32 +45,6 @@ ssize_t receive(int fd, uint8_t* buf, struct sockaddr_in* sin, UniAddr* from)
 }
 
 }  // namespace
-
-int put_ddg(int fd, const uint8_t* data, int len, const UniAddr* to)
-{
-    TRACE(out, 1, "put_ddg sending packet to address %s\n", uni_ntoa(to));
-    dump_out(data, len);
-
-    uint32_t addr = 0;
-    int32_t port = 0;
-    if (uatoian(&addr, &port, to) < 0) {
-        // Only internet addresses can be sent to; nothing goes out.
-        TRACE(out, 1, "put_ddg: not an internet address: %s\n", uni_ntoa(to));
-        return -1;
-    }
-    struct sockaddr_in sin = {};
-    sin.sin_family = AF_INET;
-    sin.sin_port = htons(uint16_t(port < 0 ? 0 : port));
-    sin.sin_addr.s_addr = addr;
-
-    ssize_t n = sendto(fd, data, size_t(len < 0 ? 0 : len), 0, reinterpret_cast<struct sockaddr*>(&sin),
-                       sizeof sin);
-    if (n < 0)
-        TRACE(out, 1, "\nput_ddg:  error in sendto: errno %d\n", errno);
-    else
-        TRACE(out, 2, "\nput_ddg: sent %d bytes\n", int(n));
-    return int(n);
-}
 
 int get_dg(int fd, UniAddr* from, uint8_t** data)
 {
@@ -172,18 +138,4 @@ int read_custfd(int index, uint8_t* buffer)
     trace_received("read_custfd", int(n), sin, &from, buffer);
     c.handler(c.fd, buffer, int(n), &from);
     return int(n);
-}
-
-void dg_dump(FILE* stream, const uint8_t* data, int len)
-{
-    fprintf(stream, "Packet contents:\n");
-    dump_bytes(stream, data, len);
-    fprintf(stream, "\n");
-}
-
-const char* nm_ntoa(uint32_t addr)
-{
-    struct in_addr a;
-    a.s_addr = addr;
-    return inet_ntoa(a);
 }

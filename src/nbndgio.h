@@ -9,9 +9,6 @@
 // cut to it by the socket layer.
 constexpr int DG_BUFSIZE = 1500;
 
-// Sends len bytes to `to` (family I, with its port). Bytes sent, or -1.
-int put_ddg(int fd, const uint8_t* data, int len, const UniAddr* to);
-
 // Waits for input on fd and the client descriptors. Returns a datagram's
 // length, with *data at the receive buffer (valid until the next call) and
 // *from the sender; -2 when there is nothing for the caller (a signal came,
@@ -21,6 +18,3 @@ int get_dg(int fd, UniAddr* from, uint8_t** data);
 // Receives one datagram on client descriptor index into buffer (DG_BUFSIZE
 // bytes) and hands it to the descriptor's handler. Its length, or -1.
 int read_custfd(int index, uint8_t* buffer);
-
-void dg_dump(FILE* stream, const uint8_t* data, int len);
-const char* nm_ntoa(uint32_t addr);  // dotted text of a network-order address

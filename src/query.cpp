@@ -12,7 +12,6 @@
 #include "src/ensunk.h"
 #include "src/maininit.h"
 #include "src/namelogin.h"
-#include "src/nbndgio.h"
 #include "src/ndump.h"
 #include "src/ntable.h"
 #include "src/service.h"

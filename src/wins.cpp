@@ -13,7 +13,6 @@
 #include "src/getnpack.h"
 #include "src/maininit.h"
 #include "src/namelogin.h"
-#include "src/nbndgio.h"
 #include "src/ntable.h"
 #include "src/query.h"
 #include "src/service.h"

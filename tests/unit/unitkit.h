@@ -33,7 +33,7 @@ struct SentDg {
     Bytes bytes;
 };
 inline std::vector<SentDg> sent_dgs;
-inline int record_dg(DgWay way, const uint8_t* data, int len, const UniAddr* to)
+inline int record_dg(DgWay way, int, const uint8_t* data, int len, const UniAddr* to)
 {
     SentDg d{way, 0, 0, Bytes(data, data + len)};
     uatoian(&d.addr, &d.port, to);
