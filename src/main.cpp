@@ -8,13 +8,16 @@
 
 namespace {
 
-// The daemon's datagrams leave by its two sockets. Without agents there is
-// no ENS socket, and the one broadcast of the host's equivalence goes out on
-// a socket opened for it alone.
+// The daemon's datagrams leave by its two sockets; answers to the datagrams
+// of one wake-up leave together. Without agents there is no ENS socket, and
+// the one broadcast of the host's equivalence goes out on a socket opened
+// for it alone.
 int send_out(DgWay way, const uint8_t* data, int len, const UniAddr* to)
 {
-    if (way == DgWay::name || ens_fd >= 0)
-        return put_ddg(way == DgWay::name ? dg_fd : ens_fd, data, len, to);
+    if (way == DgWay::name)
+        return put_ddg_held(dg_fd, data, len, to);
+    if (ens_fd >= 0)
+        return put_ddg(ens_fd, data, len, to);
     int fd = open_socket(ensport);
     if (fd < 0)
         return -1;

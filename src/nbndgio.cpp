@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <ctime>
+#include <cstring>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -19,6 +20,32 @@
 namespace {
 
 uint8_t recv_buf[DG_BUFSIZE];  // shared by the name-service socket and the client descriptors
+
+// The datagrams waiting on the name-service socket at a wake-up, read in one
+// recvmmsg and handed out one per call, each as if it had been received alone.
+constexpr unsigned DG_BATCH = 32;
+struct InBatch {
+    std::array<std::array<uint8_t, DG_BUFSIZE>, DG_BATCH> bufs;
+    std::array<struct sockaddr_in, DG_BATCH> names;
+    std::array<struct iovec, DG_BATCH> iovs;
+    std::array<struct mmsghdr, DG_BATCH> msgs;
+    unsigned count = 0;
+    unsigned next = 0;  // the next to hand out
+};
+InBatch in_batch;
+
+// Answers to a batch, held until dg_flush sends them in one sendmmsg. A
+// bounded queue: when it is full, it is flushed first.
+struct OutBatch {
+    std::array<std::array<uint8_t, DG_BUFSIZE>, DG_BATCH> bufs;
+    std::array<struct sockaddr_in, DG_BATCH> names;
+    std::array<struct iovec, DG_BATCH> iovs;
+    std::array<struct mmsghdr, DG_BATCH> msgs;
+    unsigned count = 0;
+    int fd = -1;
+};
+OutBatch out_batch;
+bool holding = false;  // a batch is being handed out
 
 void dump_out(const uint8_t* data, int len)
 {
@@ -52,10 +79,45 @@ ssize_t receive(int fd, uint8_t* buf, struct sockaddr_in* sin, UniAddr* from)
     return n;
 }
 
+// Hands out the next datagram of the batch, with the traces of a receive.
+int hand_out(UniAddr* from, uint8_t** data)
+{
+    unsigned i = in_batch.next++;
+    int n = int(in_batch.msgs[i].msg_len);
+    const struct sockaddr_in& sin = in_batch.names[i];
+    iantoua(from, sin.sin_addr.s_addr, ntohs(sin.sin_port));
+    *data = in_batch.bufs[i].data();
+    holding = true;
+    TRACE(in, 2, "get_dg: get %d bytes from name descriptor\n", n);
+    trace_received("get_dg", n, sin, from, *data);
+    return n;
+}
+
+// Every datagram waiting on fd, at least one (the wait said it is there).
+// With the in trace on, one at a time, so that each has its wait traced.
+int receive_batch(int fd)
+{
+    unsigned want = tcfile != nullptr && tc_in >= 1 ? 1 : DG_BATCH;
+    for (unsigned i = 0; i < want; i++) {
+        in_batch.names[i] = {};
+        in_batch.iovs[i] = {in_batch.bufs[i].data(), DG_BUFSIZE};
+        in_batch.msgs[i] = {};
+        in_batch.msgs[i].msg_hdr.msg_name = &in_batch.names[i];
+        in_batch.msgs[i].msg_hdr.msg_namelen = sizeof in_batch.names[i];
+        in_batch.msgs[i].msg_hdr.msg_iov = &in_batch.iovs[i];
+        in_batch.msgs[i].msg_hdr.msg_iovlen = 1;
+    }
+    int n = recvmmsg(fd, in_batch.msgs.data(), want, MSG_WAITFORONE, nullptr);
+    in_batch.count = n > 0 ? unsigned(n) : 0;
+    in_batch.next = 0;
+    return n;
+}
+
 }  // namespace
 
 int put_ddg(int fd, const uint8_t* data, int len, const UniAddr* to)
 {
+    dg_flush();  // what was held for the batch leaves first
     TRACE(out, 1, "put_ddg sending packet to address %s\n", uni_ntoa(to));
     dump_out(data, len);
 
@@ -80,8 +142,58 @@ int put_ddg(int fd, const uint8_t* data, int len, const UniAddr* to)
     return int(n);
 }
 
+int put_ddg_held(int fd, const uint8_t* data, int len, const UniAddr* to)
+{
+    // With the out trace on, each send is traced as it happens.
+    uint32_t addr = 0;
+    int32_t port = 0;
+    if (!holding || (tcfile != nullptr && tc_out >= 1) || len < 0 || len > DG_BUFSIZE ||
+        uatoian(&addr, &port, to) < 0)
+        return put_ddg(fd, data, len, to);
+    if (out_batch.count == DG_BATCH || (out_batch.count > 0 && fd != out_batch.fd))
+        dg_flush();
+    unsigned i = out_batch.count++;
+    out_batch.fd = fd;
+    memcpy(out_batch.bufs[i].data(), data, size_t(len));
+    out_batch.names[i] = {};
+    out_batch.names[i].sin_family = AF_INET;
+    out_batch.names[i].sin_port = htons(uint16_t(port < 0 ? 0 : port));
+    out_batch.names[i].sin_addr.s_addr = addr;
+    out_batch.iovs[i] = {out_batch.bufs[i].data(), size_t(len)};
+    out_batch.msgs[i] = {};
+    out_batch.msgs[i].msg_hdr.msg_name = &out_batch.names[i];
+    out_batch.msgs[i].msg_hdr.msg_namelen = sizeof out_batch.names[i];
+    out_batch.msgs[i].msg_hdr.msg_iov = &out_batch.iovs[i];
+    out_batch.msgs[i].msg_hdr.msg_iovlen = 1;
+    return len;
+}
+
+void dg_flush()
+{
+    unsigned at = 0;
+    int tries = 0;
+    while (at < out_batch.count) {
+        int n = sendmmsg(out_batch.fd, &out_batch.msgs[at], out_batch.count - at, 0);
+        if (n > 0) {
+            at += unsigned(n);
+            tries = 0;
+        } else if (errno != EINTR || ++tries == 3) {
+            // That one is lost, as a failed sendto's is; the others still go, in order.
+            TRACE(out, 1, "\nput_ddg:  error in sendto: errno %d\n", errno);
+            at++;
+            tries = 0;
+        }
+    }
+    out_batch.count = 0;
+}
+
 int get_dg(int fd, UniAddr* from, uint8_t** data)
 {
+    if (in_batch.next < in_batch.count)
+        return hand_out(from, data);
+    dg_flush();  // before the wait: the answers go out now, not at the next datagram
+    holding = false;
+
     // The relay's pipe is polled for its hang-up alone (no events: requests
     // still come with the interrupt signal), so that a relay that ended is
     // replaced at once.
@@ -133,9 +245,10 @@ int get_dg(int fd, UniAddr* from, uint8_t** data)
     if (fd < 0)
         return -2;
 
-    struct sockaddr_in sin;
-    ssize_t n = receive(fd, recv_buf, &sin, from);
-    if (n < 0) {
+    int got = receive_batch(fd);
+    if (got == 0)
+        return -2;
+    if (got < 0) {
         if (errno == EINTR) {
             TRACE(proc, 1, "get_dg: interrupted system call\n");
             return -2;
@@ -143,9 +256,7 @@ int get_dg(int fd, UniAddr* from, uint8_t** data)
         TRACE(proc, 1, "get_dg: error in receive: errno %d\n", errno);
         return -1;
     }
-    TRACE(in, 2, "get_dg: get %d bytes from name descriptor\n", int(n));
-    trace_received("get_dg", int(n), sin, from, recv_buf);
-    return int(n);
+    return hand_out(from, data);
 }
 
 int read_custfd(int index, uint8_t* buffer)

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -133,7 +134,8 @@ protected:
 
 TEST_F(Wire, ClaimsAnswersDefencesStatusAndReleasesByteForByte)
 {
-    ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
+    pid_t pid = lab.start_daemon();
+    ASSERT_GT(pid, 0) << lab.last_error();
     int fd[3] = {-1, lab.udp_socket(lab_station1, 137), lab.udp_socket(lab_station2, 137)};
     ASSERT_TRUE(fd[1] >= 0 && fd[2] >= 0) << lab.last_error();
     std::string out;
@@ -207,6 +209,17 @@ TEST_F(Wire, ClaimsAnswersDefencesStatusAndReleasesByteForByte)
         EXPECT_EQ(exchange(c.station, c.to, c.sent), c.answers);
     }
     EXPECT_EQ(lab.halyardctl({"check", "fileserv<20>"}, &out), 0) << out;
+    // Forty queries that wait together (the daemon stopped meanwhile): each answered, in order.
+    int q = lab.udp_socket(lab_station1, 0);
+    kill(pid, SIGSTOP);
+    for (uint16_t id = 0x100; id < 0x128; ++id)
+        lab.send_to(q, Lab::daemon_addr(1), 137, name_query(id, "fileserv", 0x20));
+    kill(pid, SIGCONT);
+    for (uint16_t id = 0x100; id < 0x128; ++id) {
+        auto d = lab.recv(q, 20.0);
+        ASSERT_TRUE(d);
+        EXPECT_EQ(d->bytes, nb_response(id, 0x85, 0x00, "fileserv", 0x20, 0, addr_of(1, true)));
+    }
 
     // Our permanent names close every table: ten zero bytes, the address,
     // two zero bytes, flags active and permanent.
