@@ -99,13 +99,13 @@ int receive_batch(int fd)
 {
     unsigned want = tcfile != nullptr && tc_in >= 1 ? 1 : DG_BATCH;
     for (unsigned i = 0; i < want; i++) {
-        in_batch.names[i] = {};
+        struct msghdr& h = in_batch.msgs[i].msg_hdr;
+        h = {};
+        h.msg_name = &in_batch.names[i];
+        h.msg_namelen = sizeof in_batch.names[i];
         in_batch.iovs[i] = {in_batch.bufs[i].data(), DG_BUFSIZE};
-        in_batch.msgs[i] = {};
-        in_batch.msgs[i].msg_hdr.msg_name = &in_batch.names[i];
-        in_batch.msgs[i].msg_hdr.msg_namelen = sizeof in_batch.names[i];
-        in_batch.msgs[i].msg_hdr.msg_iov = &in_batch.iovs[i];
-        in_batch.msgs[i].msg_hdr.msg_iovlen = 1;
+        h.msg_iov = &in_batch.iovs[i];
+        h.msg_iovlen = 1;
     }
     int n = recvmmsg(fd, in_batch.msgs.data(), want, MSG_WAITFORONE, nullptr);
     in_batch.count = n > 0 ? unsigned(n) : 0;
