@@ -21,30 +21,23 @@ namespace {
 
 uint8_t recv_buf[DG_BUFSIZE];  // shared by the name-service socket and the client descriptors
 
+// Datagrams and their addresses as recvmmsg and sendmmsg take them.
+constexpr unsigned DG_BATCH = 32;
+struct Batch {
+    std::array<std::array<uint8_t, DG_BUFSIZE>, DG_BATCH> bufs;
+    std::array<struct sockaddr_in, DG_BATCH> names;
+    std::array<struct iovec, DG_BATCH> iovs;
+    std::array<struct mmsghdr, DG_BATCH> msgs;
+    unsigned count = 0;
+    unsigned next = 0;  // received: the next to hand out
+    int fd = -1;        // to send: the socket they leave by
+};
 // The datagrams waiting on the name-service socket at a wake-up, read in one
 // recvmmsg and handed out one per call, each as if it had been received alone.
-constexpr unsigned DG_BATCH = 32;
-struct InBatch {
-    std::array<std::array<uint8_t, DG_BUFSIZE>, DG_BATCH> bufs;
-    std::array<struct sockaddr_in, DG_BATCH> names;
-    std::array<struct iovec, DG_BATCH> iovs;
-    std::array<struct mmsghdr, DG_BATCH> msgs;
-    unsigned count = 0;
-    unsigned next = 0;  // the next to hand out
-};
-InBatch in_batch;
-
-// Answers to a batch, held until dg_flush sends them in one sendmmsg. A
-// bounded queue: when it is full, it is flushed first.
-struct OutBatch {
-    std::array<std::array<uint8_t, DG_BUFSIZE>, DG_BATCH> bufs;
-    std::array<struct sockaddr_in, DG_BATCH> names;
-    std::array<struct iovec, DG_BATCH> iovs;
-    std::array<struct mmsghdr, DG_BATCH> msgs;
-    unsigned count = 0;
-    int fd = -1;
-};
-OutBatch out_batch;
+Batch in_batch;
+// Answers to them, held until dg_flush sends them in one sendmmsg. A bounded
+// queue: when it is full, it is flushed first.
+Batch out_batch;
 bool holding = false;  // a batch is being handed out
 
 void dump_out(const uint8_t* data, int len)
@@ -79,6 +72,18 @@ ssize_t receive(int fd, uint8_t* buf, struct sockaddr_in* sin, UniAddr* from)
     return n;
 }
 
+// Points entry i's header at its buffer (len bytes) and its address.
+void point(Batch& b, unsigned i, size_t len)
+{
+    struct msghdr& h = b.msgs[i].msg_hdr;
+    h = {};
+    h.msg_name = &b.names[i];
+    h.msg_namelen = sizeof b.names[i];
+    b.iovs[i] = {b.bufs[i].data(), len};
+    h.msg_iov = &b.iovs[i];
+    h.msg_iovlen = 1;
+}
+
 // Hands out the next datagram of the batch, with the traces of a receive.
 int hand_out(UniAddr* from, uint8_t** data)
 {
@@ -98,15 +103,8 @@ int hand_out(UniAddr* from, uint8_t** data)
 int receive_batch(int fd)
 {
     unsigned want = tcfile != nullptr && tc_in >= 1 ? 1 : DG_BATCH;
-    for (unsigned i = 0; i < want; i++) {
-        struct msghdr& h = in_batch.msgs[i].msg_hdr;
-        h = {};
-        h.msg_name = &in_batch.names[i];
-        h.msg_namelen = sizeof in_batch.names[i];
-        in_batch.iovs[i] = {in_batch.bufs[i].data(), DG_BUFSIZE};
-        h.msg_iov = &in_batch.iovs[i];
-        h.msg_iovlen = 1;
-    }
+    for (unsigned i = 0; i < want; i++)
+        point(in_batch, i, DG_BUFSIZE);
     int n = recvmmsg(fd, in_batch.msgs.data(), want, MSG_WAITFORONE, nullptr);
     in_batch.count = n > 0 ? unsigned(n) : 0;
     in_batch.next = 0;
@@ -159,12 +157,7 @@ int put_ddg_held(int fd, const uint8_t* data, int len, const UniAddr* to)
     out_batch.names[i].sin_family = AF_INET;
     out_batch.names[i].sin_port = htons(uint16_t(port < 0 ? 0 : port));
     out_batch.names[i].sin_addr.s_addr = addr;
-    out_batch.iovs[i] = {out_batch.bufs[i].data(), size_t(len)};
-    out_batch.msgs[i] = {};
-    out_batch.msgs[i].msg_hdr.msg_name = &out_batch.names[i];
-    out_batch.msgs[i].msg_hdr.msg_namelen = sizeof out_batch.names[i];
-    out_batch.msgs[i].msg_hdr.msg_iov = &out_batch.iovs[i];
-    out_batch.msgs[i].msg_hdr.msg_iovlen = 1;
+    point(out_batch, i, size_t(len));
     return len;
 }
 
