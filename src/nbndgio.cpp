@@ -142,7 +142,8 @@ int put_ddg(int fd, const uint8_t* data, int len, const UniAddr* to)
 
 int put_ddg_held(int fd, const uint8_t* data, int len, const UniAddr* to)
 {
-    // With the out trace on, each send is traced as it happens.
+    // Sent at once when no batch is handed out, when the out trace is to
+    // show each send as it happens, and when it would not fit a slot.
     uint32_t addr = 0;
     int32_t port = 0;
     if (!holding || (tcfile != nullptr && tc_out >= 1) || len < 0 || len > DG_BUFSIZE ||
