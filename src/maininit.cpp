@@ -154,6 +154,8 @@ void check_calls(time_t now)
             calls[size_t(kept++)] = calls[size_t(i)];
     }
     call_ct = kept;
+    if (due_ct > 0)
+        dg_flush();  // a timer acts after the answers already given
     for (int i = 0; i < due_ct; i++)
         due[size_t(i)].fn(due[size_t(i)].arg);
 }
@@ -235,6 +237,7 @@ void check_signals()
         SCall& s = scalls[size_t(i)];
         if (s.pending) {
             s.pending = 0;  // cleared first: a signal during the work runs it again
+            dg_flush();     // a client acts after the answers already given
             s.fn(s.sig);
         }
     }

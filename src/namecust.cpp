@@ -19,6 +19,7 @@
 #include "src/getnpack.h"
 #include "src/ifwatch.h"
 #include "src/namelogin.h"
+#include "src/nbndgio.h"
 #include "src/notifier.h"
 #include "src/ntable.h"
 #include "src/service.h"
@@ -98,9 +99,12 @@ int name_fd()
 
 int name_send(DgWay way, int fd, const uint8_t* data, int len, const UniAddr* to)
 {
-    if (fd < 0)
-        fd = way == DgWay::name ? dg_fd : ens_fd;
-    return put_ddg(fd, data, len, to);
+    // Answers on the name-service socket may wait for the others of their
+    // batch; anything else leaves after them.
+    if (fd < 0 && way == DgWay::name)
+        return put_ddg_held(dg_fd, data, len, to);
+    dg_flush();
+    return put_ddg(fd >= 0 ? fd : ens_fd, data, len, to);
 }
 
 void name_recv(const UniAddr* from, const uint8_t* data, int len)

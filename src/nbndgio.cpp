@@ -4,10 +4,12 @@
 #include <array>
 #include <cerrno>
 #include <ctime>
+#include <cstring>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "misc/initsock.h"
 #include "nmtrace.h"
 #include "shr/fxdump.h"
 #include "shr/uniinet.h"
@@ -19,6 +21,25 @@
 namespace {
 
 uint8_t recv_buf[DG_BUFSIZE];  // shared by the name-service socket and the client descriptors
+
+// Datagrams and their addresses as recvmmsg and sendmmsg take them.
+constexpr unsigned DG_BATCH = 32;
+struct Batch {
+    std::array<std::array<uint8_t, DG_BUFSIZE>, DG_BATCH> bufs;
+    std::array<struct sockaddr_in, DG_BATCH> names;
+    std::array<struct iovec, DG_BATCH> iovs;
+    std::array<struct mmsghdr, DG_BATCH> msgs;
+    unsigned count = 0;
+    unsigned next = 0;  // received: the next to hand out
+    int fd = -1;        // to send: the socket they leave by
+};
+// The datagrams waiting on the name-service socket at a wake-up, read in one
+// recvmmsg and handed out one per call, each as if it had been received alone.
+Batch in_batch;
+// Answers to them, held until dg_flush sends them in one sendmmsg. A bounded
+// queue: when it is full, it is flushed first.
+Batch out_batch;
+bool holding = false;  // a batch is being handed out
 
 // The received datagram's trace: sizes and sender at in level 1, the bytes at 6.
 void trace_received(const char* who, int len, const struct sockaddr_in& sin, const UniAddr* from,
@@ -44,10 +65,97 @@ ssize_t receive(int fd, uint8_t* buf, struct sockaddr_in* sin, UniAddr* from)
     return n;
 }
 
+// Points entry i's header at its buffer (len bytes) and its address.
+void point(Batch& b, unsigned i, size_t len)
+{
+    struct msghdr& h = b.msgs[i].msg_hdr;
+    h = {};
+    h.msg_name = &b.names[i];
+    h.msg_namelen = sizeof b.names[i];
+    b.iovs[i] = {b.bufs[i].data(), len};
+    h.msg_iov = &b.iovs[i];
+    h.msg_iovlen = 1;
+}
+
+// Hands out the next datagram of the batch, with the traces of a receive.
+int hand_out(UniAddr* from, uint8_t** data)
+{
+    unsigned i = in_batch.next++;
+    int n = int(in_batch.msgs[i].msg_len);
+    const struct sockaddr_in& sin = in_batch.names[i];
+    iantoua(from, sin.sin_addr.s_addr, ntohs(sin.sin_port));
+    *data = in_batch.bufs[i].data();
+    holding = true;
+    TRACE(in, 2, "get_dg: get %d bytes from name descriptor\n", n);
+    trace_received("get_dg", n, sin, from, *data);
+    return n;
+}
+
+// Every datagram waiting on fd, at least one (the wait said it is there).
+// With the in trace on, one at a time, so that each has its wait traced.
+int receive_batch(int fd)
+{
+    unsigned want = tcfile != nullptr && tc_in >= 1 ? 1 : DG_BATCH;
+    for (unsigned i = 0; i < want; i++)
+        point(in_batch, i, DG_BUFSIZE);
+    int n = recvmmsg(fd, in_batch.msgs.data(), want, MSG_WAITFORONE, nullptr);
+    in_batch.count = n > 0 ? unsigned(n) : 0;
+    in_batch.next = 0;
+    return n;
+}
+
 }  // namespace
+
+int put_ddg_held(int fd, const uint8_t* data, int len, const UniAddr* to)
+{
+    // Sent at once when no batch is handed out, when the out trace is to
+    // show each send as it happens, and when it would not fit a slot.
+    uint32_t addr = 0;
+    int32_t port = 0;
+    if (!holding || (tcfile != nullptr && tc_out >= 1) || len < 0 || len > DG_BUFSIZE ||
+        uatoian(&addr, &port, to) < 0) {
+        dg_flush();  // what was held for the batch leaves first
+        return put_ddg(fd, data, len, to);
+    }
+    if (out_batch.count == DG_BATCH || (out_batch.count > 0 && fd != out_batch.fd))
+        dg_flush();
+    unsigned i = out_batch.count++;
+    out_batch.fd = fd;
+    memcpy(out_batch.bufs[i].data(), data, size_t(len));
+    out_batch.names[i] = {};
+    out_batch.names[i].sin_family = AF_INET;
+    out_batch.names[i].sin_port = htons(uint16_t(port < 0 ? 0 : port));
+    out_batch.names[i].sin_addr.s_addr = addr;
+    point(out_batch, i, size_t(len));
+    return len;
+}
+
+void dg_flush()
+{
+    unsigned at = 0;
+    int tries = 0;
+    while (at < out_batch.count) {
+        int n = sendmmsg(out_batch.fd, &out_batch.msgs[at], out_batch.count - at, 0);
+        if (n > 0) {
+            at += unsigned(n);
+            tries = 0;
+        } else if (errno != EINTR || ++tries == 3) {
+            // That one is lost, as a failed sendto's is; the others still go, in order.
+            TRACE(out, 1, "\nput_ddg:  error in sendto: errno %d\n", errno);
+            at++;
+            tries = 0;
+        }
+    }
+    out_batch.count = 0;
+}
 
 int get_dg(int fd, UniAddr* from, uint8_t** data)
 {
+    if (in_batch.next < in_batch.count)
+        return hand_out(from, data);
+    dg_flush();  // before the wait: the answers go out now, not at the next datagram
+    holding = false;
+
     // The relay's pipe is polled for its hang-up alone (no events: requests
     // still come with the interrupt signal), so that a relay that ended is
     // replaced at once.
@@ -99,9 +207,10 @@ int get_dg(int fd, UniAddr* from, uint8_t** data)
     if (fd < 0)
         return -2;
 
-    struct sockaddr_in sin;
-    ssize_t n = receive(fd, recv_buf, &sin, from);
-    if (n < 0) {
+    int got = receive_batch(fd);
+    if (got == 0)
+        return -2;
+    if (got < 0) {
         if (errno == EINTR) {
             TRACE(proc, 1, "get_dg: interrupted system call\n");
             return -2;
@@ -109,9 +218,7 @@ int get_dg(int fd, UniAddr* from, uint8_t** data)
         TRACE(proc, 1, "get_dg: error in receive: errno %d\n", errno);
         return -1;
     }
-    TRACE(in, 2, "get_dg: get %d bytes from name descriptor\n", int(n));
-    trace_received("get_dg", int(n), sin, from, recv_buf);
-    return int(n);
+    return hand_out(from, data);
 }
 
 int read_custfd(int index, uint8_t* buffer)
