@@ -1,30 +1,14 @@
-#include <gtest/gtest.h>
-
-#include <arpa/inet.h>
-#include <cstring>
-#include <fcntl.h>
-#include <string>
-#include <unistd.h>
-#include <vector>
-
-#include "shr/uniinet.h"
-#include "src/dorequest.h"
-#include "src/enstable.h"
-#include "src/maininit.h"
-#include "src/namelogin.h"
-#include "src/notifier.h"
-#include "src/ntable.h"
-#include "src/query.h"
-#include "tests/support/nswire.h"
 #include "tests/unit/unitkit.h"
+
+#include "src/dorequest.h"
+#include "src/notifier.h"
+#include "src/query.h"
 
 namespace {
 
 int32_t word(const Bytes& d, size_t off)
 {
-    int32_t v = 0;
-    memcpy(&v, d.data() + off, 4);
-    return v;
+    return int32_t(d[off] | d[off + 1] << 8 | d[off + 2] << 16 | uint32_t(d[off + 3]) << 24);
 }
 
 Bytes with_flags(const char* name, uint32_t flags)
@@ -36,7 +20,7 @@ Bytes with_flags(const char* name, uint32_t flags)
 }
 
 // The daemon's ends of the two pipes, as the notifier leaves them. With no
-// socket (dg_fd -1) the claims and releases show in their trace lines only.
+// sender registered the claims and releases show in their trace lines only.
 class Requests : public ::testing::Test {
 protected:
     int to_daemon = -1, from_daemon = -1;
@@ -49,7 +33,6 @@ protected:
         dg_set_clock(fake_time, fake_alarm);
         static if_entry ifs[1] = {{inet_addr("10.88.0.1"), 0, 0}};
         my_addr = ifs, my_addr_ct = 1, transport_tcpip = 1;
-        ASSERT_EQ(dg_fd, -1);
         ASSERT_NE(tcfile = tmpfile(), nullptr);
         tc_proc = 1;
     }
@@ -64,10 +47,8 @@ protected:
     }
     void send(uint32_t op, uint32_t xid, const Bytes& d = {})
     {
-        ns_hdr h{{}, int32_t(d.size()), xid, op, 0};
-        memcpy(h.magic, NS_MAGIC, sizeof h.magic);
-        ASSERT_EQ(write(to_daemon, &h, sizeof h), ssize_t(sizeof h));
-        ASSERT_EQ(write(to_daemon, d.data(), d.size()), ssize_t(d.size()));
+        Bytes m = ns_message(op, xid, int32_t(d.size()), d);
+        ASSERT_EQ(write(to_daemon, m.data(), m.size()), ssize_t(m.size()));
     }
     // Every response waiting, as "op xid len more status" (status 0 for
     // none and for the scope text); their data in `data`.

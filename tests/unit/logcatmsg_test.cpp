@@ -1,15 +1,8 @@
 // The operator log's texts: the site's message file, read once here for its
 // format, and the rule that a site text must fit its message's arguments.
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <fstream>
-#include <sstream>
-#include <string>
+#include "tests/unit/unitkit.h"
 
 #include "shr/logcatmsg.h"
-#include "shr/logging.h"
-#include "tests/support/nsfixture.h"
 
 TEST(MsgGet, FindsTheNumberInsideItsSetOnly) {
     const std::string lines = "$set 9\n203 \"set nine\"\n$set 10\n$ comment\n198 \"a \"b\" c\"\n203 plain text\n"

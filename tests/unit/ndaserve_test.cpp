@@ -2,15 +2,9 @@
 // must refuse. The serving of the requests is covered end to end
 // (tests/e2e/nda_test.cpp) with the real agent.
 
-#include <gtest/gtest.h>
-
-#include <arpa/inet.h>
-
-#include <string>
-#include <vector>
+#include "tests/unit/unitkit.h"
 
 #include "nda/ndareq.h"
-#include "tests/support/ndasim.h"
 
 namespace {
 
@@ -28,10 +22,9 @@ TEST(NdaRequest, ReadsWhatTheDaemonSendsAndRefusesTheRest)
     EXPECT_EQ(r.addr_ct, 2);
     EXPECT_EQ(r.addrs[1], inet_addr("10.1.0.3"));
     // Every cut of it: no header below 20 bytes, else a body cut short.
-    for (size_t n = 0; n < full.size(); n++) {
-        SCOPED_TRACE("cut to " + std::to_string(n));
-        EXPECT_EQ(nda_read_request(full.data(), int(n), &r), n < 20 ? NDA_BADHDR : NDA_BADBODY);
-    }
+    each_cut(full, full.size() - 1, [&r](const uint8_t* cut, int n) {
+        EXPECT_EQ(nda_read_request(cut, n, &r), n < 20 ? NDA_BADHDR : NDA_BADBODY);
+    });
     std::vector<std::string> many(25, "10.1.0.9");
     many[19] = "10.1.0.20";
     const struct { const char* why; Bytes bytes; int want, addr_ct; } cases[] = {
