@@ -137,7 +137,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     UniAddr sender{};
     iantoua(&sender, (opt & 1) ? inet_addr("10.88.0.99") : nda_addr[0], ndport);
-    ens_recv(ens_fd, bytes, int(len), &sender);
+    ens_recv(-1, bytes, int(len), &sender);
     delete[] bytes;
     ek_clear();
 
