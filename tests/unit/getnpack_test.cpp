@@ -62,6 +62,9 @@ TEST(DecodeNpack, OneTableOfDatagrams) {
             EXPECT_TRUE(c.pkt.size() < 46 || c.pkt[12] != 32 || memcmp(rec.name, kName.data(), 16) == 0);
         }
     }
+    // find_flags refuses a question name running past the end on its own.
+    Bytes past = packet(0, {1, 0, 0, 0}, {{32, 'E', 'B'}});
+    EXPECT_EQ(find_flags(past.data(), int(past.size())), -1);
     // Every cut of a registration that loses its NB flags is refused; exact
     // sizes let the sanitizer see any read past the datagram.
     Bytes full = packet(0x29, {1, 0, 0, 1}, {name, nb_q, nb_rr});
