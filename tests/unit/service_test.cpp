@@ -33,9 +33,12 @@ TEST(Service, EachDatagramGetsItsAnswerFromTheAskersSubnetOrNone)
                        {inet_addr("127.0.1.1"), inet_addr("127.0.1.255"), inet_addr("255.255.255.0")}};
     const char* asker_addr[3] = {"127.0.0.9", "127.0.1.9", "127.0.1.1"};
     dg_set_sender(record_dg);
-    my_addr = ifs, my_addr_ct = 2;
+    dg_set_clock(fake_time, fake_alarm);
+    my_addr = ifs, my_addr_ct = 2, nda_ct = 1;
     for (const if_entry& f : ifs)
         ASSERT_EQ(ens_a_add(f.addr, nullptr), 0);  // our own addresses, as at start
+    EnsHost* far = ens_create();   // a host an agent told us of
+    ASSERT_EQ(ens_a_add(inet_addr("10.88.0.20"), far) + ens_n_add(ns_name("FAR").data(), 0, far), 0);
     for (auto [name, flags] : {std::pair{"SERVER", 0u}, {"TEAM", NT_GROUP}, {"NEW", NT_PENDING}}) {
         ASSERT_EQ(nt_add(ns_name(name).data(), 0), 0);
         nt_search(ns_name(name).data())->flags = flags;   // claimed, unless pending
@@ -49,6 +52,7 @@ TEST(Service, EachDatagramGetsItsAnswerFromTheAskersSubnetOrNone)
         {"query from no subnet", "", query("SERVER"), 0, ns_answer(0x85, 0, "SERVER", 0, "10.88.0.1"), ""},
         {"scope differing in case", "corp", query("SERVER", {4, 'C', 'O', 'R', 'P', 0}), 0,
          ns_answer(0x85, 0, "SERVER", 0, "10.88.0.1", corp), ""},
+        {"query for a name an agent told us of", "", query("FAR"), 0, ns_answer(0x85, 0, "FAR", 0, "10.88.0.20"), ""},
         {"query, the name in another case", "", query("server"), 0, none, ""},
         {"query, name being claimed", "", query("NEW"), 0, none, ""},
         {"query, another scope", "corp", query("SERVER", {4, 'c', 'o', 'r', 'q', 0}), 0, none, ""},
@@ -69,19 +73,25 @@ TEST(Service, EachDatagramGetsItsAnswerFromTheAskersSubnetOrNone)
         {"query response nobody waits for", "", response(0x85, 0x20), 0, none, "check_lookup: unknown name\n"},
         {"refresh", "", request(0x40, "SERVER", false), 0, none, "Ratline: ignoring packet.\n"},
     };
+    auto answers = [&](const Bytes& pkt, const char* asker) {
+        npkt rec;
+        EXPECT_EQ(decode_npack(&rec, pkt.data(), int(pkt.size())), int(pkt.size()));
+        iantoua(&rec.addr, inet_addr(asker), 1009);
+        process_npkt(&rec);
+        return sent_to(DgWay::name, asker, 1009);
+    };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.why);
         snprintf(nb_scope, sizeof nb_scope, "%s", c.scope);
         tcfile = trace, tc_proc = 3;
-        npkt rec;
-        ASSERT_EQ(decode_npack(&rec, c.pkt.data(), int(c.pkt.size())), int(c.pkt.size()));
-        iantoua(&rec.addr, inet_addr(asker_addr[c.asker]), 1009);
-        process_npkt(&rec);
-        std::vector<Bytes> got = sent_to(DgWay::name, asker_addr[c.asker], 1009);
+        std::vector<Bytes> got = answers(c.pkt, asker_addr[c.asker]);
         EXPECT_NE(trace_taken().find(c.line), std::string::npos) << c.line;
         EXPECT_EQ(got, c.want.empty() ? std::vector<Bytes>{} : std::vector<Bytes>{c.want});
     }
     EXPECT_TRUE(n_table && n_table->next && n_table->next->next) << "a release removes nothing";
+    my_addr_ct = 1;
+    EXPECT_TRUE(answers(query("FAR"), asker_addr[0]).empty()) << "with one interface the host answers for itself";
+    nda_ct = 0;
     my_addr_ct = 0;
     EXPECT_EQ(matching_addr(inet_addr("10.88.0.1")), 0u) << "no interface, no address";
 }
