@@ -156,6 +156,18 @@ TEST_F(Requests, LookupsAnswerAtOnceFromOurTablesOrTheNetworkOrAfterFiveSeconds)
             EXPECT_EQ(word(data[0], 68), c.flags ? 1 : 0);
         }
     }
+    // A status answer is for the status request of its sender only.
+    UniAddr other;
+    iantoua(&other, inet_addr("10.88.0.9"), -1);
+    Bytes ask = ns_name("*", 0);
+    ask.insert(ask.end(), reinterpret_cast<uint8_t*>(&other), reinterpret_cast<uint8_t*>(&other + 1));
+    send(NS_ADAPSTAT, 6, ask);
+    do_request(SIGINT);
+    Bytes stat = ns_status_answer(1, ns_name("*", 0), {{ns_name("FAR"), 0x0400}});
+    npkt rec{};
+    ASSERT_EQ(decode_npack(&rec, stat.data(), int(stat.size())), int(stat.size()));
+    iantoua(&rec.addr, inet_addr("10.88.0.7"), 137);
+    check_adapstat(&rec);
     tick(2);
     EXPECT_TRUE(responses().empty());
     tick(1);
