@@ -69,6 +69,18 @@ TEST(EnsRecv, AddResponsesForOurNamesAndForStationsClaims)
         nt_del(name.data());
         fake_now += 100;   // past the cache's minute
     }
+    // A positive QUERY answer counts only with its marker set.
+    for (int32_t marker : {0, 1}) {
+        nda_lquery(ns_name("FAR").data(), 1, 11);
+        std::vector<Bytes> query = sent_to(DgWay::ens, "127.0.0.2", 1002);
+        ASSERT_EQ(query.size(), 1u);
+        Bytes answer = cat({header(decode(query[0]).id, 0x80000001, 0), int_item(0), int_item(marker),
+                            ip_item("10.88.0.5")});
+        ens_recv(-1, answer.data(), int(answer.size()), &agent);
+        uint32_t a = 0;
+        int g = -1;
+        EXPECT_EQ(nda_getcache(&a, &g, ns_name("FAR").data(), fake_now), marker != 0 ? 1 : -1) << marker;
+    }
     const EnsAddr* known = ens_a_lookup(inet_addr("127.0.0.9"));
     ASSERT_TRUE(known != nullptr && known->host != nullptr && known->host->names != nullptr);
     EXPECT_EQ(Bytes(known->host->names->name, known->host->names->name + 16), ns_name("SERVER"));
