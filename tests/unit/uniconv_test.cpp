@@ -113,6 +113,7 @@ TEST(UniConvert, InternetAndNameAddressesConvertBothWays) {
         uint32_t a = 99;
         EXPECT_TRUE(uatoian(&a, nullptr, &ua) == -1 && a == 99u) << uni_ntoa(&ua);
     }
+    EXPECT_TRUE(hex_get(nullptr, 0, "ab") == 0 && hex_get(nullptr, -1, "ab") == 0) << "no room: nothing read";
     for (const UniAddr& ua : {make('N', ns_name("FOO"), 17), make('I', ns_name("FOO")), make('N', ns_name("FOO"), 15)}) {
         NbAddr na{}, untouched{};
         EXPECT_TRUE(vznb_uatona(&na, &ua) == VZNB_BADADDR && memcmp(&na, &untouched, sizeof na) == 0);
