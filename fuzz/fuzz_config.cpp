@@ -26,12 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size > 16384)
         return -1;
-    FILE* f = fopen(CONF_PATH, "w");
-    if (f == nullptr)
-        __builtin_trap();
-    if (size > 0 && fwrite(data, 1, size, f) != size)
-        __builtin_trap();
-    fclose(f);
+    fz_write_file(CONF_PATH, data, size);
     tcfile = fz_trace_sink();
     tc_proc = tc_err = 9;
     name_settings_clear();

@@ -21,6 +21,7 @@
 #include "misc/enskey.h"
 #include "nmtrace.h"
 #include "shr/uniinet.h"
+#include "src/claim.h"
 #include "src/cust.h"
 #include "src/delay.h"
 #include "src/dorequest.h"
@@ -53,19 +54,11 @@ void make_packets()
     iantoua(&query_pkt.addr, inet_addr("10.88.0.7"), 137);
 
     fz_name16(name, "CLAIMED");
-    uint8_t* p = claim_area;
-    p[0] = 0x43;
-    p[1] = 0x21;
-    p[2] = NT_REGISTER | 0x01;   // RD
-    p[3] = 0x10;                 // B
-    fill_counts(p, 1, 0, 0, 1);
-    int off = 12 + fill_nbname(p + 12, name);
-    off += fill_quest_hdr(p + off, RR_NB, RR_IN);
-    p[off++] = 0xC0;
-    p[off++] = 12;
-    off += fill_rr_header(p + off, RR_NB, RR_IN, 300000, 6);
-    off += fill_rr_nb(p + off, 0, inet_addr("10.88.0.7"));
-    decode_npack(&claim_pkt, claim_area, off);
+    init_outpkt(&out, claim_area, NT_REGISTER, name);
+    build_claim(&out, 0x4321, 0, 0);
+    uint32_t station = inet_addr("10.88.0.7");
+    memcpy(claim_area + out.size - 4, &station, 4);   // the claimer's address, last
+    decode_npack(&claim_pkt, claim_area, out.size);
     iantoua(&claim_pkt.addr, inet_addr("10.88.0.7"), 137);
 }
 

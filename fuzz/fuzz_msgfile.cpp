@@ -13,18 +13,6 @@ namespace {
 
 constexpr const char* MSG_PATH = "/opt/KORRlibs/lib/kbsrvmsg";
 
-void write_file(const uint8_t* data, size_t size)
-{
-    // The same file rewritten in place: the lookup keeps it open and
-    // rewinds it for every message.
-    FILE* f = fopen(MSG_PATH, "w");
-    if (f == nullptr)
-        __builtin_trap();
-    if (size > 0 && fwrite(data, 1, size, f) != size)
-        __builtin_trap();
-    fclose(f);
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
@@ -55,7 +43,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     fixup_string(text);
     delete[] text;
 
-    write_file(data, size);
+    // The same file rewritten in place: the lookup keeps it open and
+    // rewinds it for every message.
+    fz_write_file(MSG_PATH, data, size);
     for (int number = 0; number < 8; number++) {
         log_catmsg(LOG_SET, number, "%s: error in config file at line %d", "Halyard", 42);
         print_catmsg(fz_trace_sink(), LOG_SET, number, "%s: cannot open %s (%ld, %u, %c)", "Halyard", "x.vz", 123456789L,

@@ -9,7 +9,7 @@
 //   bit 4  lookups are not strict    bit 5  the sender is our WINS server,
 //                                           asked for FAR (its id is random)
 #include <arpa/inet.h>
-#include <cstring>
+#include <vector>
 
 #include "fuzz/fuzzenv.h"
 
@@ -56,15 +56,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 
     // An exact copy: a read past the datagram is a read past the buffer.
     npkt rec{};
-    int len = int(size - 1);
-    uint8_t* bytes = new uint8_t[size_t(len) + 1];
-    memcpy(bytes, data + 1, size_t(len));
-    if (decode_npack(&rec, bytes, len) >= 0) {
+    std::vector<uint8_t> bytes(data + 1, data + size);
+    if (decode_npack(&rec, bytes.data(), int(bytes.size())) >= 0) {
         const char* from = (opt & 2) ? "10.88.0.1" : (opt & 8) ? "192.0.2.9" : "10.88.0.7";
         iantoua(&rec.addr, inet_addr(from), 137);
         process_npkt(&rec);
     }
-    delete[] bytes;
 
     rm_lu(1);
     rm_lu(2);

@@ -2,7 +2,7 @@
 // find_ip_rfc and find_as_rfc (the client library's and the daemon's),
 // find_ttl_rfc (the WINS client's), and find_flags and find_type of the
 // decoder.
-#include <cstring>
+#include <vector>
 
 #include "fuzz/fuzzenv.h"
 #include "src/getnpack.h"
@@ -18,9 +18,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (size > NPKT_AREA)
         return -1;
     // An exact copy, and a null pointer for the empty datagram.
-    uint8_t* bytes = size > 0 ? new uint8_t[size] : nullptr;
-    if (size > 0)
-        memcpy(bytes, data, size);
+    std::vector<uint8_t> copy(data, data + size);
+    uint8_t* bytes = size > 0 ? copy.data() : nullptr;
     int len = int(size);
     uint32_t addr = 0;
     int group = 0;
@@ -34,6 +33,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         __builtin_trap();   // more names than the room it was given
     find_flags(bytes, len);
     find_type(bytes, len);
-    delete[] bytes;
     return 0;
 }

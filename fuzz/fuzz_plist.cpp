@@ -34,12 +34,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size > 16384)
         return -1;
-    FILE* f = fopen(PLIST_PATH, "w");
-    if (f == nullptr)
-        __builtin_trap();
-    if (size > 0 && fwrite(data, 1, size, f) != size)
-        __builtin_trap();
-    fclose(f);
+    fz_write_file(PLIST_PATH, data, size);
     vz_kvc* l = nullptr;
     if (vzdb_prop_list(object, &l) == 0)
         vzdb_kvcfree(l);

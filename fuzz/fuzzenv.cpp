@@ -1,5 +1,8 @@
 #include "fuzz/fuzzenv.h"
 
+#include <sqlite3.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -8,13 +11,15 @@
 #include <fcntl.h>
 #include <climits>
 #include <initializer_list>
-#include <span>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
+#include "nda/ndadir.h"
+#include "nda/ndastore.h"
 #include "nmtrace.h"
 #include "shr/logging.h"
 #include "src/enstable.h"
@@ -99,38 +104,6 @@ FILE* fz_trace_sink()
     return sink;
 }
 
-static void fz_fake_clock()
-{
-    dg_set_clock(fake_time, fake_alarm);
-}
-
-static void fz_advance(int seconds, int step)
-{
-    for (int done = 0; done < seconds; done += step) {
-        fake_now += step;
-        check_calls(fake_now);
-    }
-}
-
-static void fz_ntf_pipes()
-{
-    int a[2], b[2];
-    if (pipe(a) != 0 || pipe(b) != 0)
-        die("pipe");
-    from_ntf = a[0];
-    to_daemon = a[1];
-    to_ntf = b[1];
-    from_daemon = b[0];
-    for (int fd : {from_ntf, to_daemon, to_ntf, from_daemon}) {
-        if (fcntl(fd, F_SETFL, O_NONBLOCK) != 0)
-            die("fcntl O_NONBLOCK");
-    }
-    // Room for a long listing; a response that still does not fit is lost,
-    // as the daemon's unchecked write would lose it.
-    fcntl(to_ntf, F_SETPIPE_SZ, 1 << 20);
-    fcntl(from_ntf, F_SETPIPE_SZ, 1 << 20);
-}
-
 size_t fz_ntf_feed(const uint8_t* data, size_t size)
 {
     ssize_t n = size > 0 ? write(to_daemon, data, size) : 0;
@@ -150,33 +123,24 @@ bool fz_ntf_pending()
     return ioctl(from_ntf, FIONREAD, &n) == 0 && n > 0;
 }
 
-static void fz_clear_names()
-{
-    while (n_table != nullptr)
-        nt_del(n_table->name);
-}
-
-static void fz_daemon_host()
-{
-    static if_entry ifs[2];
-    ifs[0] = {inet_addr("10.88.0.1"), inet_addr("10.88.0.255"), inet_addr("255.255.255.0")};
-    ifs[1] = {inet_addr("10.88.1.1"), inet_addr("10.88.1.255"), inet_addr("255.255.255.0")};
-    my_addr = ifs;
-    my_addr_ct = 2;
-    transport_tcpip = 1;
-    nmport = 137;
-    ndport = 227;
-    ensport = 228;
-}
-
 void fz_daemon()
 {
     fz_private_net();
     fz_quiet();
-    fz_fake_clock();
-    fz_ntf_pipes();
-    fz_daemon_host();
-    for (const if_entry& e : std::span(my_addr, size_t(my_addr_ct)))
+    dg_set_clock(fake_time, fake_alarm);
+    int a[2], b[2];
+    if (pipe2(a, O_NONBLOCK) != 0 || pipe2(b, O_NONBLOCK) != 0)
+        die("pipe");
+    from_ntf = a[0], to_daemon = a[1], to_ntf = b[1], from_daemon = b[0];
+    // Room for a long listing; a response that still does not fit is lost,
+    // as the daemon's unchecked write would lose it.
+    fcntl(to_ntf, F_SETPIPE_SZ, 1 << 20);
+    fcntl(from_ntf, F_SETPIPE_SZ, 1 << 20);
+    static if_entry ifs[2] = {{inet_addr("10.88.0.1"), inet_addr("10.88.0.255"), inet_addr("255.255.255.0")},
+                              {inet_addr("10.88.1.1"), inet_addr("10.88.1.255"), inet_addr("255.255.255.0")}};
+    my_addr = ifs, my_addr_ct = 2, transport_tcpip = 1;
+    nmport = 137, ndport = 227, ensport = 228;
+    for (const if_entry& e : ifs)
         ens_a_add(e.addr, nullptr);
 }
 
@@ -195,9 +159,11 @@ void fz_trace_all()
 
 void fz_end_input(int seconds)
 {
-    fz_advance(seconds, 1);
+    for (int done = 0; done < seconds; done++)
+        check_calls(++fake_now);
     fz_ntf_drain();
-    fz_clear_names();
+    while (n_table != nullptr)
+        nt_del(n_table->name);
     // The hosts learnt from the input; our own stay.
     for (int i = 0; i < 100000; i++) {
         EnsAddr* a = ens_a_old(0, LONG_MAX);
@@ -205,6 +171,89 @@ void fz_end_input(int seconds)
             break;
         ens_free(a->host);
     }
+    tcfile = nullptr;
+    tc_in = tc_out = tc_proc = tc_err = 0;
+    fz_truncate_log();
+}
+
+void fz_write_file(const char* path, const uint8_t* data, size_t size)
+{
+    FILE* f = fopen(path, "w");
+    if (f == nullptr || (size > 0 && fwrite(data, 1, size, f) != size))
+        __builtin_trap();
+    fclose(f);
+}
+
+namespace {
+
+constexpr const char* WIPE[] = {"DELETE FROM name", "DELETE FROM addr", "DELETE FROM host"};
+sqlite3_stmt* wipe[3];
+// SQLite's pages from a pool of their own, not from the sanitizer's
+// allocator (which fills and quarantines each): several times faster.
+alignas(16) uint8_t page_pool[512][4096 + 512];
+
+}  // namespace
+
+void fz_agent(const char* uri)
+{
+    fz_private_net();
+    fz_quiet();
+    sqlite3* wiper = nullptr;
+    sqlite3_config(SQLITE_CONFIG_URI, 1);
+    sqlite3_config(SQLITE_CONFIG_PAGECACHE, page_pool, int(sizeof page_pool[0]), 512);
+    if (nda_sqlite.open(uri) != 0 ||
+        sqlite3_open_v2(uri, &wiper, SQLITE_OPEN_READWRITE | SQLITE_OPEN_URI, nullptr) != SQLITE_OK)
+        die("the agent's directory");
+    for (int i = 0; i < 3; i++)
+        if (sqlite3_prepare_v2(wiper, WIPE[i], -1, &wipe[i], nullptr) != SQLITE_OK)
+            die(WIPE[i]);
+}
+
+uint32_t fz_station(int i)
+{
+    return htonl(0x0a580002u + uint32_t(i));
+}
+
+void fz_agent_hold(std::initializer_list<FzHeld> held, int64_t now_s)
+{
+    struct Arg { std::initializer_list<FzHeld> held; int64_t now; } arg{held, now_s};
+    auto claim_all = [](void* p) {
+        const Arg& a = *static_cast<Arg*>(p);
+        for (const FzHeld& h : a.held) {
+            uint8_t name[16];
+            fz_name16(name, h.text, h.type);
+            uint32_t addr = fz_station(h.station);
+            NdaHolder holder{};
+            if (dir_claim(&nda_sqlite, {name, h.group, &addr, 1, addr, h.port, a.now, h.expires}, &holder) != 0)
+                return -1;
+        }
+        return 0;
+    };
+    if (nda_sqlite.transact(true, claim_all, &arg) != 0)
+        die("the held names");
+}
+
+void fz_agent_datagrams(const uint8_t* data, size_t size,
+                        const std::function<void(uint8_t opt, const uint8_t* dg, int len)>& each)
+{
+    size_t at = 0;
+    for (int n = 0; n < 16 && at + 3 <= size; n++) {
+        uint8_t opt = data[at];
+        size_t len = std::min({size_t(data[at + 1] | data[at + 2] << 8), size - at - 3, size_t(1500)});
+        at += 3;
+        if (opt & 8)
+            fz_trace_all();
+        std::vector<uint8_t> dg(data + at, data + at + len);
+        each(opt, dg.data(), int(len));
+        at += len;
+    }
+}
+
+void fz_agent_end()
+{
+    for (sqlite3_stmt* w : wipe)
+        if (sqlite3_step(w) != SQLITE_DONE || sqlite3_reset(w) != SQLITE_OK)
+            die("emptying the directory");
     tcfile = nullptr;
     tc_in = tc_out = tc_proc = tc_err = 0;
     fz_truncate_log();

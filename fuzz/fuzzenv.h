@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
+#include <functional>
+#include <initializer_list>
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
@@ -47,3 +49,29 @@ void fz_trace_all();
 // The end of an input: the clock moves on SECONDS so that retries and waits
 // run out, then names, learnt hosts, responses, trace and log are cleared.
 void fz_end_input(int seconds);
+// Writes the input as the file at PATH (in the private places); traps on failure.
+void fz_write_file(const char* path, const uint8_t* data, size_t size);
+
+// The agent's harnesses: its SQLite directory in memory at URI, opened once,
+// off the network and quiet; a second connection empties it after each input
+// (which fails if the input left a statement open).
+void fz_agent(const char* uri);
+// Station I of the test subnet, 10.88.0.2 + I.
+uint32_t fz_station(int i);
+// A name one station holds in the directory as an input starts.
+struct FzHeld {
+    const char* text;
+    uint8_t type;
+    int group, station;
+    uint16_t port;
+    int64_t expires;   // 0 kept until deleted
+};
+void fz_agent_hold(std::initializer_list<FzHeld> held, int64_t now_s);
+// An agent input: up to 16 datagrams, each as one option byte, two bytes of
+// length (least significant first, at most 1500), the datagram. Option bit 3
+// sets every trace level at 9 first; each datagram is handed on as a copy of
+// exactly its size, so that a read past it is seen.
+void fz_agent_datagrams(const uint8_t* data, size_t size,
+                        const std::function<void(uint8_t opt, const uint8_t* dg, int len)>& each);
+// The directory emptied, the trace off, the log emptied.
+void fz_agent_end();

@@ -1,6 +1,4 @@
-#include <gtest/gtest.h>
-
-#include <string>
+#include "tests/unit/unitkit.h"
 
 #include "src/cache.h"
 

@@ -1,28 +1,8 @@
-#include <gtest/gtest.h>
-
-#include <arpa/inet.h>
-#include <cstring>
-#include <string>
-
-#include "shr/uniinet.h"
-#include "src/claim.h"
-#include "src/getnpack.h"
-#include "src/maininit.h"
-#include "src/namelogin.h"
-#include "src/ntable.h"
-#include "tests/support/nswire.h"
 #include "tests/unit/unitkit.h"
 
-namespace {
+#include "src/claim.h"
 
-// RFC 1002 4.2.2 as we send it: the question, then a record pointing at it.
-Bytes request(uint16_t id, uint8_t b2, uint8_t nbflags_hi, const char* addr, const Bytes& labels)
-{
-    Bytes rest{0, 0x20, 0, 1, 0xC0, 0x0C, 0, 0x20, 0, 1, 0, 0, 0, 0, 0, 6, nbflags_hi, 0};
-    Bytes a = ip_bytes(addr);
-    rest.insert(rest.end(), a.begin(), a.end());
-    return ns_packet(id, b2, 0x10, {1, 0, 0, 1}, ns_name("SERVER"), labels, rest);
-}
+namespace {
 
 TEST(Claim, OneRequestPerInterfaceWithItsOwnAddressClaimIdsFromTheClockReleaseIdsFromOne)
 {
@@ -44,8 +24,8 @@ TEST(Claim, OneRequestPerInterfaceWithItsOwnAddressClaimIdsFromTheClockReleaseId
         memcpy(e.name, ns_name("SERVER").data(), 16);
         c.claim ? name_claim(&e) : name_release(&e);
         for (int i = 0; i < 2; i++) {
-            Bytes want = request(c.id, c.claim ? 0x29 : 0x30, c.nbflags_hi, i == 0 ? "10.88.0.1" : "10.89.0.7",
-                                 c.scope[0] ? Bytes{4, 'C', 'o', 'r', 'p', 0} : Bytes{0});
+            Bytes want = ns_request(c.id, c.claim ? 0x29 : 0x30, "SERVER", c.nbflags_hi,
+                                    i == 0 ? "10.88.0.1" : "10.89.0.7", c.scope[0] ? Bytes{4, 'C', 'o', 'r', 'p', 0} : Bytes{0});
             const char* bcast = i == 0 ? "10.88.0.255" : "10.89.0.255";
             EXPECT_EQ(sent_to(DgWay::name, bcast, nmport), std::vector<Bytes>{want});
         }

@@ -2,19 +2,12 @@
 // line, the text found and what was expected. And what the package installs
 // for administrators: the example configuration passes the check in each of
 // its alternatives, the manual pages format without a warning.
-#include <gtest/gtest.h>
+#include "tests/unit/unitkit.h"
 
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
 #include <regex>
-#include <string>
 
 #include "nversion.h"
 #include "src/confcheck.h"
-#include "tests/support/lab.h"
 #include "tests/support/paths.h"
 
 namespace {
@@ -36,25 +29,32 @@ std::string check(const std::string& text)
 
 TEST(ConfCheck, PrintsEveryProblemWithItsLineAndTheSettings)
 {
-    std::string out = check("[realm NB]\r\ntransport tcpip\r\n"
-                            "[interface tcpip eth0]\r\naddress 10.88.0.1\r\nbroadcast x\r\nmtu 9000\r\n"
-                            "[interface tcpip eth1]\r\n[transport tcpip]\r\nNB-scope 1abc\r\n"
-                            "NB-nd-addr 10.0.0.1\r\nNB-nd-addr 10.0.0.2\r\nNB-wildcard-status on\r\n"
-                            "NB-wins-server 10.0.0.7\r\n"
-                            "[Transport tcpip]\r\n");
-    for (const std::string& line : {
-             kPath + ": warning: 14 lines end in CR LF: read as LF line ends\n",
-             kPath + ":5: broadcast x: one IPv4 broadcast address, such as 10.88.0.255\n",
-             kPath + ":6: warning: mtu 9000: ignored: an interface section knows address, broadcast and netmask\n",
-             kPath + ":7: warning: [interface tcpip eth1] without an address: ignored: an interface needs 'address'\n",
-             kPath + ":9: NB-scope 1abc: one scope of labels joined by dots",
-             kPath + ":11: NB-nd-addr 10.0.0.2: all agents in one NB-nd-addr directive (this one is ignored)\n",
-             kPath + ":14: warning: [Transport tcpip]: not read: the name server reads [realm NB], "
-                     "[interface tcpip NAME] and [transport tcpip]\n",
-             std::string("  agents           10.0.0.1\n"), std::string("  wildcard status  on\n"),
-             std::string("  WINS servers     10.0.0.7\n"),
-             std::string("3 errors, 4 warnings\n")})
-        EXPECT_NE(out.find(line), std::string::npos) << line << "\n" << out;
+    const struct { std::string text; std::vector<std::string> lines; } cases[] = {
+        {"[realm NB]\r\ntransport tcpip\r\n[interface tcpip eth0]\r\naddress 10.88.0.1\r\nbroadcast x\r\nmtu 9000\r\n"
+         "[interface tcpip eth1]\r\n[transport tcpip]\r\nNB-scope 1abc\r\nNB-nd-addr 10.0.0.1\r\nNB-nd-addr 10.0.0.2\r\n"
+         "NB-wildcard-status on\r\nNB-name-port 70000\r\nNB-wins-server 10.0.0.7\r\n[Transport tcpip]\r\n",
+         {": warning: 15 lines end in CR LF: read as LF line ends\n",
+          ":5: broadcast x: one IPv4 broadcast address, such as 10.88.0.255\n",
+          ":6: warning: mtu 9000: ignored: an interface section knows address, broadcast and netmask\n",
+          ":7: warning: [interface tcpip eth1] without an address: ignored: an interface needs 'address'\n",
+          ":9: NB-scope 1abc: one scope of labels joined by dots",
+          ":11: NB-nd-addr 10.0.0.2: all agents in one NB-nd-addr directive (this one is ignored)\n",
+          ":13: NB-name-port 70000: a port number from 1 to 65535 (the daemon would use 4464)\n",
+          ":15: warning: [Transport tcpip]: not read: the name server reads [realm NB], [interface tcpip NAME] and "
+          "[transport tcpip]\n",
+          "\n  agents           10.0.0.1\n", "\n  wildcard status  on\n", "\n  WINS servers     10.0.0.7\n",
+          "\n4 errors, 4 warnings\n"}},
+        {"[realm NB]\n[interface tcpip eth0]\naddress 10.88.0.1\n[transport tcpip]\nNB-scope a\n",
+         {": no 'transport tcpip' in [realm NB]: a [realm NB] section with 'transport tcpip', or the name service does "
+          "not run\n",
+          ":2: warning: [interface tcpip eth0]: not read: [realm NB] has no 'transport tcpip'\n",
+          ":4: warning: [transport tcpip]: not read: [realm NB] has no 'transport tcpip'\n", "\n1 error, 2 warnings\n"}},
+    };
+    for (const auto& c : cases) {
+        std::string out = check(c.text);
+        for (const std::string& line : c.lines)
+            EXPECT_NE(out.find(line[0] == ':' ? kPath + line : line), std::string::npos) << line << "\n" << out;
+    }
     EXPECT_EQ(system((std::string(HALYARDCTL_BINARY) + " check-config " + kPath + " >/dev/null").c_str()), 1 << 8);
     unlink(kPath.c_str());
 }

@@ -1,21 +1,12 @@
 // Database objects: their names as directories, and what is made and removed.
-#include <gtest/gtest.h>
+#include "tests/unit/unitkit.h"
 
-#include <cstdlib>
-#include <cstring>
-#include <fstream>
-#include <string>
 #include <sys/mount.h>
-#include <sys/stat.h>
-#include <unistd.h>
-#include <vector>
 
 #include "config/dballoc.h"
 #include "config/dbname.h"
 #include "config/dbob.h"
 #include "config/dbtree.h"
-#include "tests/support/kvc.h"
-#include "tests/support/nsfixture.h"
 
 // Nothing is made or removed outside the database root, whatever the name;
 // objects are made 0775 whatever the umask; a delete goes depth first and

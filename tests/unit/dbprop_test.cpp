@@ -1,24 +1,12 @@
 // Property lists and the pid registration kept in one.
-#include <gtest/gtest.h>
-
-#include <csignal>
-#include <fcntl.h>
-#include <fstream>
-#include <sstream>
-#include <string>
-#include <sys/stat.h>
-#include <unistd.h>
-#include <vector>
+#include "tests/unit/unitkit.h"
 
 #include "config/dballoc.h"
 #include "config/dbob.h"
 #include "config/dbprop.h"
 #include "config/sflock.h"
 #include "shr/dbpid.h"
-#include "shr/logging.h"
 #include "shr/vzsignal.h"
-#include "tests/support/kvc.h"
-#include "tests/support/nsfixture.h"
 
 namespace {
 
@@ -28,10 +16,7 @@ const vz_kvc* own = own_name.get();
 
 std::string contents(const char* path = kFile)
 {
-    std::ifstream f(path, std::ios::binary);
-    std::ostringstream s;
-    s << f.rdbuf();
-    return f ? s.str() : "(missing)";
+    return access(path, F_OK) == 0 ? lab_read_file(path) : "(missing)";
 }
 
 void write_file(const std::string& bytes)
@@ -39,11 +24,12 @@ void write_file(const std::string& bytes)
     std::ofstream(kFile, std::ios::binary) << bytes;
 }
 
-std::string get(const char* name, int* rc)
+// The value, with the result when it is not 0.
+std::string get(const char* name)
 {
     char* v = nullptr;
-    *rc = vzdb_prop_get(own, name, &v);
-    std::string s = v != nullptr ? v : "(none)";
+    int rc = vzdb_prop_get(own, name, &v);
+    std::string s = (v != nullptr ? v : "(none)") + (rc != 0 ? " " + std::to_string(rc) : "");
     vzdb_strfree(v);
     return s;
 }
@@ -63,13 +49,12 @@ void count_alarm(int)
 
 TEST(DbProp, WritesReadsCountsAndRefusesWhatCouldNotBeReadBackAndReadsOddFilesWithinTheLineBuffer) {
     run_in_private_dirs([] {
-        int rc = -1;
         ASSERT_EQ(mkdir("/var/opt/KORRbase/rtdb", 0755), 0);
         EXPECT_EQ(vzdb_prop_put(own, "pid", "1"), 4);  // no object
         ASSERT_EQ(vzdb_ob_create(own), 0);
         ASSERT_EQ(vzdb_ob_setugm(own, 1234, 5678, 0775), 0);
         umask(077);
-        EXPECT_TRUE(get("pid", &rc) == "(none)" && contents() == "(missing)");  // reading creates nothing
+        EXPECT_EQ(get("pid") + contents(), "(none)(missing)");  // reading creates nothing
         ASSERT_EQ(vzdb_prop_put(own, "v", "a\\b\nc"), 0);
         EXPECT_EQ(contents(), "v a\\\\b\\\nc\n");
         struct stat st;
@@ -77,7 +62,7 @@ TEST(DbProp, WritesReadsCountsAndRefusesWhatCouldNotBeReadBackAndReadsOddFilesWi
         EXPECT_TRUE(st.st_mode == (S_IFREG | 0664) && st.st_uid == 1234 && st.st_gid == 5678);
         for (const char* v : {"", " lead and trail ", "\\", "x\\\n\\\ny"}) {
             ASSERT_EQ(vzdb_prop_put(own, "v", v), 0);
-            EXPECT_EQ(get("v", &rc), v);
+            EXPECT_EQ(get("v"), v);
         }
         // A change moves to the end; a batch deletes, then appends in order.
         write_file("a 1\nb 2\nc 3\nb 4\n");
@@ -143,9 +128,8 @@ TEST(DbLock, ALockHeldElsewhereEndsTheWaitWithCode9AndCountsAreNeverLost) {
         });
         char c;
         ASSERT_EQ(read(ready[0], &c, 1), 1);
-        int rc = -1;
         sf_locktimer = 0;
-        EXPECT_EQ(get("pid", &rc), "1");  // readers share
+        EXPECT_EQ(get("pid"), "1");  // readers share
         EXPECT_EQ(vzdb_prop_semadd(own, "pidlock", 1, 1), 9);
         sf_locktimer = 1;
         ASSERT_EQ(vz_signal(SIGALRM, count_alarm), 0);

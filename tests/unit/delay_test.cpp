@@ -1,24 +1,13 @@
-#include <gtest/gtest.h>
-
-#include <arpa/inet.h>
+#include "tests/unit/unitkit.h"
 
 #include "src/cust.h"
 #include "src/delay.h"
-#include "src/maininit.h"
-#include "src/namelogin.h"
-#include "tests/support/ndasim.h"
-#include "tests/support/nswire.h"
-#include "tests/unit/unitkit.h"
 
 // The agents are at 127.0.0.2 and 127.0.0.3; what the daemon sends is
 // recorded at the seam.
 namespace {
 
-using ndasim::addr_list;
-using ndasim::cat;
-using ndasim::header;
-using ndasim::int_item;
-using ndasim::name_item;
+using namespace ndasim;
 
 const Bytes SERVER = ns_name("SERVER");
 

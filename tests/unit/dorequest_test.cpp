@@ -1,30 +1,14 @@
-#include <gtest/gtest.h>
-
-#include <arpa/inet.h>
-#include <cstring>
-#include <fcntl.h>
-#include <string>
-#include <unistd.h>
-#include <vector>
-
-#include "shr/uniinet.h"
-#include "src/dorequest.h"
-#include "src/enstable.h"
-#include "src/maininit.h"
-#include "src/namelogin.h"
-#include "src/notifier.h"
-#include "src/ntable.h"
-#include "src/query.h"
-#include "tests/support/nswire.h"
 #include "tests/unit/unitkit.h"
+
+#include "src/dorequest.h"
+#include "src/notifier.h"
+#include "src/query.h"
 
 namespace {
 
 int32_t word(const Bytes& d, size_t off)
 {
-    int32_t v = 0;
-    memcpy(&v, d.data() + off, 4);
-    return v;
+    return int32_t(d[off] | d[off + 1] << 8 | d[off + 2] << 16 | uint32_t(d[off + 3]) << 24);
 }
 
 Bytes with_flags(const char* name, uint32_t flags)
@@ -63,10 +47,8 @@ protected:
     }
     void send(uint32_t op, uint32_t xid, const Bytes& d = {})
     {
-        ns_hdr h{{}, int32_t(d.size()), xid, op, 0};
-        memcpy(h.magic, NS_MAGIC, sizeof h.magic);
-        ASSERT_EQ(write(to_daemon, &h, sizeof h), ssize_t(sizeof h));
-        ASSERT_EQ(write(to_daemon, d.data(), d.size()), ssize_t(d.size()));
+        Bytes m = ns_message(op, xid, int32_t(d.size()), d);
+        ASSERT_EQ(write(to_daemon, m.data(), m.size()), ssize_t(m.size()));
     }
     // Every response waiting, as "op xid len more status" (status 0 for
     // none and for the scope text); their data in `data`.
@@ -174,6 +156,18 @@ TEST_F(Requests, LookupsAnswerAtOnceFromOurTablesOrTheNetworkOrAfterFiveSeconds)
             EXPECT_EQ(word(data[0], 68), c.flags ? 1 : 0);
         }
     }
+    // A status answer is for the status request of its sender only.
+    UniAddr other;
+    iantoua(&other, inet_addr("10.88.0.9"), -1);
+    Bytes ask = ns_name("*", 0);
+    ask.insert(ask.end(), reinterpret_cast<uint8_t*>(&other), reinterpret_cast<uint8_t*>(&other + 1));
+    send(NS_ADAPSTAT, 6, ask);
+    do_request(SIGINT);
+    Bytes stat = ns_status_answer(1, ns_name("*", 0), {{ns_name("FAR"), 0x0400}});
+    npkt rec{};
+    ASSERT_EQ(decode_npack(&rec, stat.data(), int(stat.size())), int(stat.size()));
+    iantoua(&rec.addr, inet_addr("10.88.0.7"), 137);
+    check_adapstat(&rec);
     tick(2);
     EXPECT_TRUE(responses().empty());
     tick(1);

@@ -1,14 +1,6 @@
-#include <gtest/gtest.h>
-
-#include <arpa/inet.h>
+#include "tests/unit/unitkit.h"
 
 #include "src/ens.h"
-#include "src/enstable.h"
-#include "src/maininit.h"
-#include "src/namelogin.h"
-#include "tests/support/ndasim.h"
-#include "tests/support/nswire.h"
-#include "tests/unit/unitkit.h"
 
 // Every 300 seconds a host heard of more than 20 minutes ago is asked for
 // its status, a new name each time; at the fourth it is purged at the

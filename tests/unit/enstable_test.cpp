@@ -1,9 +1,4 @@
-#include <gtest/gtest.h>
-
-#include <arpa/inet.h>
-
-#include "src/enstable.h"
-#include "tests/support/nswire.h"
+#include "tests/unit/unitkit.h"
 
 namespace {
 

@@ -1,15 +1,8 @@
 // The operator log's texts: the site's message file, read once here for its
 // format, and the rule that a site text must fit its message's arguments.
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <fstream>
-#include <sstream>
-#include <string>
+#include "tests/unit/unitkit.h"
 
 #include "shr/logcatmsg.h"
-#include "shr/logging.h"
-#include "tests/support/nsfixture.h"
 
 TEST(MsgGet, FindsTheNumberInsideItsSetOnly) {
     const std::string lines = "$set 9\n203 \"set nine\"\n$set 10\n$ comment\n198 \"a \"b\" c\"\n203 plain text\n"
@@ -42,9 +35,7 @@ TEST(LogCatmsg, SiteTextsReplaceDefaultsOnlyWhenTheyFitTheirArguments) {
         log_catmsg(LOG_SET, 174, "%s: n", "Halyard");
         log_catmsg(LOG_SET, 175, "%s %s", "a", "b");
         close_log();
-        std::ostringstream read;
-        read << std::ifstream("/opt/log.nb").rdbuf();
-        const std::string log = read.str();
+        const std::string log = lab_read_file("/opt/log.nb");
         ASSERT_EQ(log.find("\r\n"), 24u) << log;  // "Thu Nov 23 09:05:07 2026"
         EXPECT_EQ(log.substr(26), "\tDienste 2.0 LX!A\r\n"
                                   "\tHalyard: error in config file at line 5\r\n"

@@ -1,14 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <arpa/inet.h>
-
-#include <string>
-#include <sys/stat.h>
-#include <tuple>
-#include <unistd.h>
-#include <vector>
-
-#include "src/namelogin.h"
 #include "tests/unit/unitkit.h"
 
 namespace {

@@ -2,15 +2,9 @@
 // must refuse. The serving of the requests is covered end to end
 // (tests/e2e/nda_test.cpp) with the real agent.
 
-#include <gtest/gtest.h>
-
-#include <arpa/inet.h>
-
-#include <string>
-#include <vector>
+#include "tests/unit/unitkit.h"
 
 #include "nda/ndareq.h"
-#include "tests/support/ndasim.h"
 
 namespace {
 
@@ -23,15 +17,11 @@ TEST(NdaRequest, ReadsWhatTheDaemonSendsAndRefusesTheRest)
     NdaRequest r;
     Bytes full = cat({header(7, ndasim::add), name_item(TEAM), int_item(1), addr_list({"10.1.0.2", "10.1.0.3"})});
     ASSERT_EQ(nda_read_request(full.data(), int(full.size()), &r), 0);
-    EXPECT_EQ(r.id, 7u);
-    EXPECT_EQ(r.flags, 1);
-    EXPECT_EQ(r.addr_ct, 2);
-    EXPECT_EQ(r.addrs[1], inet_addr("10.1.0.3"));
+    EXPECT_TRUE(r.id == 7u && r.flags == 1 && r.addr_ct == 2 && r.addrs[1] == inet_addr("10.1.0.3"));
     // Every cut of it: no header below 20 bytes, else a body cut short.
-    for (size_t n = 0; n < full.size(); n++) {
-        SCOPED_TRACE("cut to " + std::to_string(n));
-        EXPECT_EQ(nda_read_request(full.data(), int(n), &r), n < 20 ? NDA_BADHDR : NDA_BADBODY);
-    }
+    each_cut(full, full.size() - 1, [&r](const uint8_t* cut, int n) {
+        EXPECT_EQ(nda_read_request(cut, n, &r), n < 20 ? NDA_BADHDR : NDA_BADBODY);
+    });
     std::vector<std::string> many(25, "10.1.0.9");
     many[19] = "10.1.0.20";
     const struct { const char* why; Bytes bytes; int want, addr_ct; } cases[] = {

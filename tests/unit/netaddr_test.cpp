@@ -1,10 +1,7 @@
 // The classful rules used where the system knows no mask or broadcast
 // address (the system's own answers are driven end to end).
-#include <gtest/gtest.h>
+#include "tests/unit/unitkit.h"
 
-#include <arpa/inet.h>
-
-#include "src/namelogin.h"
 #include "src/netaddr.h"
 
 TEST(ClassfulRules, MaskAndNetworkFollowTheFirstOctetAndTheBroadcastThePattern)

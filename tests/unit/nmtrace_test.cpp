@@ -1,13 +1,6 @@
 // The trace options the daemon takes beside its own (the banner, the levels,
 // the file name and the warnings are driven end to end).
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <string>
-#include <unistd.h>
-#include <vector>
-
-#include "nmtrace.h"
+#include "tests/unit/unitkit.h"
 
 TEST(Trace, TakesItsOptionsBesideTheCallersAndRefusesACallersZ) {
     char dir[] = "/tmp/halyard-trc-XXXXXX";

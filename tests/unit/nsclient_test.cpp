@@ -2,11 +2,8 @@
 // and answers through the relay are driven end to end.
 #include "client/nsclient.h"
 
-#include <gtest/gtest.h>
+#include "tests/unit/unitkit.h"
 
-#include <cstdlib>
-#include <cstring>
-#include <string>
 #include <sys/wait.h>
 
 TEST(NameText, ParsesAndPrints) {

@@ -1,39 +1,17 @@
 // The framer of client messages, fed each stream whole and byte by byte.
-#include "src/nsmsg.h"
-
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <string>
-#include <vector>
+#include "tests/unit/unitkit.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
 Bytes msg(uint32_t xid, int32_t len, const Bytes& data = {})
 {
-    ns_hdr h{{}, len, xid, NS_LOOKUP, 0};
-    memcpy(h.magic, NS_MAGIC, sizeof h.magic);
-    Bytes b(reinterpret_cast<uint8_t*>(&h), reinterpret_cast<uint8_t*>(&h + 1));
-    b.insert(b.end(), data.begin(), data.end());
+    Bytes b = ns_message(NS_LOOKUP, xid, len, data);
     if (len >= 0 && data.empty())
         b.resize(NS_HDRSIZE + size_t(len), 'd');
     return b;
 }
 
-Bytes cat(std::initializer_list<Bytes> parts)
-{
-    Bytes out;
-    for (const Bytes& p : parts)
-        out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
-
-Bytes first(const Bytes& b, size_t n)
-{
-    return Bytes(b.begin(), b.begin() + long(n));
-}
+Bytes first(const Bytes& b, size_t n) { return Bytes(b.begin(), b.begin() + long(n)); }
 
 // A reader's view: the xids of the whole messages, the bytes skipped, and
 // what waits for more. `step` bytes arrive at a time.
@@ -63,18 +41,18 @@ std::string frames(const Bytes& stream, int limit, size_t step)
 TEST(Framer, WholeSplitGarbageMagicInDataOversize)
 {
     const struct { const char* why; Bytes stream; int limit; const char* want; } cases[] = {
-        {"whole, then one without data", cat({msg(1, 16), msg(2, 0)}), NS_MAXDATA, "1 2 skipped 0 waiting 0"},
+        {"whole, then one without data", ndasim::cat({msg(1, 16), msg(2, 0)}), NS_MAXDATA, "1 2 skipped 0 waiting 0"},
         {"garbage with a stray first magic byte, then a message",
-         cat({{'x', 0xCA, 0x71, 'y', 0xCA}, msg(1, 4)}), NS_MAXDATA, "1 skipped 5 waiting 0"},
-        {"a whole forged message inside the data", msg(1, 60, cat({msg(9, 16), Bytes(20, 0)})), NS_MAXDATA,
+         ndasim::cat({{'x', 0xCA, 0x71, 'y', 0xCA}, msg(1, 4)}), NS_MAXDATA, "1 skipped 5 waiting 0"},
+        {"a whole forged message inside the data", msg(1, 60, ndasim::cat({msg(9, 16), Bytes(20, 0)})), NS_MAXDATA,
          "1 skipped 0 waiting 0"},
         {"the largest data", msg(1, NS_MAXDATA), NS_MAXDATA, "1 skipped 0 waiting 0"},
         {"data above the most: header skipped, the search finds the next",
-         cat({msg(1, NS_MAXDATA + 1, Bytes(30, 'z')), msg(2, 8)}), NS_MAXDATA, "2 skipped 54 waiting 0"},
-        {"a negative len", cat({msg(1, -1), msg(2, 0)}), NS_MAXDATA, "2 skipped 24 waiting 0"},
-        {"above the caller's limit", cat({msg(1, 81), msg(2, 80)}), 80, "2 skipped 105 waiting 0"},
-        {"a message cut short waits", cat({msg(1, 4), first(msg(2, 40), 63)}), NS_MAXDATA, "1 skipped 0 waiting 63"},
-        {"a magic cut short waits", cat({msg(1, 0), first(msg(2, 0), 5)}), NS_MAXDATA, "1 skipped 0 waiting 5"},
+         ndasim::cat({msg(1, NS_MAXDATA + 1, Bytes(30, 'z')), msg(2, 8)}), NS_MAXDATA, "2 skipped 54 waiting 0"},
+        {"a negative len", ndasim::cat({msg(1, -1), msg(2, 0)}), NS_MAXDATA, "2 skipped 24 waiting 0"},
+        {"above the caller's limit", ndasim::cat({msg(1, 81), msg(2, 80)}), 80, "2 skipped 105 waiting 0"},
+        {"a message cut short waits", ndasim::cat({msg(1, 4), first(msg(2, 40), 63)}), NS_MAXDATA, "1 skipped 0 waiting 63"},
+        {"a magic cut short waits", ndasim::cat({msg(1, 0), first(msg(2, 0), 5)}), NS_MAXDATA, "1 skipped 0 waiting 5"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.why);

@@ -1,12 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
-
-#include "src/namelogin.h"
-#include "src/ntable.h"
-#include "tests/support/nswire.h"
 #include "tests/unit/unitkit.h"
 
 namespace {

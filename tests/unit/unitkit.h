@@ -1,23 +1,44 @@
 #pragma once
 
-// What the module tests share: the timers' hand-moved clock, the datagrams
-// sent, the trace read back, and the operator log of one call.
+// What the module tests share: the headers most of them use, the timers'
+// hand-moved clock, the datagrams sent, the trace read back, and the
+// operator log of one call.
 
-#include <unistd.h>
-
-#include <cstdio>
-#include <ctime>
-#include <functional>
-#include <string>
-#include <vector>
+#include <gtest/gtest.h>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <tuple>
+#include <vector>
 
 #include "nmtrace.h"
 #include "shr/dgsend.h"
-#include "shr/uniinet.h"
 #include "shr/logging.h"
+#include "shr/uniinet.h"
+#include "src/enstable.h"
+#include "src/getnpack.h"
+#include "src/maininit.h"
+#include "src/namelogin.h"
+#include "src/nsmsg.h"
+#include "src/ntable.h"
+#include "tests/support/kvc.h"
 #include "tests/support/lab.h"
+#include "tests/support/ndasim.h"
+#include "tests/support/nsfixture.h"
 #include "tests/support/nswire.h"
 
 inline time_t fake_now = 1000;
@@ -50,6 +71,48 @@ inline std::vector<Bytes> sent_to(DgWay way, const char* addr, int port)
         return hit;
     });
     return out;
+}
+
+// RFC 1002 4.2.2: a request for NAME, the question then a record pointing at
+// it, with the NB flags' high byte and the address; TTL 0.
+inline Bytes ns_request(uint16_t id, uint8_t b2, const char* name, uint8_t nbflags_hi, const char* addr,
+                        const Bytes& labels = {0})
+{
+    Bytes rest{0, 0x20, 0, 1, 0xC0, 0x0C, 0, 0x20, 0, 1, 0, 0, 0, 0, 0, 6, nbflags_hi, 0};
+    Bytes a = ip_bytes(addr);
+    rest.insert(rest.end(), a.begin(), a.end());
+    return ns_packet(id, b2, 0x10, {1, 0, 0, 1}, ns_name(name), labels, rest);
+}
+// What we answer with: the id as it came, the answer record only, TTL 0.
+inline Bytes ns_answer(uint8_t b2, uint8_t b3, const char* name, uint8_t nbflags_hi, const char* addr,
+                       const Bytes& labels = {0})
+{
+    Bytes rest{0, 0x20, 0, 1, 0, 0, 0, 0, 0, 6, nbflags_hi, 0};
+    Bytes a = ip_bytes(addr);
+    rest.insert(rest.end(), a.begin(), a.end());
+    return ns_packet(0x1234, b2, b3, {0, 1, 0, 0}, ns_name(name), labels, rest);
+}
+
+// f on each cut of full to 0 .. last bytes, each in a buffer of exactly its
+// size, so that the sanitized build sees any read past it.
+inline void each_cut(const Bytes& full, size_t last, const std::function<void(const uint8_t*, int)>& f)
+{
+    for (size_t len = 0; len <= last; len++) {
+        SCOPED_TRACE("cut to " + std::to_string(len));
+        Bytes cut(full.begin(), full.begin() + long(len));
+        cut.shrink_to_fit();
+        f(cut.data(), int(len));
+    }
+}
+
+// A client message: the header, then data.
+inline Bytes ns_message(uint32_t op, uint32_t xid, int32_t len, const Bytes& data = {})
+{
+    ns_hdr h{{}, len, xid, op, 0};
+    memcpy(h.magic, NS_MAGIC, sizeof h.magic);
+    Bytes b(reinterpret_cast<uint8_t*>(&h), reinterpret_cast<uint8_t*>(&h + 1));
+    b.insert(b.end(), data.begin(), data.end());
+    return b;
 }
 
 // The trace written since the last call (tcfile a temporary file); it starts over.

@@ -1,15 +1,7 @@
-#include <gtest/gtest.h>
-
-#include <arpa/inet.h>
-#include <string>
+#include "tests/unit/unitkit.h"
 
 #include "src/dorequest.h"
-#include "src/maininit.h"
-#include "src/namelogin.h"
-#include "src/ntable.h"
 #include "src/wins.h"
-#include "tests/support/nswire.h"
-#include "tests/unit/unitkit.h"
 
 namespace {
 
