@@ -607,8 +607,3 @@ int nda_pending()
 {
     return int(pending.size());
 }
-
-uint64_t nda_refused()
-{
-    return refused_ct;
-}
