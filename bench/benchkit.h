@@ -5,6 +5,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/resource.h>
 #include <time.h>
@@ -26,6 +27,15 @@ inline int64_t now_ns()
     timespec ts{};
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return int64_t(ts.tv_sec) * NS_PER_S + ts.tv_nsec;
+}
+
+// Sleeps until fd has a datagram to read or wait_ns has passed.
+inline void wait_readable(int fd, int64_t wait_ns)
+{
+    wait_ns = wait_ns > 0 ? wait_ns : 0;
+    timespec ts{time_t(wait_ns / NS_PER_S), long(wait_ns % NS_PER_S)};
+    pollfd p{fd, POLLIN, 0};
+    ppoll(&p, 1, &ts, nullptr);
 }
 
 // The generator's own CPU seconds, so a reader sees how much room it had.

@@ -299,10 +299,7 @@ int Generator::run()
             continue;
         // Nothing waiting and no room to send: sleep until an answer comes
         // or the next scan for lost requests.
-        int64_t wait = std::max<int64_t>(next_scan - now, 0);
-        timespec ts{time_t(wait / NS_PER_S), long(wait % NS_PER_S)};
-        pollfd p{fd_, POLLIN, 0};
-        ppoll(&p, 1, &ts, nullptr);
+        wait_readable(fd_, next_scan - now);
     }
     expire(INT64_MAX);   // past the hard cap: whatever is left is lost
     int64_t end = std::max(stopped != 0 ? stopped : now_ns(), last_answer);
