@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <new>
@@ -10,6 +11,7 @@
 #include "misc/nencode.h"
 #include "nmtrace.h"
 #include "shr/logging.h"
+#include "shr/uniconv.h"
 #include "src/claim.h"
 #include "src/maininit.h"
 #include "src/namelogin.h"
@@ -189,13 +191,15 @@ void nt_lost(const uint8_t* name, const char* owner, NtLoss by)
         {"wins_recv", "name refused", "server", ST_CONFLICTS_WINS},
     };
     const Loss& l = losses[size_t(by)];
-    // nm_printable keeps its text in a buffer of its own, apart from owner's.
+    // nm_printable formats through uni_ntoa's buffer, which owner may be.
+    char owner_text[UNI_TEXTSIZE];
+    snprintf(owner_text, sizeof owner_text, "%s", owner);
     const char* text = nm_printable(name);
-    TRACE(proc, 1, "%s: %s: %s, %s %s\n", l.step, l.what, text, l.owner_is, owner);
+    TRACE(proc, 1, "%s: %s: %s, %s %s\n", l.step, l.what, text, l.owner_is, owner_text);
     stat_inc(l.counter);
     log_new();
     log_catmsg(LOG_SET, MSG_NAME_EXISTS, "Halyard: name already exists on network: %s", text);
-    log_catmsg(LOG_SET, MSG_AT_ADDRESS, "        at address %s", owner);
+    log_catmsg(LOG_SET, MSG_AT_ADDRESS, "        at address %s", owner_text);
     nt_del(name);
 }
 
