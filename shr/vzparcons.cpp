@@ -51,11 +51,8 @@ void prel_init()
 {
     free(rd.saved);
     rd = Prel{};
-    rd.saved = static_cast<char*>(malloc(kSavedStart));
-    if (rd.saved != nullptr) {
-        rd.saved_cap = kSavedStart;
+    if (grow(&rd.saved, &rd.saved_cap, 1, kSavedStart, VZ_PAR_MAXLINE + 1))
         rd.saved[0] = '\0';
-    }
 }
 
 void prel_fini()
@@ -187,11 +184,8 @@ void scan_init()
 {
     free(sc.text);
     sc = Scan{};
-    sc.text = static_cast<char*>(malloc(kTokStart));
-    if (sc.text != nullptr) {
-        sc.cap = kTokStart;
+    if (grow(&sc.text, &sc.cap, 1, kTokStart, VZ_PAR_MAXLINE + 1))
         sc.text[0] = '\0';
-    }
     prel_init();
 }
 
