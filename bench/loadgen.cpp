@@ -25,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/benchkit.h"
 #include "client/nsclient.h"
 #include "misc/nencode.h"
 #include "shr/reader.h"
@@ -42,7 +43,6 @@ constexpr size_t RESP_ROOM = 2048;     // a node status answer fits in 1500
 constexpr uint16_t QTYPE_NB = 0x0020;
 constexpr uint16_t QTYPE_NBSTAT = 0x0021;
 constexpr uint16_t QCLASS_IN = 0x0001;
-constexpr int64_t NS_PER_S = 1000000000;
 
 // Latency histogram: 100 ns steps below 10 ms, then 10 us steps up to 10 s;
 // anything slower lands in the last bucket.
@@ -95,13 +95,6 @@ struct Counts {
           "         [--count N] [--timeout MS]\n",
           stderr);
     exit(EXIT_USAGE);
-}
-
-int64_t now_ns()
-{
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return int64_t(ts.tv_sec) * NS_PER_S + ts.tv_nsec;
 }
 
 // A decimal number within [lo, hi], or -1.
@@ -263,9 +256,9 @@ bool same_name(std::span<const uint8_t> got, const Request& r)
 class Generator {
 public:
     Generator(const Options& o, std::vector<Request> reqs)
-        : o_(o), reqs_(std::move(reqs)), slots_(65536), hist_(HIST_BUCKETS)
+        : o_(o), reqs_(std::move(reqs)), hist_(HIST_BUCKETS)
     {
-        outstanding_.reserve(size_t(o.window));
+        fl_.busy.reserve(size_t(o.window));
     }
 
     int open_socket();
@@ -275,14 +268,12 @@ public:
 private:
     int send_batch(int64_t now, int n);
     void take_response(int64_t now, std::span<const uint8_t> d);
-    void free_slot(uint16_t id);
     void expire(int64_t now);
     double percentile_us(double p) const;
 
     const Options& o_;
     std::vector<Request> reqs_;
-    std::vector<Slot> slots_;
-    std::vector<uint16_t> outstanding_;   // ids of busy slots
+    InFlight<Slot> fl_;
     std::vector<uint32_t> hist_;
     int64_t samples_ = 0;
     Counts c_;
@@ -293,7 +284,7 @@ private:
     double cpu_ = 0;
 
     std::array<std::array<uint8_t, REQ_ROOM>, BATCH> sbuf_{};
-    std::array<std::array<uint8_t, RESP_ROOM>, BATCH> rbuf_{};
+    RecvBatch<RESP_ROOM, BATCH> rb_;
 };
 
 int Generator::open_socket()
@@ -321,7 +312,7 @@ int Generator::send_batch(int64_t now, int n)
     std::array<uint16_t, BATCH> ids{};
     for (int i = 0; i < n; i++) {
         // At most window ids are busy, so a free one is near.
-        while (slots_[next_id_].busy)
+        while (fl_.slots[next_id_].busy)
             next_id_++;
         const Request& r = reqs_[next_req_];
         memcpy(sbuf_[i].data(), r.bytes.data(), r.size);
@@ -332,7 +323,7 @@ int Generator::send_batch(int64_t now, int n)
         msgs[i].msg_hdr.msg_namelen = sizeof o_.target;
         msgs[i].msg_hdr.msg_iov = &iov[i];
         msgs[i].msg_hdr.msg_iovlen = 1;
-        Slot& s = slots_[next_id_];
+        Slot& s = fl_.slots[next_id_];
         s = Slot{true, uint16_t(next_req_), 0, now};
         ids[i] = next_id_;
         next_id_++;
@@ -341,27 +332,9 @@ int Generator::send_batch(int64_t now, int n)
     int sent = sendmmsg(fd_, msgs.data(), unsigned(n), 0);
     if (sent < 0)
         sent = 0;   // a full socket buffer: those go again later
-    for (int i = 0; i < n; i++) {
-        Slot& s = slots_[ids[i]];
-        if (i < sent) {
-            s.pos = uint16_t(outstanding_.size());
-            outstanding_.push_back(ids[i]);
-        } else {
-            s.busy = false;
-        }
-    }
+    fl_.settle(std::span<const uint16_t>(ids.data(), size_t(n)), sent);
     c_.requests += sent;
     return sent;
-}
-
-void Generator::free_slot(uint16_t id)
-{
-    Slot& s = slots_[id];
-    uint16_t last = outstanding_.back();
-    outstanding_[s.pos] = last;
-    slots_[last].pos = s.pos;
-    outstanding_.pop_back();
-    s.busy = false;
 }
 
 // RFC 1002 4.2.13 / 4.2.14 / 4.2.18: a response carries the request's id
@@ -376,18 +349,18 @@ void Generator::take_response(int64_t now, std::span<const uint8_t> d)
     r.skip(2);   // QDCOUNT
     uint16_t ancount = r.u16be();
     r.skip(4);   // NSCOUNT, ARCOUNT
-    if (!r.ok() || !(b2 & 0x80) || !slots_[id].busy) {
+    if (!r.ok() || !(b2 & 0x80) || !fl_.slots[id].busy) {
         c_.other++;
         return;
     }
-    const Request& req = reqs_[slots_[id].req];
+    const Request& req = reqs_[fl_.slots[id].req];
     auto name = r.bytes(req.name_len);
     if (!r.ok() || !same_name(name, req)) {
         c_.other++;
         return;
     }
-    int64_t lat = now - slots_[id].sent;
-    free_slot(id);
+    int64_t lat = now - fl_.slots[id].sent;
+    fl_.free(id);
     c_.answered++;
     if ((b3 & 0x0F) == 0 && ancount >= 1)
         c_.positive++;
@@ -404,10 +377,10 @@ void Generator::take_response(int64_t now, std::span<const uint8_t> d)
 void Generator::expire(int64_t now)
 {
     int64_t limit = now - int64_t(o_.timeout) * 1000000;
-    for (size_t i = 0; i < outstanding_.size();) {
-        uint16_t id = outstanding_[i];
-        if (slots_[id].sent <= limit) {
-            free_slot(id);   // moves the last id into place i
+    for (size_t i = 0; i < fl_.busy.size();) {
+        uint16_t id = fl_.busy[i];
+        if (fl_.slots[id].sent <= limit) {
+            fl_.free(id);   // moves the last id into place i
             c_.lost++;
         } else {
             i++;
@@ -423,36 +396,28 @@ int Generator::run()
     // Whatever the peer does, the run ends here.
     const int64_t hard_cap = stop_at + timeout_ns + 5 * NS_PER_S;
     int64_t stopped = 0, last_answer = start, next_scan = start;
-    std::array<mmsghdr, BATCH> msgs{};
-    std::array<iovec, BATCH> iov{};
     for (;;) {
         int64_t now = now_ns();
         if (stopped == 0 && (now >= stop_at || (o_.count > 0 && c_.requests >= o_.count)))
             stopped = now;
-        if ((stopped != 0 && outstanding_.empty()) || now >= hard_cap)
+        if ((stopped != 0 && fl_.busy.empty()) || now >= hard_cap)
             break;
         if (now >= next_scan) {
             expire(now);
             next_scan = now + std::min<int64_t>(timeout_ns / 4, 1000000);
         }
         if (stopped == 0) {
-            int64_t room = int64_t(o_.window) - int64_t(outstanding_.size());
+            int64_t room = int64_t(o_.window) - int64_t(fl_.busy.size());
             if (o_.count > 0)
                 room = std::min(room, o_.count - c_.requests);
             if (room > 0)
                 send_batch(now, int(std::min<int64_t>(room, BATCH)));
         }
-        for (int i = 0; i < BATCH; i++) {
-            iov[i] = {rbuf_[i].data(), rbuf_[i].size()};
-            msgs[i].msg_hdr = msghdr{};
-            msgs[i].msg_hdr.msg_iov = &iov[i];
-            msgs[i].msg_hdr.msg_iovlen = 1;
-        }
-        int got = recvmmsg(fd_, msgs.data(), BATCH, MSG_DONTWAIT, nullptr);
+        int got = rb_.recv(fd_);
         if (got > 0) {
             now = now_ns();
             for (int i = 0; i < got; i++)
-                take_response(now, std::span<const uint8_t>(rbuf_[i].data(), msgs[i].msg_len));
+                take_response(now, rb_.at(size_t(i)));
             last_answer = now;
             continue;
         }
@@ -463,22 +428,16 @@ int Generator::run()
         }
         // Nothing waiting: sleep until an answer comes or the next scan for
         // lost requests, unless there is room to send more.
-        bool can_send = stopped == 0 && int(outstanding_.size()) < o_.window &&
+        bool can_send = stopped == 0 && int(fl_.busy.size()) < o_.window &&
                         (o_.count == 0 || c_.requests < o_.count);
         if (can_send)
             continue;
-        int64_t wait = std::max<int64_t>(next_scan - now, 0);
-        timespec ts{time_t(wait / NS_PER_S), long(wait % NS_PER_S)};
-        pollfd p{fd_, POLLIN, 0};
-        ppoll(&p, 1, &ts, nullptr);
+        wait_readable(fd_, next_scan - now);
     }
     expire(INT64_MAX);   // past the hard cap: whatever is left is lost
     int64_t end = std::max(stopped != 0 ? stopped : now_ns(), last_answer);
     seconds_ = double(end - start) / double(NS_PER_S);
-    rusage ru{};
-    getrusage(RUSAGE_SELF, &ru);
-    cpu_ = double(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) +
-           double(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
+    cpu_ = cpu_seconds();
     return 0;
 }
 

@@ -25,11 +25,12 @@
 #include <string>
 #include <vector>
 
+#include "bench/benchkit.h"
+
 namespace {
 
 constexpr int MAX_WINDOW = 4096;  // the slot is the id's low 12 bits
 constexpr int BATCH = 64;
-constexpr int64_t NS_PER_S = 1000000000;
 constexpr uint32_t ENS_VERSION = 0x00010001;
 constexpr uint32_t ENS_RESPONSE = 0x80000000u;
 constexpr uint32_t ENS_QUERY = 1, ENS_ADD = 3;
@@ -62,74 +63,23 @@ struct Slot {
     exit(2);
 }
 
-int64_t now_ns()
-{
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return int64_t(ts.tv_sec) * NS_PER_S + ts.tv_nsec;
-}
-
-int64_t number(const char* opt, const char* text, int64_t lo, int64_t hi)
-{
-    char* end = nullptr;
-    errno = 0;
-    long long v = strtoll(text, &end, 10);
-    if (errno != 0 || end == text || *end != '\0' || v < lo || v > hi) {
-        char why[96];
-        snprintf(why, sizeof why, "%s %s: %lld to %lld", opt, text, static_cast<long long>(lo),
-                 static_cast<long long>(hi));
-        usage(why);
-    }
-    return v;
-}
-
 Options parse(int argc, char** argv)
 {
     Options o;
-    bool target = false, mode = false;
-    for (int i = 1; i < argc; i++) {
-        std::string opt = argv[i];
-        if (i + 1 >= argc)
-            usage("every option takes a value");
-        const char* v = argv[++i];
-        if (opt == "--target") {
-            std::string host = v;
-            int port = 227;
-            size_t colon = host.find(':');
-            if (colon != std::string::npos) {
-                port = int(number("--target", host.c_str() + colon + 1, 1, 65535));
-                host.resize(colon);
-            }
-            o.target.sin_family = AF_INET;
-            o.target.sin_port = htons(uint16_t(port));
-            if (inet_pton(AF_INET, host.c_str(), &o.target.sin_addr) != 1)
-                usage("--target wants ADDR[:PORT]");
-            target = true;
-        } else if (opt == "--mode") {
+    bool mode = false;
+    bool target = load_options(o, argc, argv, 227, MAX_WINDOW, usage, [&](const std::string& opt, const char* v) {
+        if (opt == "--mode") {
             if (strcmp(v, "query") != 0 && strcmp(v, "add") != 0)
                 usage("--mode query or add");
             o.add = strcmp(v, "add") == 0;
             mode = true;
-        } else if (opt == "--prefix") {
-            if (strlen(v) < 1 || strlen(v) > 6)
-                usage("--prefix: 1 to 6 characters");
-            o.prefix = v;
-        } else if (opt == "--names") {
-            o.names = number("--names", v, 1, 1000000);
-        } else if (opt == "--window") {
-            o.window = int(number("--window", v, 1, MAX_WINDOW));
-        } else if (opt == "--duration") {
-            o.duration = int(number("--duration", v, 1, 3600));
-        } else if (opt == "--count") {
-            o.count = number("--count", v, 1, int64_t(1) << 40);
-        } else if (opt == "--timeout") {
-            o.timeout = int(number("--timeout", v, 1, 60000));
         } else if (opt == "--net") {
-            o.net = uint32_t(number("--net", v, 1, 254));
+            o.net = uint32_t(number("--net", v, 1, 254, usage));
         } else {
-            usage(("unknown option " + opt).c_str());
+            return false;
         }
-    }
+        return true;
+    });
     if (!target || !mode)
         usage("--target and --mode are required");
     return o;
@@ -172,13 +122,6 @@ std::vector<uint8_t> request(const Options& o, int64_t k, uint32_t id)
     return b;
 }
 
-double cpu_s()
-{
-    rusage ru{};
-    getrusage(RUSAGE_SELF, &ru);
-    return double(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) + double(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
-}
-
 }  // namespace
 
 int main(int argc, char** argv)
@@ -199,7 +142,7 @@ int main(int argc, char** argv)
     std::vector<int64_t> latency;
     int64_t sent = 0, answered = 0, positive = 0, lost = 0;
     uint32_t seq = 0;
-    double cpu0 = cpu_s();
+    double cpu0 = cpu_seconds();
     int64_t start = now_ns(), end = start + int64_t(o.duration) * NS_PER_S;
     int64_t timeout_ns = int64_t(o.timeout) * 1000000;
     int64_t next_sweep = start + timeout_ns;
@@ -267,6 +210,6 @@ int main(int argc, char** argv)
            "p99_us=%.1f cpu_s=%.3f\n",
            o.add ? "add" : "query", static_cast<long long>(sent), static_cast<long long>(answered),
            static_cast<long long>(positive), static_cast<long long>(lost), secs, double(answered) / secs, pct(0.5),
-           pct(0.99), cpu_s() - cpu0);
+           pct(0.99), cpu_seconds() - cpu0);
     return 0;
 }

@@ -31,6 +31,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/benchkit.h"
 #include "misc/nencode.h"
 #include "shr/reader.h"
 
@@ -41,7 +42,6 @@ constexpr int BATCH = 64;              // datagrams per sendmmsg / recvmmsg
 constexpr size_t REQ_ROOM = 128;       // header, name, question, one record
 constexpr size_t RESP_ROOM = 1500;
 constexpr size_t WIRE_NAME = 34;       // length 32, the letters, the root label
-constexpr int64_t NS_PER_S = 1000000000;
 constexpr uint8_t OP_QUERY = 0, OP_REGISTER = 5, OP_WACK = 7;
 constexpr uint16_t NB = 0x0020, IN = 0x0001;
 constexpr uint16_t P_NODE = 0x2000;    // NB_FLAGS: unique, ONT P
@@ -76,72 +76,21 @@ struct Slot {
     exit(2);
 }
 
-int64_t now_ns()
-{
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return int64_t(ts.tv_sec) * NS_PER_S + ts.tv_nsec;
-}
-
-int64_t number(const char* opt, const char* text, int64_t lo, int64_t hi)
-{
-    char* end = nullptr;
-    errno = 0;
-    long long v = strtoll(text, &end, 10);
-    if (errno != 0 || end == text || *end != '\0' || v < lo || v > hi) {
-        char why[96];
-        snprintf(why, sizeof why, "%s %s: %lld to %lld", opt, text, static_cast<long long>(lo),
-                 static_cast<long long>(hi));
-        usage(why);
-    }
-    return v;
-}
-
 Options parse(int argc, char** argv)
 {
     Options o;
-    bool target = false, mode = false;
-    for (int i = 1; i < argc; i++) {
-        std::string opt = argv[i];
-        if (i + 1 >= argc)
-            usage("every option takes a value");
-        const char* v = argv[++i];
-        if (opt == "--target") {
-            std::string host = v;
-            int port = 137;
-            size_t colon = host.find(':');
-            if (colon != std::string::npos) {
-                port = int(number("--target", host.c_str() + colon + 1, 1, 65535));
-                host.resize(colon);
-            }
-            o.target.sin_family = AF_INET;
-            o.target.sin_port = htons(uint16_t(port));
-            if (inet_pton(AF_INET, host.c_str(), &o.target.sin_addr) != 1)
-                usage("--target wants ADDR[:PORT]");
-            target = true;
-        } else if (opt == "--mode") {
+    bool mode = false;
+    bool target = load_options(o, argc, argv, 137, MAX_WINDOW, usage, [&](const std::string& opt, const char* v) {
+        if (opt == "--mode") {
             if (strcmp(v, "query") != 0 && strcmp(v, "register") != 0)
                 usage("--mode query or register");
             o.reg = strcmp(v, "register") == 0;
             mode = true;
-        } else if (opt == "--prefix") {
-            if (strlen(v) < 1 || strlen(v) > 6)
-                usage("--prefix: 1 to 6 characters");
-            o.prefix = v;
-        } else if (opt == "--names") {
-            o.names = number("--names", v, 1, 1000000);
-        } else if (opt == "--window") {
-            o.window = int(number("--window", v, 1, MAX_WINDOW));
-        } else if (opt == "--duration") {
-            o.duration = int(number("--duration", v, 1, 3600));
-        } else if (opt == "--count") {
-            o.count = number("--count", v, 1, int64_t(1) << 40);
-        } else if (opt == "--timeout") {
-            o.timeout = int(number("--timeout", v, 1, 60000));
         } else {
-            usage(("unknown option " + opt).c_str());
+            return false;
         }
-    }
+        return true;
+    });
     if (!target || !mode)
         usage("--target and --mode are required");
     return o;
@@ -162,7 +111,7 @@ void wire_name(const Options& o, int64_t k, uint8_t* out)
 
 class Generator {
 public:
-    explicit Generator(const Options& o) : o_(o), slots_(65536) { outstanding_.reserve(size_t(o.window)); }
+    explicit Generator(const Options& o) : o_(o) { fl_.busy.reserve(size_t(o.window)); }
     int open_socket();
     int run();
     void print() const;
@@ -171,12 +120,10 @@ private:
     size_t build(int64_t k, uint16_t id, uint8_t* out) const;
     void send_batch(int64_t now, int n);
     void take_response(int64_t now, std::span<const uint8_t> d);
-    void free_slot(uint16_t id);
     void expire(int64_t now);
 
     const Options& o_;
-    std::vector<Slot> slots_;            // by transaction id
-    std::vector<uint16_t> outstanding_;  // ids of busy slots
+    InFlight<Slot> fl_;
     std::vector<int64_t> latency_;       // ns, of the positive answers
     uint32_t own_ = 0;                   // our source address, host order
     int fd_ = -1;
@@ -185,7 +132,7 @@ private:
     int64_t requests_ = 0, answered_ = 0, positive_ = 0, wacks_ = 0, other_ = 0, lost_ = 0;
     double seconds_ = 0, cpu_ = 0;
     std::array<std::array<uint8_t, REQ_ROOM>, BATCH> sbuf_{};
-    std::array<std::array<uint8_t, RESP_ROOM>, BATCH> rbuf_{};
+    RecvBatch<RESP_ROOM, BATCH> rb_;
 };
 
 int Generator::open_socket()
@@ -247,39 +194,21 @@ void Generator::send_batch(int64_t now, int n)
     std::array<uint16_t, BATCH> ids{};
     for (int i = 0; i < n; i++) {
         // At most window ids are busy, so a free one is near.
-        while (slots_[next_id_].busy)
+        while (fl_.slots[next_id_].busy)
             next_id_++;
         iov[i] = {sbuf_[size_t(i)].data(), build(next_k_, next_id_, sbuf_[size_t(i)].data())};
         msgs[size_t(i)].msg_hdr.msg_iov = &iov[size_t(i)];
         msgs[size_t(i)].msg_hdr.msg_iovlen = 1;
-        slots_[next_id_] = Slot{true, 0, next_k_, now, now + int64_t(o_.timeout) * 1000000};
+        fl_.slots[next_id_] = Slot{true, 0, next_k_, now, now + int64_t(o_.timeout) * 1000000};
         ids[size_t(i)] = next_id_++;
         next_k_++;
     }
     int sent = sendmmsg(fd_, msgs.data(), unsigned(n), 0);
     if (sent < 0)
         sent = 0;   // a full socket buffer: those names go again later
-    for (int i = 0; i < n; i++) {
-        Slot& s = slots_[ids[size_t(i)]];
-        if (i < sent) {
-            s.pos = uint16_t(outstanding_.size());
-            outstanding_.push_back(ids[size_t(i)]);
-        } else {
-            s.busy = false;
-        }
-    }
+    fl_.settle(std::span<const uint16_t>(ids.data(), size_t(n)), sent);
     next_k_ -= n - sent;
     requests_ += sent;
-}
-
-void Generator::free_slot(uint16_t id)
-{
-    Slot& s = slots_[id];
-    uint16_t last = outstanding_.back();
-    outstanding_[s.pos] = last;
-    slots_[last].pos = s.pos;
-    outstanding_.pop_back();
-    s.busy = false;
 }
 
 // 4.2.13 to 4.2.16: every response carries the request's id and, at offset
@@ -296,7 +225,7 @@ void Generator::take_response(int64_t now, std::span<const uint8_t> d)
     r.skip(4);   // NSCOUNT, ARCOUNT
     auto name = r.bytes(WIRE_NAME);
     uint8_t op = uint8_t(b2 >> 3 & 0x0F);
-    Slot& s = slots_[id];
+    Slot& s = fl_.slots[id];
     uint8_t want[WIRE_NAME];
     if (r.ok() && s.busy)
         wire_name(o_, o_.reg ? s.k : s.k % o_.names, want);
@@ -315,16 +244,16 @@ void Generator::take_response(int64_t now, std::span<const uint8_t> d)
         positive_++;
         latency_.push_back(now - s.sent);
     }
-    free_slot(id);
+    fl_.free(id);
 }
 
 // A request without its answer by its deadline is lost; its id is free.
 void Generator::expire(int64_t now)
 {
-    for (size_t i = 0; i < outstanding_.size();) {
-        uint16_t id = outstanding_[i];
-        if (slots_[id].deadline <= now) {
-            free_slot(id);   // moves the last id into place i
+    for (size_t i = 0; i < fl_.busy.size();) {
+        uint16_t id = fl_.busy[i];
+        if (fl_.slots[id].deadline <= now) {
+            fl_.free(id);   // moves the last id into place i
             lost_++;
         } else {
             i++;
@@ -339,34 +268,26 @@ int Generator::run()
     // Whatever the server does (a WACK after every WACK), the run ends here.
     const int64_t hard_cap = stop_at + int64_t(o_.timeout) * 1000000 + 30 * NS_PER_S;
     int64_t stopped = 0, last_answer = start, next_scan = start;
-    std::array<mmsghdr, BATCH> msgs{};
-    std::array<iovec, BATCH> iov{};
     for (;;) {
         int64_t now = now_ns();
         if (stopped == 0 && (now >= stop_at || (o_.count > 0 && requests_ >= o_.count)))
             stopped = now;
-        if ((stopped != 0 && outstanding_.empty()) || now >= hard_cap)
+        if ((stopped != 0 && fl_.busy.empty()) || now >= hard_cap)
             break;
         if (now >= next_scan) {
             expire(now);
             next_scan = now + std::min<int64_t>(int64_t(o_.timeout) * 250000, 1000000);
         }
-        int64_t room = stopped != 0 ? 0 : int64_t(o_.window) - int64_t(outstanding_.size());
+        int64_t room = stopped != 0 ? 0 : int64_t(o_.window) - int64_t(fl_.busy.size());
         if (o_.count > 0)
             room = std::min(room, o_.count - requests_);
         if (room > 0)
             send_batch(now, int(std::min<int64_t>(room, BATCH)));
-        for (size_t i = 0; i < BATCH; i++) {
-            iov[i] = {rbuf_[i].data(), rbuf_[i].size()};
-            msgs[i].msg_hdr = msghdr{};
-            msgs[i].msg_hdr.msg_iov = &iov[i];
-            msgs[i].msg_hdr.msg_iovlen = 1;
-        }
-        int got = recvmmsg(fd_, msgs.data(), BATCH, MSG_DONTWAIT, nullptr);
+        int got = rb_.recv(fd_);
         if (got > 0) {
             now = now_ns();
             for (size_t i = 0; i < size_t(got); i++)
-                take_response(now, std::span<const uint8_t>(rbuf_[i].data(), msgs[i].msg_len));
+                take_response(now, rb_.at(size_t(i)));
             last_answer = now;
             continue;
         }
@@ -378,17 +299,12 @@ int Generator::run()
             continue;
         // Nothing waiting and no room to send: sleep until an answer comes
         // or the next scan for lost requests.
-        int64_t wait = std::max<int64_t>(next_scan - now, 0);
-        timespec ts{time_t(wait / NS_PER_S), long(wait % NS_PER_S)};
-        pollfd p{fd_, POLLIN, 0};
-        ppoll(&p, 1, &ts, nullptr);
+        wait_readable(fd_, next_scan - now);
     }
     expire(INT64_MAX);   // past the hard cap: whatever is left is lost
     int64_t end = std::max(stopped != 0 ? stopped : now_ns(), last_answer);
     seconds_ = double(end - start) / double(NS_PER_S);
-    rusage ru{};
-    getrusage(RUSAGE_SELF, &ru);
-    cpu_ = double(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) + double(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
+    cpu_ = cpu_seconds();
     return 0;
 }
 

@@ -69,25 +69,6 @@ int no_relay(NscConn* c, const char* what)
     return NSC_NORELAY;
 }
 
-// Integers of the client message lie in host order.
-uint32_t host32(Reader& r)
-{
-    auto s = r.bytes(4);
-    uint32_t v = 0;
-    if (r.ok())
-        memcpy(&v, s.data(), 4);
-    return v;
-}
-
-uint16_t host16(Reader& r)
-{
-    auto s = r.bytes(2);
-    uint16_t v = 0;
-    if (r.ok())
-        memcpy(&v, s.data(), 2);
-    return v;
-}
-
 // The exchange's descriptors; the lock goes with the close of lockfd.
 struct Fds {
     int lockfd = -1;
@@ -222,7 +203,7 @@ int bad(NscConn* c, const char* what, int32_t len)
 int on_status(NscConn* c, const ns_hdr* h, const uint8_t* data, void* arg)
 {
     Reader r(data, size_t(h->len));
-    *static_cast<int32_t*>(arg) = int32_t(host32(r));
+    *static_cast<int32_t*>(arg) = int32_t(r.u32host());
     return r.ok() && r.left() == 0 ? 0 : bad(c, "not one status word", h->len);
 }
 
@@ -230,11 +211,11 @@ int on_ckname(NscConn* c, const ns_hdr* h, const uint8_t* data, void* arg)
 {
     auto* out = static_cast<NscCheck*>(arg);
     Reader r(data, size_t(h->len));
-    out->status = int32_t(host32(r));
+    out->status = int32_t(r.u32host());
     if (r.ok() && out->status != NSC_OK)
         return 0;  // the name and flags carry no meaning then
     r.copy(out->name, NAMELEN);
-    out->flags = host32(r);
+    out->flags = r.u32host();
     return r.ok() && r.left() == 0 ? 0 : bad(c, "check answer not 24 bytes", h->len);
 }
 
@@ -242,13 +223,13 @@ int on_lookup(NscConn* c, const ns_hdr* h, const uint8_t* data, void* arg)
 {
     auto* out = static_cast<NscLookup*>(arg);
     Reader r(data, size_t(h->len));
-    out->status = int32_t(host32(r));
+    out->status = int32_t(r.u32host());
     if (r.ok() && out->status != NSC_OK)
         return 0;
-    out->addr.family = host16(r);
-    out->addr.len = host16(r);
+    out->addr.family = r.u16host();
+    out->addr.len = r.u16host();
     r.copy(out->addr.addr, sizeof out->addr.addr);
-    out->group = host32(r);
+    out->group = r.u32host();
     if (!r.ok() || r.left() != 0)
         return bad(c, "lookup answer not 72 bytes", h->len);
     if (out->addr.len > UNI_MAXADDR)
@@ -265,13 +246,13 @@ int on_list(NscConn* c, const ns_hdr* h, const uint8_t* data, void* arg)
 {
     auto* st = static_cast<ListState*>(arg);
     Reader r(data, size_t(h->len));
-    int32_t status = int32_t(host32(r));
+    int32_t status = int32_t(r.u32host());
     if (r.ok() && status != NSC_OK) {
         st->out->status = status;
         return 0;
     }
-    int32_t total = int32_t(host32(r));
-    int32_t n = int32_t(host32(r));
+    int32_t total = int32_t(r.u32host());
+    int32_t n = int32_t(r.u32host());
     if (!r.ok() || total < 0 || n < 0 || n > NSC_MAXNAMES || r.left() != size_t(n) * 20)
         return bad(c, "list message not 12 + 20 x n bytes", h->len);
     if (st->messages++ == 0)
@@ -284,7 +265,7 @@ int on_list(NscConn* c, const ns_hdr* h, const uint8_t* data, void* arg)
         for (int32_t i = 0; i < n; i++) {
             NscEntry e;
             r.copy(e.name, NAMELEN);
-            e.flags = host32(r);
+            e.flags = r.u32host();
             st->out->names.push_back(e);
         }
     } catch (const std::bad_alloc&) {
@@ -299,7 +280,7 @@ int on_adapstat(NscConn* c, const ns_hdr* h, const uint8_t* data, void* arg)
 {
     auto* out = static_cast<NscAdapStat*>(arg);
     Reader r(data, size_t(h->len));
-    int32_t n = int32_t(host32(r));
+    int32_t n = int32_t(r.u32host());
     if (!r.ok())
         return bad(c, "no status word", h->len);
     if (n < 0) {
@@ -312,27 +293,27 @@ int on_adapstat(NscConn* c, const ns_hdr* h, const uint8_t* data, void* arg)
     r.copy(b.unit_id, sizeof b.unit_id);
     b.jumpers = r.u8();
     b.test_result = r.u8();
-    b.version = host16(r);
-    b.period = host16(r);
-    b.crcs = host16(r);
-    b.align_errors = host16(r);
-    b.collisions = host16(r);
-    b.send_aborts = host16(r);
-    b.good_sends = host32(r);
-    b.good_receives = host32(r);
-    b.retransmits = host16(r);
-    b.no_resources = host16(r);
-    b.free_ncbs = host16(r);
-    b.total_ncbs = host16(r);
-    b.max_total_ncbs = host16(r);
-    b.pending_sessions = host16(r);
-    b.max_pending_sessions = host16(r);
-    b.max_sessions = host16(r);
-    b.session_size = host16(r);
+    b.version = r.u16host();
+    b.period = r.u16host();
+    b.crcs = r.u16host();
+    b.align_errors = r.u16host();
+    b.collisions = r.u16host();
+    b.send_aborts = r.u16host();
+    b.good_sends = r.u32host();
+    b.good_receives = r.u32host();
+    b.retransmits = r.u16host();
+    b.no_resources = r.u16host();
+    b.free_ncbs = r.u16host();
+    b.total_ncbs = r.u16host();
+    b.max_total_ncbs = r.u16host();
+    b.pending_sessions = r.u16host();
+    b.max_pending_sessions = r.u16host();
+    b.max_sessions = r.u16host();
+    b.session_size = r.u16host();
     r.skip(2);
     for (int32_t i = 0; i < n; i++) {
         r.copy(out->names[i].name, NAMELEN);
-        out->names[i].flags = host32(r);
+        out->names[i].flags = r.u32host();
     }
     if (!r.ok())
         return bad(c, "adapter status cut short", h->len);
@@ -367,8 +348,8 @@ int on_type(NscConn* c, const ns_hdr* h, const uint8_t* data, void* arg)
 {
     auto* out = static_cast<NscType*>(arg);
     Reader r(data, size_t(h->len));
-    out->nb_type = int32_t(host32(r));
-    out->ssport = host16(r);
+    out->nb_type = int32_t(r.u32host());
+    out->ssport = r.u16host();
     r.skip(2);
     return r.ok() && r.left() == 0 ? 0 : bad(c, "type answer not 8 bytes", h->len);
 }
@@ -377,7 +358,7 @@ int on_stats(NscConn* c, const ns_hdr* h, const uint8_t* data, void* arg)
 {
     auto* out = static_cast<NscStats*>(arg);
     Reader r(data, size_t(h->len));
-    out->status = int32_t(host32(r));
+    out->status = int32_t(r.u32host());
     if (!r.ok())
         return bad(c, "no status word", h->len);
     if (out->status != NSC_OK)
@@ -492,10 +473,10 @@ int nsc_exchange(NscConn* conn, uint32_t op, const uint8_t* data, int len, nsc_m
         Reader r(msg + 8, 16);
         ns_hdr a{};
         memcpy(a.magic, msg, sizeof a.magic);
-        a.len = int32_t(host32(r));
-        a.xid = host32(r);
-        a.op = host32(r);
-        a.more = int32_t(host32(r));
+        a.len = int32_t(r.u32host());
+        a.xid = r.u32host();
+        a.op = r.u32host();
+        a.more = int32_t(r.u32host());
         if (a.xid != xid)
             continue;  // a late answer to a request its client gave up on
         if (a.op == NS_RESPONSE) {

@@ -110,19 +110,29 @@ int vzdb_path_ok(const char* path)
     return *p == '\0';
 }
 
-int vzdb_tree_make(const char* path)
+namespace {
+
+// VZDB_OK when path is a well-formed place below the database's base.
+int below_base(const char* path)
 {
     int inside = 0;
     int rc = inside_vzdb(path, &inside);
     if (rc != 0)
         return rc;
-    if (!inside || !vzdb_path_ok(path))
-        return VZDB_BADNAME;
+    return inside && vzdb_path_ok(path) ? VZDB_OK : VZDB_BADNAME;
+}
+
+}  // namespace
+
+int vzdb_tree_make(const char* path)
+{
+    int rc = below_base(path);
+    if (rc != VZDB_OK)
+        return rc;
     char* work = vz_strdup(path);
     if (work == nullptr)
         return VZDB_NOMEM;
     mode_t old = umask(0);
-    rc = VZDB_OK;
     // The root itself must exist; the walk starts at the first component below it.
     size_t len = strlen(work);
     for (size_t i = strlen(VZDB_ROOT) + 1; i < len && rc == 0; i++) {
@@ -138,12 +148,8 @@ int vzdb_tree_make(const char* path)
 
 int vzdb_tree_remove(const char* path)
 {
-    int inside = 0;
-    int rc = inside_vzdb(path, &inside);
-    if (rc != 0)
+    if (int rc = below_base(path); rc != VZDB_OK)
         return rc;
-    if (!inside || !vzdb_path_ok(path))
-        return VZDB_BADNAME;
     const char* last = strrchr(path, '/');
     if (last == nullptr || strchr(last + 1, '=') == nullptr)
         return VZDB_BADNAME;  // the root, or a foreign directory

@@ -44,7 +44,8 @@ void vd_to_d(uint8_t* out, const char* in);
 // and ")") to its 16 bytes; 0, or -1 for a text that does not parse or is
 // longer than 124 characters.
 int nm_strtonb(uint8_t* out, const char* text);
-// The text form of a 16-byte name into out (NM_TEXTSIZE bytes); 0.
+// The text form of a 16-byte name into out (NM_TEXTSIZE bytes); 0. Both
+// format through uni_ntoa, overwriting the text it last returned.
 int nm_nbtostr(char* out, const uint8_t* name);
 // nm_nbtostr into a static buffer, overwritten by the next call.
 const char* nm_printable(const uint8_t* name);

@@ -15,6 +15,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -526,17 +527,20 @@ int show_stats(int port, bool json)
     return 0;
 }
 
-// Reads what waits on the socket, at most a burst of it in one call: true
-// when the burst was used up (more may wait), false when the socket was
-// emptied.
-bool receive(int fd)
+using datagram_fn = void (*)(const uint8_t* data, size_t n, const sockaddr_in& from, int64_t now_ms, int64_t now_s);
+using flush_fn = void (*)(int64_t now_ms, int64_t now_s);
+
+// Reads what waits on fd, at most a burst of it in one call, handing each
+// datagram of at most room bytes to each and then the burst to flush: true
+// when the burst was used up (more may wait), false when fd was emptied.
+bool receive_burst(int fd, size_t room, datagram_fn each, flush_fn flush)
 {
-    static uint8_t bufs[RECV_BURST][ENS_AREA + EK_SEAL_SIZE];
+    static uint8_t bufs[RECV_BURST][std::max<size_t>(ENS_AREA + EK_SEAL_SIZE, NPKT_AREA)];
     static sockaddr_in sins[RECV_BURST];
     static iovec iov[RECV_BURST];
     static mmsghdr msgs[RECV_BURST];
     for (int i = 0; i < RECV_BURST; i++) {
-        iov[i] = {bufs[i], sizeof bufs[i]};
+        iov[i] = {bufs[i], std::min(room, sizeof bufs[i])};
         msgs[i] = {};
         msgs[i].msg_hdr.msg_name = &sins[i];
         msgs[i].msg_hdr.msg_namelen = sizeof sins[i];
@@ -552,50 +556,45 @@ bool receive(int fd)
             TRACE(proc, 1, "halyard-nda: datagram of more than %zu bytes dropped\n", n);
             continue;
         }
-        UniAddr from{};
-        iantoua(&from, sins[i].sin_addr.s_addr, ntohs(sins[i].sin_port));
-        if (tcfile != nullptr && tc_in >= 4) {
-            tc_printf("halyard-nda: got %zu bytes from %s --\n", n, uni_ntoa(&from));
-            dump_bytes(tcfile, bufs[i], n);
-        }
-        const char* why = "";
-        int len = ek_open(bufs[i], int(n), ek_now_us(), &why);
-        if (len < 0) {
-            TRACE(proc, 1, "halyard-nda: %zu bytes from %s dropped: %s\n", n, uni_ntoa(&from), why);
-            continue;
-        }
-        nda_datagram(bufs[i], len, &from, vz_now_ms(), int64_t(time(nullptr)));
+        each(bufs[i], n, sins[i], vz_now_ms(), int64_t(time(nullptr)));
     }
     // One commit for the wake-up's changes, then their answers.
-    nda_flush(vz_now_ms(), int64_t(time(nullptr)));
+    flush(vz_now_ms(), int64_t(time(nullptr)));
     return got == RECV_BURST;
 }
 
-// The same for the WINS address: true when the burst was used up.
+// One sealed ENS datagram, opened and handed to the agent.
+void ens_datagram(const uint8_t* data, size_t n, const sockaddr_in& sin, int64_t now_ms, int64_t now_s)
+{
+    UniAddr from{};
+    iantoua(&from, sin.sin_addr.s_addr, ntohs(sin.sin_port));
+    if (tcfile != nullptr && tc_in >= 4) {
+        tc_printf("halyard-nda: got %zu bytes from %s --\n", n, uni_ntoa(&from));
+        dump_bytes(tcfile, data, n);
+    }
+    const char* why = "";
+    int len = ek_open(data, int(n), ek_now_us(), &why);
+    if (len < 0) {
+        TRACE(proc, 1, "halyard-nda: %zu bytes from %s dropped: %s\n", n, uni_ntoa(&from), why);
+        return;
+    }
+    nda_datagram(data, len, &from, now_ms, now_s);
+}
+
+void wins_one(const uint8_t* data, size_t n, const sockaddr_in& sin, int64_t now_ms, int64_t now_s)
+{
+    wins_datagram(data, int(n), sin.sin_addr.s_addr, ntohs(sin.sin_port), now_ms, now_s);
+}
+
+bool receive(int fd)
+{
+    return receive_burst(fd, ENS_AREA + EK_SEAL_SIZE, ens_datagram, nda_flush);
+}
+
+// The WINS address's datagrams.
 bool receive_wins(int fd)
 {
-    static uint8_t bufs[RECV_BURST][NPKT_AREA];
-    static sockaddr_in sins[RECV_BURST];
-    static iovec iov[RECV_BURST];
-    static mmsghdr msgs[RECV_BURST];
-    for (int i = 0; i < RECV_BURST; i++) {
-        iov[i] = {bufs[i], sizeof bufs[i]};
-        msgs[i] = {};
-        msgs[i].msg_hdr.msg_name = &sins[i];
-        msgs[i].msg_hdr.msg_namelen = sizeof sins[i];
-        msgs[i].msg_hdr.msg_iov = &iov[i];
-        msgs[i].msg_hdr.msg_iovlen = 1;
-    }
-    int got = recvmmsg(fd, msgs, RECV_BURST, MSG_DONTWAIT, nullptr);
-    if (got < 0)
-        return errno != EAGAIN && errno != EWOULDBLOCK;
-    for (int i = 0; i < got; i++) {
-        if ((msgs[i].msg_hdr.msg_flags & MSG_TRUNC) == 0)
-            wins_datagram(bufs[i], int(msgs[i].msg_len), sins[i].sin_addr.s_addr, ntohs(sins[i].sin_port),
-                          vz_now_ms(), int64_t(time(nullptr)));
-    }
-    wins_flush(vz_now_ms(), int64_t(time(nullptr)));
-    return got == RECV_BURST;
+    return receive_burst(fd, NPKT_AREA, wins_one, wins_flush);
 }
 
 }  // namespace

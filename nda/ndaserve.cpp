@@ -233,7 +233,11 @@ void send_verify(Pending& p, int64_t now_ms)
         p.next_ms = now_ms + NDA_PROBE_GAP_MS;
         return;
     }
-    TRACE(proc, 3, "nda: VERIFY %s at %s, id %u\n", nm_printable(p.name), uni_ntoa(&to), p.verify_id);
+    if (tcfile != nullptr && tc_proc >= 3) {
+        // The name first: nm_printable formats through uni_ntoa's buffer.
+        const char* name = nm_printable(p.name);
+        tc_printf("nda: VERIFY %s to %s, id %u\n", name, uni_ntoa(&to), p.verify_id);
+    }
     pkta_begin();
     pkta_name(p.name);
     pkta_ip(p.holder.ip);
@@ -606,9 +610,4 @@ void nda_probe_answer(uint32_t verify_id, uint32_t ip, bool held)
 int nda_pending()
 {
     return int(pending.size());
-}
-
-uint64_t nda_refused()
-{
-    return refused_ct;
 }

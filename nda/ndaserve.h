@@ -59,4 +59,3 @@ bool nda_is_registrar(uint32_t ip);
 // The WINS station at ip answered the name query of a verification
 // (wins_probe): whether it still holds the name.
 void nda_probe_answer(uint32_t verify_id, uint32_t ip, bool held);
-uint64_t nda_refused();    // writes refused to stations outside the registrars

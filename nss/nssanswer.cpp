@@ -10,31 +10,12 @@ namespace {
 constexpr size_t NAMELEN = 16;
 constexpr int32_t LOOKUP_LEN = 72;  // status, universal address, group flag
 
-// Integers of the client message lie in host order.
-uint32_t host32(Reader& r)
-{
-    auto s = r.bytes(4);
-    uint32_t v = 0;
-    if (r.ok())
-        memcpy(&v, s.data(), 4);
-    return v;
-}
-
-uint16_t host16(Reader& r)
-{
-    auto s = r.bytes(2);
-    uint16_t v = 0;
-    if (r.ok())
-        memcpy(&v, s.data(), 2);
-    return v;
-}
-
 // The owner's address of a positive lookup answer's data, or 0.
 uint32_t found_addr(Reader r)
 {
-    int32_t status = int32_t(host32(r));
-    uint16_t family = host16(r);
-    uint16_t len = host16(r);
+    int32_t status = int32_t(r.u32host());
+    uint16_t family = r.u16host();
+    uint16_t len = r.u16host();
     uint32_t addr = 0;
     r.copy(&addr, 4);
     if (!r.ok() || status != 0 || family != 'I' || (len != 4 && len != 6))
@@ -46,9 +27,9 @@ uint32_t found_addr(Reader r)
 void take_one(std::span<const uint8_t> msg, std::span<NssAsk> asks)
 {
     Reader r(msg.subspan(8));
-    int32_t len = int32_t(host32(r));
-    uint32_t xid = host32(r);
-    uint32_t op = host32(r);
+    int32_t len = int32_t(r.u32host());
+    uint32_t xid = r.u32host();
+    uint32_t op = r.u32host();
     for (NssAsk& a : asks) {
         if (a.xid != xid || a.state != NssState::waiting)
             continue;

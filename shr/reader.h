@@ -25,6 +25,9 @@ public:
     uint32_t u32be() { uint32_t hi = u16be(); return hi << 16 | u16be(); }
     uint16_t u16le() { return take(2) ? uint16_t(buf_[pos_ - 1] << 8 | buf_[pos_ - 2]) : 0; }
     uint32_t u32le() { uint32_t lo = u16le(); return uint32_t(u16le()) << 16 | lo; }
+    // The client messages' integers, which lie in host order.
+    uint16_t u16host() { uint16_t v = 0; copy(&v, 2); return v; }
+    uint32_t u32host() { uint32_t v = 0; copy(&v, 4); return v; }
     uint8_t peek() const { return ok_ && pos_ < buf_.size() ? buf_[pos_] : 0; }
     std::span<const uint8_t> bytes(size_t n) {
         return take(n) ? buf_.subspan(pos_ - n, n) : std::span<const uint8_t>();

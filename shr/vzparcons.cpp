@@ -51,11 +51,8 @@ void prel_init()
 {
     free(rd.saved);
     rd = Prel{};
-    rd.saved = static_cast<char*>(malloc(kSavedStart));
-    if (rd.saved != nullptr) {
-        rd.saved_cap = kSavedStart;
+    if (grow(&rd.saved, &rd.saved_cap, 1, kSavedStart, VZ_PAR_MAXLINE + 1))
         rd.saved[0] = '\0';
-    }
 }
 
 void prel_fini()
@@ -187,11 +184,8 @@ void scan_init()
 {
     free(sc.text);
     sc = Scan{};
-    sc.text = static_cast<char*>(malloc(kTokStart));
-    if (sc.text != nullptr) {
-        sc.cap = kTokStart;
+    if (grow(&sc.text, &sc.cap, 1, kTokStart, VZ_PAR_MAXLINE + 1))
         sc.text[0] = '\0';
-    }
     prel_init();
 }
 
@@ -430,44 +424,15 @@ int cons_error(FILE* f, const char* msg)
     return VZ_PAR_ERROR;
 }
 
-// A directive line: every word up to and including the end of the line.
-int par_cmd(FILE* f)
+// A directive line (kind VZ_PAR_CMD): every word up to and including the
+// end of the line. A section head (VZ_PAR_TAG): from its '[' up to a ']'
+// that ends the line (before a comment or the end of the file), or to the
+// end of the line.
+int par_line(FILE* f, int kind)
 {
-    for (;;) {
-        int t = scan(f);
-        switch (t) {
-        case VZ_PAR_WORD:
-            if (!cons_addw(sc.text != nullptr ? sc.text : ""))
-                return cons_error(f, nullptr);
-            break;
-        case '[':
-            if (!cons_addw("["))
-                return cons_error(f, nullptr);
-            break;
-        case ']':
-            if (!cons_addw("]"))
-                return cons_error(f, nullptr);
-            break;
-        case VZ_PAR_COMMENT:
-            if (!cons_comment(sc.text != nullptr ? sc.text : ""))
-                return cons_error(f, nullptr);
-            break;
-        case VZ_PAR_EOL:
-            return VZ_PAR_CMD;
-        case VZ_PAR_EOF:
-            scan_back(t);
-            return VZ_PAR_CMD;
-        default:
-            return cons_error(f, sc.err);
-        }
-    }
-}
-
-// A section head, from its '[' up to a ']' that ends the line (before a
-// comment or the end of the file), or to the end of the line.
-int par_tag(FILE* f)
-{
-    scan(f);  // the '[' pushed back by vz_par_cons
+    const bool head = kind == VZ_PAR_TAG;
+    if (head)
+        scan(f);  // the '[' pushed back by vz_par_cons
     for (;;) {
         int t = scan(f);
         switch (t) {
@@ -480,7 +445,8 @@ int par_tag(FILE* f)
                 return cons_error(f, nullptr);
             break;
         case ']': {
-            int next = scan(f);
+            // Only a head looks past a ']' (VZ_PAR_WORD: nothing looked at).
+            int next = head ? scan(f) : VZ_PAR_WORD;
             if (next == VZ_PAR_EOL || next == VZ_PAR_EOF || next == VZ_PAR_COMMENT) {
                 scan_back(next);
                 break;  // the closing bracket; what follows is read below
@@ -489,7 +455,8 @@ int par_tag(FILE* f)
                 return cons_error(f, sc.err);
             if (!cons_addw("]"))
                 return cons_error(f, nullptr);
-            scan_back(next);
+            if (head)
+                scan_back(next);
             break;
         }
         case VZ_PAR_COMMENT:
@@ -497,10 +464,10 @@ int par_tag(FILE* f)
                 return cons_error(f, nullptr);
             break;
         case VZ_PAR_EOL:
-            return VZ_PAR_TAG;
+            return kind;
         case VZ_PAR_EOF:
             scan_back(t);
-            return VZ_PAR_TAG;
+            return kind;
         default:
             return cons_error(f, sc.err);
         }
@@ -543,7 +510,7 @@ int vz_par_cons(FILE* f, int* argc, char*** argv, char** comment)
     if (!cons_start())
         return cons_error(f, nullptr);
     scan_back(t);
-    int r = t == '[' ? par_tag(f) : par_cmd(f);
+    int r = par_line(f, t == '[' ? VZ_PAR_TAG : VZ_PAR_CMD);
     if (r == VZ_PAR_ERROR)
         return r;
     cs.saved = prel_saved();

@@ -129,8 +129,3 @@ int nda_getcache(uint32_t* address, int* group, const uint8_t* name, time_t now)
     }
     return -1;
 }
-
-int nda_cache_free_ct()
-{
-    return free_ct;
-}

@@ -9,6 +9,3 @@ void nda_putpcache(const uint8_t* name, uint32_t address, int group, time_t now)
 // 1 positive (address and group set), 0 negative, -1 no live entry. An
 // entry is live up to and including its expiry second.
 int nda_getcache(uint32_t* address, int* group, const uint8_t* name, time_t now);
-
-// Released entries kept for reuse (at most 16); for tests.
-int nda_cache_free_ct();

@@ -17,9 +17,6 @@
 
 namespace {
 
-constexpr int MSG_NAME_EXISTS = 186;
-constexpr int MSG_AT_ADDRESS = 187;
-
 // A registration response counts against our names only this long after
 // the latest claim broadcast of any name.
 constexpr time_t CONFLICT_PERIOD = 10;
@@ -126,14 +123,6 @@ void check_conflict(const npkt* rec)
         if (a != nullptr && a->host == nullptr)
             return;   // our own broadcast, received back
     }
-    // nm_printable and uni_ntoa keep their texts in buffers of their own.
-    const char* name = nm_printable(rec->name);
-    const char* addr = uni_ntoa(&rec->addr);
-    TRACE(proc, 1, "check_conflict: name conflict found: %s, address %s\n", name, addr);
-    stat_inc(ST_CONFLICTS_NETWORK);
-    log_new();
-    log_catmsg(LOG_SET, MSG_NAME_EXISTS, "Halyard: name already exists on network: %s", name);
-    log_catmsg(LOG_SET, MSG_AT_ADDRESS, "        at address %s", addr);
     // No release: the name was never ours. Clients see it gone.
-    nt_del(rec->name);
+    nt_lost(rec->name, uni_ntoa(&rec->addr), NtLoss::network);
 }

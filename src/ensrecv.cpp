@@ -24,8 +24,6 @@
 
 namespace {
 
-constexpr int MSG_NAME_EXISTS = 186;
-constexpr int MSG_AT_ADDRESS = 187;
 constexpr int32_t VERIFY_NO = 3;  // err of a negative VERIFY response
 
 // One of the daemon's own interface addresses: in the table without a host.
@@ -104,19 +102,6 @@ void query_resp(const DelayCmd* rec)
     nda_putpcache(rec->name, address, group, now);
 }
 
-// Our own name lost at the agent: log it and give the name up locally.
-void name_conflict(const uint8_t* name, const char* owner)
-{
-    // nm_printable keeps its text in a buffer of its own, apart from owner's.
-    const char* text = nm_printable(name);
-    TRACE(proc, 1, "add_resp: name conflict found: %s, addr %s\n", text, owner);
-    stat_inc(ST_CONFLICTS_AGENT);
-    log_new();
-    log_catmsg(LOG_SET, MSG_NAME_EXISTS, "Halyard: name already exists on network: %s", text);
-    log_catmsg(LOG_SET, MSG_AT_ADDRESS, "        at address %s", owner);
-    nt_del(name);
-}
-
 void add_resp(const DelayCmd* rec)
 {
     TRACE(proc, 3, "ens_recv: got ADD response, ans %d, err %d, name %s\n", pk_ans, pk_err,
@@ -135,7 +120,7 @@ void add_resp(const DelayCmd* rec)
             return;
         // A refusal without a readable owner still loses us the name; the
         // second log line then says so, so that the group keeps its form.
-        name_conflict(rec->name, known ? nm_ntoa(owner) : "unknown");
+        nt_lost(rec->name, known ? nm_ntoa(owner) : "unknown", NtLoss::agent);
     } else if (rec->kind == DC_CLAIM) {
         if (pk_ans < 0) {
             if (read_group_ip(&group, &owner, false)) {

@@ -306,8 +306,6 @@ void ens_free(EnsHost* host)
 }
 
 int ens_host_count() { return host_ct; }
-int ens_name_count() { return name_ct; }
-int ens_addr_count() { return addr_ct; }
 
 EnsAddr* ens_a_old(uint32_t start, time_t cutoff)
 {

@@ -71,10 +71,8 @@ int ens_n_add(const uint8_t* name, uint32_t flags, EnsHost* host);
 int ens_a_add(uint32_t address, EnsHost* host);  // host may be null: an own address
 void ens_touch(EnsHost* host, time_t now);       // heard of at now
 bool ens_a_own(uint32_t address);                // one of our own addresses
-// Entries in the table: learned hosts, their names, all addresses (own ones too).
+// Learned hosts in the table.
 int ens_host_count();
-int ens_name_count();
-int ens_addr_count();
 
 // The first entry of that name (the newest), then the next older ones:
 // together one entry per host that has the name. Null past the last.

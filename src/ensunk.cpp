@@ -82,11 +82,6 @@ UnkRec* new_unk(uint32_t address)
     return r;
 }
 
-int unk_count()
-{
-    return unk_ct;
-}
-
 void unk_as_query(const uint8_t* name, uint32_t address)
 {
     UnkRec* r = find_unk(address);

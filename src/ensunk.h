@@ -31,4 +31,3 @@ void unk_remove(uint32_t address);  // forgets the sender, if it is known
 bool allowed(const UnkRec* rec, time_t now);
 // A zeroed record for address at the head of the list, or null when memory is short.
 UnkRec* new_unk(uint32_t address);
-int unk_count();  // records kept

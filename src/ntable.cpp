@@ -2,16 +2,20 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <new>
 #include <sys/ioctl.h>
 
+#include "misc/nencode.h"
 #include "nmtrace.h"
 #include "shr/logging.h"
+#include "shr/uniconv.h"
 #include "src/claim.h"
 #include "src/maininit.h"
 #include "src/namelogin.h"
+#include "src/stats.h"
 
 nt_entry* n_table = nullptr;
 int nbunx_fd = -1;
@@ -19,6 +23,8 @@ int nbunx_fd = -1;
 namespace {
 
 constexpr size_t NAMELEN = sizeof(nt_entry::name);
+constexpr int MSG_NAME_EXISTS = 186;
+constexpr int MSG_AT_ADDRESS = 187;
 
 // Every datagram asking for a name looks it up here, so the entries are
 // also chained by a hash of their 16 bytes: with hundreds of names a lookup
@@ -173,6 +179,28 @@ int nt_del(const uint8_t* name)
         nbunx_namedel(e->name);
     delete e;
     return 0;
+}
+
+void nt_lost(const uint8_t* name, const char* owner, NtLoss by)
+{
+    // Each trace line names the step that found the loss.
+    struct Loss { const char* step; const char* what; const char* owner_is; StatId counter; };
+    static constexpr Loss losses[] = {
+        {"check_conflict", "name conflict found", "address", ST_CONFLICTS_NETWORK},
+        {"add_resp", "name conflict found", "addr", ST_CONFLICTS_AGENT},
+        {"wins_recv", "name refused", "server", ST_CONFLICTS_WINS},
+    };
+    const Loss& l = losses[size_t(by)];
+    // nm_printable formats through uni_ntoa's buffer, which owner may be.
+    char owner_text[UNI_TEXTSIZE];
+    snprintf(owner_text, sizeof owner_text, "%s", owner);
+    const char* text = nm_printable(name);
+    TRACE(proc, 1, "%s: %s: %s, %s %s\n", l.step, l.what, text, l.owner_is, owner_text);
+    stat_inc(l.counter);
+    log_new();
+    log_catmsg(LOG_SET, MSG_NAME_EXISTS, "Halyard: name already exists on network: %s", text);
+    log_catmsg(LOG_SET, MSG_AT_ADDRESS, "        at address %s", owner_text);
+    nt_del(name);
 }
 
 void tables_sync()

@@ -37,6 +37,12 @@ nt_entry* nt_icsearch(const uint8_t* name);  // the same lookup as nt_search
 int nt_add(const uint8_t* name, uint32_t flags);
 // Removes the name without announcing it; 0, or NT_ABSENT.
 int nt_del(const uint8_t* name);
+// Who took one of our names from us: a station answering our claim, an
+// agent, a WINS server. Each has its counter and its trace line.
+enum class NtLoss { network, agent, wins };
+// Another owner holds the name: messages 186 and 187 (owner as text), the
+// counter of by, and the name leaves the table without being announced.
+void nt_lost(const uint8_t* name, const char* owner, NtLoss by);
 // With the driver transport: every name that the driver no longer holds (or
 // whose check fails) is released on the network and removed. Run before a
 // listing of the table.

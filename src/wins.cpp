@@ -20,8 +20,6 @@
 
 namespace {
 
-constexpr int MSG_NAME_EXISTS = 186;
-constexpr int MSG_AT_ADDRESS = 187;
 constexpr int MSG_NO_SERVER = 582;
 
 // RFC 1002 suggests 3 tries 5 seconds apart (UCAST_REQ_RETRY_COUNT and
@@ -279,20 +277,6 @@ void tick(int32_t slot)
     arm(now);
 }
 
-// RFC 1002 5.1.2.2: a negative response to our registration or refresh
-// takes the name from us, as an agent's refusal does.
-void refused(const Txn& t, const npkt* rec)
-{
-    const char* name = nm_printable(t.name);
-    const char* addr = uni_ntoa(&rec->addr);
-    TRACE(proc, 1, "wins_recv: name refused: %s, server %s\n", name, addr);
-    stat_inc(ST_CONFLICTS_WINS);
-    log_new();
-    log_catmsg(LOG_SET, MSG_NAME_EXISTS, "Halyard: name already exists on network: %s", name);
-    log_catmsg(LOG_SET, MSG_AT_ADDRESS, "        at address %s", addr);
-    nt_del(t.name);
-}
-
 void answered(Txn& t, const npkt* rec, time_t now)
 {
     int rcode = rec->raw[3] & 0x0F;
@@ -316,8 +300,9 @@ void answered(Txn& t, const npkt* rec, time_t now)
             silent(t, now);   // a failing server, not an owner elsewhere
         } else if (rcode != 0) {
             t.step = Step::free;
+            // RFC 1002 5.1.2.2: a negative response takes the name from us.
             if (nt_search(t.name) != nullptr)
-                refused(t, rec);
+                nt_lost(t.name, uni_ntoa(&rec->addr), NtLoss::wins);
         } else {
             if (find_ttl_rfc(rec->raw, rec->size, &ttl) < 0)
                 ttl = 0;
