@@ -130,6 +130,10 @@ public:
     bool wait_trace(const std::string& text, const std::string& name = "halyard.trc",
                     double seconds = 20.0) const;
 
+    // The daemon's table of other hosts, dumped anew into its trace:
+    // "\nname addr addr" per entry, blanks squeezed, then "\n"; "" when no dump came.
+    std::string ens_table();
+
     // Whether `pid`'s network namespace has a UDP socket bound to `port`.
     static bool udp_port_bound(pid_t pid, uint16_t port);
 
