@@ -365,9 +365,9 @@ TEST_F(Clients, AKilledRelayOrDaemonIsToldToClientsAndReplaced)
     char req[4096];
     EXPECT_TRUE(poll(&p, 1, 10000) == 1 && read(requests, req, sizeof req) >= ssize_t(sizeof h));
     memcpy(&h, req, sizeof h);
-    EXPECT_TRUE(put(answers, header(h.op | NS_RESPONSE, h.xid, 2) + "xx"));
+    EXPECT_TRUE(put(answers, header(h.op | NS_RESPONSE, h.xid, 6) + "xxxxxx"));
     asking.join();
-    EXPECT_NE(out.find("malformed answer from the name server: not one status word (len 2)"), std::string::npos) << out;
+    EXPECT_NE(out.find("malformed answer from the name server: not one status word (len 6)"), std::string::npos) << out;
     close(requests), close(answers);
     ASSERT_EQ(kill(relay, SIGCONT), 0);
     // Held still, the daemon cannot replace a killed relay yet: the client is told.

@@ -257,14 +257,16 @@ TEST_F(Robust, StationsWithoutNumberTeachTheDaemonOnlyWhatItAsked)
     const uint32_t daemon = inet_addr("10.88.0.1");
     // Forged answers naming our own address teach nothing: we would take our
     // own queries, and an agent's refusal of a local name, for another host's.
-    const Bytes own = ndasim::permanent_name("10.88.0.1");
+    const Bytes own = ndasim::permanent_name("10.88.0.1"), seven = ndasim::permanent_name("10.90.0.7");
     ASSERT_EQ(lab.halyardctl({"status", "10.88.0.1", "FLOOD<20>"}), 0);  // our own answer, too
     ASSERT_TRUE(lab.send_raw_udp(raw, sender(7), 137, daemon, 137,
-                                 ns_status_answer(1, nb("*", 0), {{nb("FORGED"), 0x0400}, {own, 0x0600},
-                                                                   {ndasim::permanent_name("10.90.0.7"), 0x0600}})));
+                                 ns_status_answer(1, nb("*", 0), {{nb("KNOWN"), 0x0400}, {seven, 0x0600}})));
+    ASSERT_TRUE(lab.send_raw_udp(raw, sender(7), 137, daemon, 137,
+                                 ns_status_answer(1, nb("*", 0), {{nb("FORGED"), 0x0400}, {own, 0x0600}, {seven, 0x0600}})));
     ASSERT_TRUE(sent_and_read(ns_status_answer(2, nb("*", 0), {{nb("FORGED2"), 0x0400}, {own, 0x0600}}), 0x4242));
     std::string dump = lab.ens_table();
-    EXPECT_TRUE(dump.find("10.88.0.1") == std::string::npos && dump.find("forged") == std::string::npos) << dump;
+    EXPECT_TRUE(dump.find("\nknown 10.90.0.7\n") != std::string::npos && dump.find("10.88.0.1") == std::string::npos &&
+                dump.find("forged") == std::string::npos) << dump;
     size_t names = ens_names();
     // Unasked status answers of 50 names from 50,000 senders: 16 hosts are
     // learned at once and 4 a second after (plus a second for the dump).
