@@ -194,10 +194,7 @@ std::string Message::describe() const
     return t;
 }
 
-double seconds(Clock::time_point a, Clock::time_point b)
-{
-    return std::chrono::duration<double>(b - a).count();
-}
+double seconds(Clock::time_point a, Clock::time_point b) { return std::chrono::duration<double>(b - a).count(); }
 
 bool Agent::open(Lab& lab, LabSide side, const std::string& addr, uint16_t port)
 {
