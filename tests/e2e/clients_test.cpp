@@ -18,6 +18,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "client/nsclient.h"
@@ -48,10 +49,7 @@ std::string lookup(uint32_t xid, const std::string& name, int32_t more = 0)
     return header(NS_LOOKUP, xid, int32_t(n.size()), more) + std::string(n.begin(), n.end());
 }
 
-bool put(int fd, const std::string& bytes)
-{
-    return write(fd, bytes.data(), bytes.size()) == ssize_t(bytes.size());
-}
+bool put(int fd, const std::string& bytes) { return write(fd, bytes.data(), bytes.size()) == ssize_t(bytes.size()); }
 
 // The FIFOs and the lock: their modes, and their group unless gid is -1.
 void expect_modes(mode_t server, mode_t client, mode_t lock, gid_t gid = gid_t(-1))
@@ -116,8 +114,8 @@ protected:
         SCOPED_TRACE(after);
         EXPECT_TRUE(query_answered());
         std::string out;
-        EXPECT_EQ(lab.halyardctl({"--timeout", "2", "lookup", "SHARED<20>"}, &out), 0) << out;
-        EXPECT_NE(out.find("10.88.0.1"), std::string::npos) << out;
+        EXPECT_EQ(lab.halyardctl({"--timeout", "2", "--json", "lookup", "SHARED<20>"}, &out), 0) << out;
+        EXPECT_EQ(out, "{\"status\":0,\"name\":\"SHARED<20>\",\"address\":\"10.88.0.1\",\"group\":false}\n");
         EXPECT_EQ(lab.halyardctl({"--timeout", "2", "list"}, &out), 0) << out;
     }
 
@@ -350,10 +348,24 @@ TEST_F(Clients, AKilledRelayOrDaemonIsToldToClientsAndReplaced)
     pid_t pid = lab.registered_pid();
     pid_t relay = relay_of(pid);
     ASSERT_GT(relay, 0);
-    // Held still, the daemon cannot replace a killed relay yet: the client is told.
-    ASSERT_EQ(kill(pid, SIGSTOP), 0);
-    ASSERT_EQ(kill(relay, SIGKILL), 0);
+    // An answer of the wrong size, written into the answer FIFO while the
+    // relay and the daemon are held still, is refused, not read as a status.
+    ASSERT_TRUE(kill(pid, SIGSTOP) == 0 && kill(relay, SIGSTOP) == 0);
+    int requests = open(kServer, O_RDONLY | O_NONBLOCK), answers = open(kClient, O_RDWR | O_NONBLOCK);
     std::string out;
+    std::thread asking([&] { EXPECT_EQ(lab.halyardctl({"--timeout", "5", "add", "ODD<20>"}, &out), 3); });
+    pollfd p{requests, POLLIN, 0};
+    ns_hdr h{};
+    char req[4096];
+    EXPECT_TRUE(poll(&p, 1, 10000) == 1 && read(requests, req, sizeof req) >= ssize_t(sizeof h));
+    memcpy(&h, req, sizeof h);
+    EXPECT_TRUE(put(answers, header(h.op | NS_RESPONSE, h.xid, 6) + "xxxxxx"));
+    asking.join();
+    EXPECT_NE(out.find("malformed answer from the name server: not one status word (len 6)"), std::string::npos) << out;
+    close(requests), close(answers);
+    ASSERT_EQ(kill(relay, SIGCONT), 0);
+    // Held still, the daemon cannot replace a killed relay yet: the client is told.
+    ASSERT_EQ(kill(relay, SIGKILL), 0);
     EXPECT_EQ(lab.halyardctl({"--timeout", "3", "lookup", "SHARED<20>"}, &out, kNobody, kNobody), 3) << out;
     EXPECT_NE(out.find("runs (pid " + std::to_string(pid) + ") but its request relay does not"), std::string::npos)
         << out;
@@ -378,6 +390,10 @@ TEST_F(Clients, AKilledRelayOrDaemonIsToldToClientsAndReplaced)
     // The next request ends the relay (its pipe to the daemon is broken).
     EXPECT_EQ(lab.halyardctl({"--timeout", "3", "list"}, &out), 3) << out;
     ASSERT_TRUE(lab.wait_exit(-1, 20.0)) << "the relay did not end";
+    EXPECT_TRUE(access(kServer, F_OK) != 0 && access(kClient, F_OK) != 0) << "the relay left its FIFOs";
+    EXPECT_EQ(lab.halyardctl({"--json", "list"}, &out), 3) << out;
+    EXPECT_NE(out.find("{\"error\":\"the name server is not running (no /var/opt/KORRbase/ns_serverfifo)\"}\n"),
+              std::string::npos) << out;
     // A new start takes over the stale registration and serves.
     ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
     EXPECT_EQ(lab.halyardctl({"list"}, &out), 0) << out;
@@ -387,20 +403,41 @@ TEST_F(Clients, AKilledRelayOrDaemonIsToldToClientsAndReplaced)
     EXPECT_EQ(lab.log().find("database error"), std::string::npos) << lab.log();
 }
 
-// A link planted where root appends (the trace; other files share the open):
-// the file behind it stays as it was, and the log says why.
+// Links planted where root appends or rewrites: the file behind them stays
+// as it was, and the log says why.
 TEST_F(Clients, RootFollowsNoLinkPlantedInTheAdministrativeUsersDirectories)
 {
     const char* victim = "/etc/opt/KORRbase/victim";
-    ASSERT_TRUE(lab.write_file(victim, "precious\n", 0600));
-    unlink("/opt/KORRlibs/halyard.trc");
-    ASSERT_EQ(symlink(victim, "/opt/KORRlibs/halyard.trc"), 0);
-    start_serving({"-z", "proc=9"});
-    expect_served("a linked trace file");
-    EXPECT_TRUE(lab.wait_log("Halyard: refusing to write halyard.trc: a symbolic link")) << lab.log();
-    EXPECT_EQ(lab_read_file(victim), "precious\n");
-    struct stat st;
-    EXPECT_TRUE(lstat("/opt/KORRlibs/halyard.trc", &st) == 0 && S_ISLNK(st.st_mode));
+    const struct {
+        const char *link, *named;  // as the log names it
+        std::vector<std::string> args;
+    } cases[] = {
+        {"/opt/KORRlibs/halyard.trc", "halyard.trc", {"-z", "proc=9"}},
+        {"/opt/KORRlibs/ntf.trc", "ntf.trc", {"-n"}},
+        {lab_plist_path, lab_plist_path, {}},  // without its registration the daemon cannot run
+    };
+    ASSERT_EQ(mkdir("/var/opt/KORRbase/rtdb/realm=NB", 0775), 0);
+    ASSERT_EQ(mkdir("/var/opt/KORRbase/rtdb/realm=NB/program=Halyard", 0775), 0);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.named);
+        ASSERT_TRUE(lab.write_file(victim, "precious\n", 0600));
+        unlink(c.link);
+        ASSERT_EQ(symlink(victim, c.link), 0);
+        if (c.link != lab_plist_path) {
+            start_serving(c.args);
+            expect_served(c.named);
+            EXPECT_TRUE(lab.stop_daemon(lab.registered_pid()));
+        } else {
+            EXPECT_EQ(lab.launch(c.args), 0);
+            EXPECT_TRUE(lab.wait_exit(-1, 20.0));
+        }
+        EXPECT_TRUE(lab.wait_log(std::string("Halyard: refusing to write ") + c.named + ": a symbolic link"))
+            << lab.log();
+        EXPECT_EQ(lab_read_file(victim), "precious\n");
+        struct stat st;
+        EXPECT_TRUE(lstat(c.link, &st) == 0 && S_ISLNK(st.st_mode));
+        unlink(c.link);
+    }
 }
 
 TEST_F(Clients, AClientGroupKeepsTheFifosAndTheLockForItsMembers)

@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 
 #include <arpa/inet.h>
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <functional>
@@ -75,37 +76,25 @@ protected:
     bool bound = false;
 };
 
-// The other station's name service: answers the daemon's broadcast query
-// for STATION1<00> from 10.88.0.2, once.
+// The other station answers the daemon's query for STATION1<00> from
+// 10.88.0.2; the agent owns FARAWAY<20> at 10.88.0.7.
 void answer_station(Lab& lab, int fd)
 {
     Bytes want = wire_name(ns_name("STATION1", 0x00));
-    for (int i = 0; i < 50; i++) {
-        auto q = lab.recv(fd, 10.0);
-        if (!q)
-            return;
-        if (q->bytes.size() < 12 + want.size() || !std::equal(want.begin(), want.end(), q->bytes.begin() + 12))
-            continue;
-        Bytes rest{0, 0x20, 0, 1, 0, 0, 0x0e, 0x10, 0, 6, 0, 0, 10, 88, 0, 2};
-        lab.send_to(fd, q->from, q->port, ns_packet(uint16_t(q->bytes[0] << 8 | q->bytes[1]), 0x85, 0, {0, 1, 0, 0},
-                                                    ns_name("STATION1", 0x00), {0}, rest));
-        return;
-    }
+    auto q = lab.collect(fd, 1, 10.0, [&](const Bytes& b) {
+        return std::search(b.begin(), b.end(), want.begin(), want.end()) != b.end();
+    });
+    Bytes rest{0, 0x20, 0, 1, 0, 0, 0x0e, 0x10, 0, 6, 0, 0, 10, 88, 0, 2};
+    if (!q.empty())
+        lab.send_to(fd, q[0].from, q[0].port, ns_packet(uint16_t(q[0].bytes[0] << 8 | q[0].bytes[1]), 0x85, 0,
+                                                        {0, 1, 0, 0}, ns_name("STATION1", 0x00), {0}, rest));
 }
-
-// The agent's answer to its QUERY of FARAWAY<20>: owned by 10.88.0.7.
 void answer_agent(ndasim::Agent& agent)
 {
     using ndasim::cat, ndasim::int_item, ndasim::ip_item;
-    for (int i = 0; i < 50; i++) {
-        auto m = agent.next(10.0, ndasim::query);
-        if (!m)
-            return;
-        if (m->name == ndasim::nb_name("FARAWAY", 0x20)) {
-            agent.reply(*m, 0, 0, cat({int_item(0), int_item(1), ip_item("10.88.0.7")}));
-            return;
-        }
-    }
+    for (auto m = agent.next(10.0, ndasim::query); m; m = agent.next(10.0, ndasim::query))
+        if (m->name == ndasim::nb_name("FARAWAY", 0x20))
+            return (void)agent.reply(*m, 0, 0, cat({int_item(0), int_item(1), ip_item("10.88.0.7")}));
 }
 
 TEST_F(Resolver, GetentResolvesThroughTheDaemon)

@@ -28,15 +28,6 @@ constexpr const char* dumpcap_bin = "/usr/bin/dumpcap";
 
 bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
-// A word for sh -c, quoted.
-std::string sh_word(const std::string& word)
-{
-    std::string q = "'";
-    for (char c : word)
-        q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return q + "'";
-}
-
 class Samba : public ::testing::Test {
 protected:
     void SetUp() override
@@ -72,19 +63,16 @@ protected:
         return out;
     }
 
-    // A command in the station in the background, output to `out_file`: its
-    // pid (re-parented to the test, ended by the lab), or -1.
-    pid_t start_station(const std::vector<std::string>& argv, const std::string& out_file)
+    // A command of the station in the background, its output to `out_file`: its pid, or -1.
+    pid_t start_station(const std::string& command, const std::string& out_file)
     {
-        std::string line = "exec";
-        for (const std::string& a : argv)
-            line += " " + sh_word(a);
-        std::string out;
-        int st = lab.run(lab_station1, {"/bin/sh", "-c", "(" + line + " >" + sh_word(out_file) +
-                                                         " 2>&1 </dev/null) & echo $!"}, &out);
-        return st == 0 && atoi(out.c_str()) > 0 ? pid_t(atoi(out.c_str())) : -1;
+        return lab.start(lab_station1, {"/bin/sh", "-c", "exec " + command + " >" + out_file + " 2>&1"});
     }
 
+    std::string nmbd_command()
+    {
+        return std::string(nmbd_bin) + " --foreground --debug-stdout --no-process-group -d 2 -s " + dir + "/smb.conf";
+    }
     bool stop_station(pid_t pid) { return kill(pid, SIGTERM) == 0 && lab.wait_exit(pid, 20.0); }
 
     // tshark's standard output for the capture, its warnings left out.
@@ -92,7 +80,7 @@ protected:
     {
         std::string out;
         lab.run(lab_station1, {"/bin/sh", "-c", std::string(tshark_bin) + " -n -r " + dir +
-                                                    "/daemon.pcap -Y " + sh_word(filter) + fields + " 2>/dev/null"},
+                                                    "/daemon.pcap -Y '" + filter + "'" + fields + " 2>/dev/null"},
                 &out, 60.0);
         return out;
     }
@@ -104,8 +92,8 @@ protected:
     {
         if (access(tshark_bin, X_OK) != 0 || access(dumpcap_bin, X_OK) != 0)
             return 0;
-        pid_t capture = start_station({dumpcap_bin, "-n", "-i", "hs0", "-w", dir + "/daemon.pcap", "-f",
-                                       "udp and src host 10.88.0.1"}, dir + "/dumpcap.out");
+        pid_t capture = start_station(std::string(dumpcap_bin) + " -n -i hs0 -w " + dir +
+                                          "/daemon.pcap -f 'udp and src host 10.88.0.1'", dir + "/dumpcap.out");
         bool on = lab_wait_for(60, [&] { return contains(lab_read_file(dir + "/dumpcap.out"), "Capturing on"); });
         return capture > 0 && on ? capture : -1;
     }
@@ -166,8 +154,7 @@ TEST_F(Samba, NmblookupAndNmbdMeetOurDaemonAndTsharkDecodesIt)
 
     // nmbd claims STATION<20> by broadcasting for some seconds: look it up
     // until it answers; then its status, and its defence against our claim.
-    pid_t nmbd = start_station({nmbd_bin, "--foreground", "--debug-stdout", "--no-process-group", "-d", "2",
-                                "-s", dir + "/smb.conf"}, dir + "/nmbd.out");
+    pid_t nmbd = start_station(nmbd_command(), dir + "/nmbd.out");
     ASSERT_GT(nmbd, 0) << lab.last_error();
     ASSERT_TRUE(lab_wait_for(60, [&] { return lab.halyardctl({"lookup", "STATION<20>"}, &out) == 0; }))
         << out << lab_read_file(dir + "/nmbd.out");
@@ -215,8 +202,7 @@ TEST_F(Samba, TheDaemonRegistersAndLooksUpAtWinsServers)
     ASSERT_TRUE(lab.write_file(dir + "/smb.conf", conf));
     pid_t capture = start_capture();
     ASSERT_NE(capture, -1) << lab_read_file(dir + "/dumpcap.out");
-    pid_t nmbd = start_station({nmbd_bin, "--foreground", "--debug-stdout", "--no-process-group", "-d", "2",
-                                "-s", dir + "/smb.conf"}, dir + "/nmbd.out");
+    pid_t nmbd = start_station(nmbd_command(), dir + "/nmbd.out");
     ASSERT_GT(nmbd, 0) << lab.last_error();
     for (const char* a : {"10.88.0.3/24", "10.88.0.9/24"})
         ASSERT_EQ(lab.run(lab_station1, {"/sbin/ip", "addr", "add", a, "dev", "hs0"}), 0) << a;

@@ -132,6 +132,31 @@ TEST_F(Startup, DetachesRegistersTracesAndEndsCleanly)
     EXPECT_TRUE(status != -1 && WIFSIGNALED(status) && WTERMSIG(status) == SIGQUIT)
         << lab_describe_status(status);
     EXPECT_EQ(lab.registered_pid(), -1) << lab_read_file(lab_plist_path);
+
+    // Mistakes: the launcher prints what the detached daemon can only log,
+    // each bad line is logged by number, the good ones around them are
+    // taken, a broadcast address and netmask not given come from the system.
+    ASSERT_TRUE(lab.write_config("[realm NB]\ntransport tcpip\n[interface tcpip hd0]\naddress 10.88.0.1\n"
+                                 "address 10.88.0.9\n[transport tcpip]\nNB-name-port abc\n"   // lines 5 and 7
+                                 "NB-scope corp.example\nNB-nd-port 99999\n"));  // line 9: only said
+    std::string out;
+    ASSERT_EQ(lab.run(lab_daemon, {HALYARD_BINARY, "-z", "proc=5"}, &out), 0) << out;
+    ASSERT_GT(pid = lab.wait_registered(), 0) << lab.log();
+    EXPECT_NE(out.find("Halyard: /etc/opt/KORRbase/config.vz:7: NB-name-port abc: a port number from 1 to 65535\n"
+                       "Halyard: /etc/opt/KORRbase/config.vz:9: NB-nd-port 99999: a port number from 1 to 65535 "
+                       "(the daemon would use 34463)\n"), std::string::npos) << out;
+    for (int line : {5, 7})
+        EXPECT_NE(lab.log().find("Halyard: error in config file at line " + std::to_string(line) + "\r\n"),
+                  std::string::npos) << line << lab.log();
+    EXPECT_EQ(lab.log().find("at line 8\r\n"), std::string::npos) << lab.log();
+    ASSERT_TRUE(lab.wait_trace("find_netmask: found mask (255.255.255.0)")) << lab.trace();
+    EXPECT_NE(lab.trace().find("find_bcast: found bcast (10.88.0.255)"), std::string::npos);
+    EXPECT_NE(lab.trace().find("nbscope: corp.example\n"), std::string::npos);
+    EXPECT_TRUE(lab_wait_for(20, [&] { return Lab::udp_port_bound(pid, 137); }));
+    ASSERT_TRUE(lab.stop_daemon(pid));
+    ASSERT_EQ(unlink(lab_config_path), 0);
+    ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
+    EXPECT_TRUE(lab.wait_log("\tHalyard: cannot open config file /etc/opt/KORRbase/config.vz\r\n")) << lab.log();
 }
 
 // Each way a start can fail: both processes' statuses, the messages logged

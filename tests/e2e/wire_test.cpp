@@ -166,9 +166,10 @@ TEST_F(Wire, ClaimsAnswersDefencesStatusAndReleasesByteForByte)
     // Claims still pending are neither answered nor defended.
     ASSERT_TRUE(answered(name_query(1, "fileserv", 0x20)) && answered(name_query(2, "workgrp", 0x1e))) << lab.log();
 
-    // Each datagram and the answer it gets: answers carry the address on the
-    // asker's subnet; defences are negative registration responses (AA, RD,
-    // RA, RCODE 6); group names are shared, so not defended.
+    // Each datagram and the answer it gets on the wire: answers carry the
+    // address on the asker's subnet; defences are negative registration
+    // responses (AA, RD, RA, RCODE 6). (The service's unit table holds the
+    // other kinds of claim and query.)
     const char* bcast[3] = {nullptr, "10.88.0.255", "10.89.0.255"};
     Bytes padded = name_query(0x15, "fileserv", 0x20);
     padded.resize(1600, 0xEE);  // cut to 1500 on receipt: still a query
@@ -181,23 +182,17 @@ TEST_F(Wire, ClaimsAnswersDefencesStatusAndReleasesByteForByte)
     } cases[] = {
         {"query for a group from subnet 2", 2, bcast[2], name_query(0x12, "workgrp", 0x1e),
          {nb_response(0x12, 0x85, 0x00, "workgrp", 0x1e, 0x8000, addr_of(2, true))}},
-        {"query for a name we do not hold", 1, bcast[1], name_query(0x13, "nobody", 0x20), {}},
         {"query of 1600 bytes", 1, nullptr, padded,
          {nb_response(0x15, 0x85, 0x00, "fileserv", 0x20, 0, addr_of(1, true))}},
         {"unique claim of our unique name", 1, bcast[1],
          registration(0x21, 0x29, "fileserv", 0x20, 0, addr_of(1, false)),
          {nb_response(0x21, 0xAD, 0x86, "fileserv", 0x20, 0, addr_of(1, true))}},
-        {"group claim of our unique name", 2, bcast[2],
-         registration(0x22, 0x29, "fileserv", 0x20, 0x8000, addr_of(2, false)),
-         {nb_response(0x22, 0xAD, 0x86, "fileserv", 0x20, 0, addr_of(2, true))}},
         {"unique claim of our group name", 2, bcast[2], registration(0x23, 0x29, "workgrp", 0x1e, 0, addr_of(2, false)),
          {nb_response(0x23, 0xAD, 0x86, "workgrp", 0x1e, 0x8000, addr_of(2, true))}},
         {"group claim of our group name", 1, bcast[1],
          registration(0x24, 0x29, "workgrp", 0x1e, 0x8000, addr_of(1, false)), {}},
         {"claim of a name we do not hold", 1, bcast[1], registration(0x25, 0x29, "nobody", 0x20, 0, addr_of(1, false)),
          {}},
-        {"directed status request for a name we do not hold", 1, nullptr, status_request(0x31, "other", false),
-         {no_such_name(0x31, "other")}},
         {"broadcast status request for a name we do not hold", 1, bcast[1], status_request(0x32, "other", true),
          {}},
     };
@@ -267,10 +262,12 @@ TEST_F(Wire, ClaimsAnswersDefencesStatusAndReleasesByteForByte)
     EXPECT_EQ(lab.halyardctl({"check", "CLASH<20>"}, &out), 0) << out;
     int from1234 = lab.udp_socket(lab_station1, 1234);
     ASSERT_GE(from1234, 0);
+    ASSERT_EQ(unlink(lab_log_path), 0);  // the next message makes it again
     ASSERT_TRUE(lab.send_to(from1234, "10.88.0.1", 137,
                             nb_response(0x5555, 0xAD, 0x86, "CLASH", 0x20, 0, addr_of(1, false))));
     EXPECT_TRUE(lab.wait_log("Halyard: name already exists on network: clash\r\n"
                              "\t        at address I(10.88.0.2.1234)")) << lab.log();
+    EXPECT_EQ(lab.log_groups().size(), 1u) << lab.log();
     EXPECT_EQ(lab.halyardctl({"check", "CLASH<20>"}, &out), 1) << out;
 
     // A table too long for one datagram: 77 entries fit in 1500 bytes after a

@@ -535,6 +535,25 @@ bool Lab::wait_trace(const std::string& text, const std::string& name, double se
     return lab_wait_for(seconds, [&] { return trace(name).find(text) != std::string::npos; });
 }
 
+std::string Lab::ens_table()
+{
+    size_t before = trace().size(), at = 0, end = 0;
+    std::string t;
+    if (halyardctl({"enstable"}) != 0 || !lab_wait_for(20.0, [&] {
+            t = trace();
+            at = t.rfind("\nENS table --\n");
+            return at != std::string::npos && at + 1 >= before && (end = t.find("\n\n", at + 13)) != std::string::npos;
+        }))
+        return "";
+    std::string squeezed = "\n";
+    for (char c : end > at + 14 ? t.substr(at + 14, end - at - 14) : "")
+        if (c != ' ' && c != '\t')
+            squeezed += c;
+        else if (squeezed.back() != ' ' && squeezed.back() != '\n')
+            squeezed += ' ';
+    return squeezed.size() > 1 ? squeezed + "\n" : squeezed;
+}
+
 bool Lab::udp_port_bound(pid_t pid, uint16_t port)
 {
     // After the heading, one line per socket, the local address as "0100580A:0089".

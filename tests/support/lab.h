@@ -2,19 +2,14 @@
 
 // End-to-end lab: the real daemon inside private namespaces, with one or two
 // other stations on veth links. The test process first moves into private
-// mount and network namespaces of its own (fresh tmpfs over /etc/opt,
-// /var/opt, /opt), so nothing reaches the host, and becomes a child
-// subreaper, so the detached daemon's exit status can be seen.
-//
+// mount and network namespaces (fresh tmpfs over /etc/opt, /var/opt, /opt),
+// so nothing reaches the host, and becomes a child subreaper, so the
+// detached daemon's exit status can be seen.
 //   daemon netns:  hd0 10.88.0.1/24   hd1 10.89.0.1/24 (second station only)
 //   station 1:     hs0 10.88.0.2/24   station 2: hs1 10.89.0.2/24
-//
-// Use: LAB_SETUP_OR_SKIP(lab, 1) in SetUp(), then lab.start_daemon(),
-// lab.udp_socket(lab_station1, 0), lab.send_to(...), lab.recv(fd, 10.0).
 // Every wait is bounded by a deadline in seconds; nothing asserts on speed.
 // The sanitizers of every program the lab starts report into a directory of
-// the lab and end a process with lab_sanitizer_status (a detached daemon's
-// descriptor 2 is /dev/null); the destructor fails the test on either.
+// the lab; the destructor fails the test on a report.
 
 #include <sys/types.h>
 
@@ -59,17 +54,14 @@ std::vector<LabLogGroup> lab_parse_log(const std::string& text);
 // The whole file, or "" when it cannot be read.
 std::string lab_read_file(const std::string& path);
 
-// Counters as halyardctl stats and halyard-nda -s print them, by name:
-// "name value" per line (text, or jq's reading of the JSON), or with a
-// prefix the Prometheus text format, each sample after its HELP and TYPE
-// lines and named prefix + name + "_total". {"malformed", line} at the
-// first line out of form.
+// Counters by name from "name value" lines (text, or jq's reading of the
+// JSON), or with a prefix from the Prometheus text format (HELP and TYPE
+// lines, prefix + name + "_total"). {"malformed", line} at a bad line.
 std::map<std::string, uint64_t> lab_counters(const std::string& out, const char* prefix = nullptr);
 
-// The "pid" property of a property-list text, or -1 when there is none.
 // Polls done() until it holds or `seconds` have passed: whether it held.
 bool lab_wait_for(double seconds, const std::function<bool()>& done);
-
+// The "pid" property of a property-list text, or -1 when there is none.
 pid_t lab_plist_pid(const std::string& plist_text);
 
 // "exited 1", "killed by signal 15": wait statuses readable in failures.
@@ -129,6 +121,10 @@ public:
     std::string trace(const std::string& name = "halyard.trc") const;
     bool wait_trace(const std::string& text, const std::string& name = "halyard.trc",
                     double seconds = 20.0) const;
+
+    // The daemon's table of other hosts, dumped anew into its trace:
+    // "\nname addr addr" per entry, blanks squeezed, then "\n"; "" when no dump came.
+    std::string ens_table();
 
     // Whether `pid`'s network namespace has a UDP socket bound to `port`.
     static bool udp_port_bound(pid_t pid, uint16_t port);

@@ -194,10 +194,7 @@ std::string Message::describe() const
     return t;
 }
 
-double seconds(Clock::time_point a, Clock::time_point b)
-{
-    return std::chrono::duration<double>(b - a).count();
-}
+double seconds(Clock::time_point a, Clock::time_point b) { return std::chrono::duration<double>(b - a).count(); }
 
 bool Agent::open(Lab& lab, LabSide side, const std::string& addr, uint16_t port)
 {
@@ -228,7 +225,6 @@ std::optional<Message> Agent::take(double secs, int32_t action, bool response)
         m.when = Clock::now();
         m.from = d->from;
         m.port = d->port;
-        history_.push_back(m);
         if (matches(m))
             return m;
         queue_.push_back(m);
@@ -242,15 +238,6 @@ void Agent::drain(double secs)
 {
     take(secs, 0, false);  // nothing is a request of action 0
     queue_.clear();
-}
-
-std::vector<Message> Agent::requests(int32_t action) const
-{
-    std::vector<Message> out;
-    for (const auto& m : history_)
-        if (m.header_ok && !m.response && (action == any || m.action == action))
-            out.push_back(m);
-    return out;
 }
 
 bool Agent::reply(const Message& req, int32_t ans, int32_t err, const Bytes& body)

@@ -105,8 +105,6 @@ public:
     std::optional<Message> next_response(double seconds, int32_t action = any) { return take(seconds, action, true); }
     // What arrives within `seconds` is recorded; nothing stays queued.
     void drain(double seconds);
-    // The requests of one action received so far.
-    std::vector<Message> requests(int32_t action) const;
 
     // Answers to a request, to its sender and with its id.
     bool reply(const Message& req, int32_t ans, int32_t err, const Bytes& body = {});
@@ -125,8 +123,7 @@ private:
 
     Lab* lab_ = nullptr;
     int fd_ = -1;
-    std::deque<Message> queue_;     // received, not yet taken
-    std::vector<Message> history_;  // everything received
+    std::deque<Message> queue_;  // received, not yet taken
 };
 
 }  // namespace ndasim

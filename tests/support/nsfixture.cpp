@@ -7,15 +7,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <csignal>
-#include <net/if.h>
 #include <sched.h>
-#include <sys/ioctl.h>
 #include <sys/mount.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+namespace {
+
+// The daemon's fixed places private and empty: a new private mount
+// namespace, a fresh tmpfs over each. Only for a process about to end.
 bool enter_private_dirs(std::string* why)
 {
     auto fail = [&](const std::string& what) {
@@ -42,28 +43,8 @@ bool enter_private_dirs(std::string* why)
     return true;
 }
 
-namespace {
 
-// A network namespace of its own with only its loopback, up.
-bool enter_private_net(std::string* why)
-{
-    if (unshare(CLONE_NEWNET) != 0) {
-        *why = std::string("a private network namespace (needs root): ") + strerror(errno);
-        return false;
-    }
-    int s = socket(AF_INET, SOCK_DGRAM, 0);
-    ifreq ifr{};
-    strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
-    bool up = s >= 0 && ioctl(s, SIOCGIFFLAGS, &ifr) == 0;
-    ifr.ifr_flags = short(ifr.ifr_flags | IFF_UP);
-    up = up && ioctl(s, SIOCSIFFLAGS, &ifr) == 0;
-    close(s);
-    if (!up)
-        *why = "cannot bring up lo in the private network namespace";
-    return up;
-}
-
-void run_forked(const std::function<void()>& body, bool private_dirs, bool private_net = false)
+void run_forked(const std::function<void()>& body, bool private_dirs)
 {
     int pipefd[2];
     ASSERT_EQ(pipe(pipefd), 0);
@@ -74,7 +55,7 @@ void run_forked(const std::function<void()>& body, bool private_dirs, bool priva
     if (pid == 0) {
         close(pipefd[0]);
         std::string why;
-        if ((private_dirs && !enter_private_dirs(&why)) || (private_net && !enter_private_net(&why))) {
+        if (private_dirs && !enter_private_dirs(&why)) {
             ssize_t w = write(pipefd[1], why.data(), why.size());
             (void)w;
             _exit(77);  // skipped, the reason in the pipe
@@ -114,7 +95,6 @@ void run_in_private_dirs(const std::function<void()>& body) { run_forked(body, t
 
 void run_in_child(const std::function<void()>& body) { run_forked(body, false); }
 
-void run_in_private_net(const std::function<void()>& body) { run_forked(body, false, true); }
 
 int spawn_child(const std::function<int()>& fn)
 {

@@ -2,9 +2,7 @@
 
 #include <arpa/inet.h>
 #include <cstring>
-#include <sys/socket.h>
 
-#include "misc/initsock.h"
 
 Bytes ns_name(const char* text, uint8_t type)
 {
@@ -54,22 +52,4 @@ Bytes ns_status_answer(uint16_t id, const Bytes& asked, const std::vector<std::p
     }
     rest.insert(rest.end(), 46, 0);
     return ns_packet(id, 0x84, 0x00, {0, 1, 0, 0}, asked, {0}, rest);
-}
-
-int ns_socket(const char* addr, uint16_t* port)
-{
-    return init_sock(inet_addr(addr), port, 0);
-}
-
-std::vector<Bytes> ns_received(int fd)
-{
-    std::vector<Bytes> got;
-    for (;;) {
-        Bytes b(1600);
-        ssize_t n = recv(fd, b.data(), b.size(), 0);
-        if (n < 0 || (n == 3 && memcmp(b.data(), "end", 3) == 0))
-            return got;
-        b.resize(size_t(n));
-        got.push_back(b);
-    }
 }

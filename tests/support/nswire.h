@@ -1,7 +1,7 @@
 #pragma once
 
-// Name-service datagrams written out byte by byte for the tests, the
-// datagrams a loopback socket has received, and random bytes for fuzzing.
+// Name-service datagrams written out byte by byte for the tests, and random
+// bytes for hostile ones.
 
 #include <cstdint>
 #include <utility>
@@ -35,8 +35,3 @@ Bytes ip_bytes(const char* dotted);
 // A positive node-status response for `asked`: the names with their flags
 // (0x8000 group, 0x0400 active, 0x0200 permanent), zero statistics.
 Bytes ns_status_answer(uint16_t id, const Bytes& asked, const std::vector<std::pair<Bytes, uint16_t>>& names);
-// A datagram socket bound to addr:*port (0: any port, then set); -1 on failure.
-int ns_socket(const char* addr, uint16_t* port);
-// The datagrams waiting on fd up to the 3-byte marker "end", which the
-// caller has sent after whatever it tests: no wait on time.
-std::vector<Bytes> ns_received(int fd);
