@@ -12,7 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <climits>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -25,9 +25,8 @@ bool exited_with(int wstatus, int code) { return wstatus != -1 && WIFEXITED(wsta
 
 std::string link_of(const std::string& path)
 {
-    char buf[PATH_MAX];
-    ssize_t n = readlink(path.c_str(), buf, sizeof buf - 1);
-    return n < 0 ? "" : std::string(buf, size_t(n));
+    std::error_code ec;
+    return std::filesystem::read_symlink(path, ec).string();
 }
 
 class Startup : public ::testing::Test {
