@@ -36,10 +36,7 @@ std::string header(uint32_t op, uint32_t xid, int32_t len, int32_t more = 0)
 {
     ns_hdr h{};
     memcpy(h.magic, NS_MAGIC, sizeof h.magic);
-    h.len = len;
-    h.xid = xid;
-    h.op = op;
-    h.more = more;
+    h.len = len, h.xid = xid, h.op = op, h.more = more;
     return std::string(reinterpret_cast<const char*>(&h), sizeof h);
 }
 
@@ -248,8 +245,7 @@ TEST_F(Clients, NothingAClientWritesOrLeavesUnreadStopsTheService)
     EXPECT_EQ(lab.halyardctl({"check", "FORGED<20>"}, &out), 1) << out;
     kill(in, SIGKILL);
     waitpid(in, nullptr, 0);
-    close(answers);
-    close(ready[0]), close(ready[1]);
+    close(answers), close(ready[0]), close(ready[1]);
     // Each drop left its line in the relay's trace.
     std::string trace = lab.trace("ntf.trc");
     for (const char* line : {"ntf_take: 1 bytes without a header skipped\n",

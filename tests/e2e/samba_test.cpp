@@ -53,7 +53,6 @@ protected:
             "log file = " + dir + "/log.%m\nmax log size = 0\n" + dirs));
     }
 
-    // nmblookup in the station with its own configuration; its output.
     std::string nmblookup(const std::vector<std::string>& args)
     {
         std::vector<std::string> argv{nmblookup_bin, "-s", dir + "/smb.conf"};
@@ -63,19 +62,19 @@ protected:
         return out;
     }
 
-    // A command of the station in the background, its output to `out_file`: its pid, or -1.
+    // In the background, output to `out_file`: its pid, or -1.
     pid_t start_station(const std::string& command, const std::string& out_file)
     {
         return lab.start(lab_station1, {"/bin/sh", "-c", "exec " + command + " >" + out_file + " 2>&1"});
     }
 
-    std::string nmbd_command()
+    pid_t start_nmbd()
     {
-        return std::string(nmbd_bin) + " --foreground --debug-stdout --no-process-group -d 2 -s " + dir + "/smb.conf";
+        return start_station(std::string(nmbd_bin) + " --foreground --debug-stdout --no-process-group -d 2 -s " + dir +
+                             "/smb.conf", dir + "/nmbd.out");
     }
     bool stop_station(pid_t pid) { return kill(pid, SIGTERM) == 0 && lab.wait_exit(pid, 20.0); }
 
-    // tshark's standard output for the capture, its warnings left out.
     std::string tshark_read(const std::string& filter, const std::string& fields = "")
     {
         std::string out;
@@ -154,7 +153,7 @@ TEST_F(Samba, NmblookupAndNmbdMeetOurDaemonAndTsharkDecodesIt)
 
     // nmbd claims STATION<20> by broadcasting for some seconds: look it up
     // until it answers; then its status, and its defence against our claim.
-    pid_t nmbd = start_station(nmbd_command(), dir + "/nmbd.out");
+    pid_t nmbd = start_nmbd();
     ASSERT_GT(nmbd, 0) << lab.last_error();
     ASSERT_TRUE(lab_wait_for(60, [&] { return lab.halyardctl({"lookup", "STATION<20>"}, &out) == 0; }))
         << out << lab_read_file(dir + "/nmbd.out");
@@ -170,14 +169,9 @@ TEST_F(Samba, NmblookupAndNmbdMeetOurDaemonAndTsharkDecodesIt)
     EXPECT_TRUE(stop_station(nmbd)) << lab_read_file(dir + "/nmbd.out");
 
     // nmblookup -A (as nbtstat -A) asks for the node status of "*": with
-    // NB-wildcard-status on, in a configuration with CRLF line ends, it gets
-    // the whole name table.
-    int wstatus = -1;
-    ASSERT_TRUE(lab.stop_daemon(lab.registered_pid(), 20.0, &wstatus));
-    std::string crlf;
-    for (char c : lab.default_config() + "NB-wildcard-status on\n")
-        crlf += c == '\n' ? std::string("\r\n") : std::string(1, c);
-    ASSERT_TRUE(lab.write_config(crlf));
+    // NB-wildcard-status on it gets the whole name table.
+    ASSERT_TRUE(lab.stop_daemon(lab.registered_pid()));
+    ASSERT_TRUE(lab.write_config(lab.default_config() + "NB-wildcard-status on\n"));
     ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
     ASSERT_EQ(lab.halyardctl({"add", "FILESERV<20>"}), 0);
     ASSERT_EQ(lab.halyardctl({"add", "WORKGRP<1E>", "--group"}), 0);
@@ -202,7 +196,7 @@ TEST_F(Samba, TheDaemonRegistersAndLooksUpAtWinsServers)
     ASSERT_TRUE(lab.write_file(dir + "/smb.conf", conf));
     pid_t capture = start_capture();
     ASSERT_NE(capture, -1) << lab_read_file(dir + "/dumpcap.out");
-    pid_t nmbd = start_station(nmbd_command(), dir + "/nmbd.out");
+    pid_t nmbd = start_nmbd();
     ASSERT_GT(nmbd, 0) << lab.last_error();
     for (const char* a : {"10.88.0.3/24", "10.88.0.9/24"})
         ASSERT_EQ(lab.run(lab_station1, {"/sbin/ip", "addr", "add", a, "dev", "hs0"}), 0) << a;
@@ -210,8 +204,7 @@ TEST_F(Samba, TheDaemonRegistersAndLooksUpAtWinsServers)
     ASSERT_TRUE(far >= 0 && first >= 0) << lab.last_error();
     // An NB record: TTL, then flags and address (RFC 1002 4.2.1.3).
     auto nb_rr = [](uint8_t ttl, const char* addr) {
-        Bytes r{0, 0x20, 0, 1, 0, 0, 0, ttl, 0, 6, 0, 0};
-        Bytes a = ip_bytes(addr);
+        Bytes r{0, 0x20, 0, 1, 0, 0, 0, ttl, 0, 6, 0, 0}, a = ip_bytes(addr);
         r.insert(r.end(), a.begin(), a.end());
         return r;
     };
@@ -246,9 +239,8 @@ TEST_F(Samba, TheDaemonRegistersAndLooksUpAtWinsServers)
     EXPECT_EQ(lab.halyardctl({"check", "MYHOST<20>"}), 0) << lab.log();
 
     // A name only the servers know: the first is asked, then nmbd.
-    Bytes reg{0, 0x20, 0, 1, 0xC0, 0x0C};
-    for (uint8_t b : nb_rr(60, "10.88.0.3"))
-        reg.push_back(b);
+    Bytes reg = nb_rr(60, "10.88.0.3");
+    reg.insert(reg.begin(), {0, 0x20, 0, 1, 0xC0, 0x0C});
     got.reset();
     for (int i = 0; i < 60 && !(got && got->bytes.size() > 3 && got->bytes[3] == 0x80); ++i) {
         ASSERT_TRUE(lab.send_to(far, "10.88.0.2", 137, ns_packet(7, 0x29, 0, {1, 0, 0, 1}, ns_name("FARHOST"), {0}, reg)));

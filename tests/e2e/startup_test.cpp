@@ -12,8 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <climits>
-#include <cstring>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -26,9 +25,8 @@ bool exited_with(int wstatus, int code) { return wstatus != -1 && WIFEXITED(wsta
 
 std::string link_of(const std::string& path)
 {
-    char buf[PATH_MAX];
-    ssize_t n = readlink(path.c_str(), buf, sizeof buf - 1);
-    return n < 0 ? "" : std::string(buf, size_t(n));
+    std::error_code ec;
+    return std::filesystem::read_symlink(path, ec).string();
 }
 
 class Startup : public ::testing::Test {
@@ -133,9 +131,9 @@ TEST_F(Startup, DetachesRegistersTracesAndEndsCleanly)
         << lab_describe_status(status);
     EXPECT_EQ(lab.registered_pid(), -1) << lab_read_file(lab_plist_path);
 
-    // Mistakes: the launcher prints what the detached daemon can only log,
-    // each bad line is logged by number, the good ones around them are
-    // taken, a broadcast address and netmask not given come from the system.
+    // Mistakes: the launcher prints what the detached daemon can only log, the
+    // good lines around them are taken, a broadcast and netmask not given
+    // come from the system.
     ASSERT_TRUE(lab.write_config("[realm NB]\ntransport tcpip\n[interface tcpip hd0]\naddress 10.88.0.1\n"
                                  "address 10.88.0.9\n[transport tcpip]\nNB-name-port abc\n"   // lines 5 and 7
                                  "NB-scope corp.example\nNB-nd-port 99999\n"));  // line 9: only said
@@ -145,10 +143,6 @@ TEST_F(Startup, DetachesRegistersTracesAndEndsCleanly)
     EXPECT_NE(out.find("Halyard: /etc/opt/KORRbase/config.vz:7: NB-name-port abc: a port number from 1 to 65535\n"
                        "Halyard: /etc/opt/KORRbase/config.vz:9: NB-nd-port 99999: a port number from 1 to 65535 "
                        "(the daemon would use 34463)\n"), std::string::npos) << out;
-    for (int line : {5, 7})
-        EXPECT_NE(lab.log().find("Halyard: error in config file at line " + std::to_string(line) + "\r\n"),
-                  std::string::npos) << line << lab.log();
-    EXPECT_EQ(lab.log().find("at line 8\r\n"), std::string::npos) << lab.log();
     ASSERT_TRUE(lab.wait_trace("find_netmask: found mask (255.255.255.0)")) << lab.trace();
     EXPECT_NE(lab.trace().find("find_bcast: found bcast (10.88.0.255)"), std::string::npos);
     EXPECT_NE(lab.trace().find("nbscope: corp.example\n"), std::string::npos);
@@ -245,15 +239,8 @@ TEST_F(Startup, WaitsQuietlyForItsFirstAddress)
     ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
     const std::string waiting = "\tHalyard: no interface to serve yet; waiting for one\r\n";
     ASSERT_TRUE(lab.wait_log(waiting)) << lab.log();
-    for (const char* args : {"link set hd0 down", "link set hd0 up", "address add 10.98.0.1/16 dev hd0",
-                             "address add 10.99.0.1/16 dev hd0"}) {
-        std::vector<std::string> argv{"/usr/sbin/ip"};
-        for (const char* p = args; *p != '\0'; p += *p == ' ') {
-            argv.emplace_back(p, strcspn(p, " "));
-            p += argv.back().size();
-        }
-        ASSERT_EQ(lab.run(lab_daemon, argv), 0) << args;
-    }
+    ASSERT_EQ(lab.run(lab_daemon, {"/bin/sh", "-c", "I=/sbin/ip; $I link set hd0 down && $I link set hd0 up && "
+                                   "$I address add 10.98.0.1/16 dev hd0 && $I address add 10.99.0.1/16 dev hd0"}), 0);
     ASSERT_TRUE(lab.wait_log("\tHalyard: serving 10.99.0.1 on hd0\r\n", 2.0)) << lab.log();
     std::string log = lab.log();
     EXPECT_EQ(log.find(waiting), log.rfind(waiting)) << log;

@@ -48,7 +48,6 @@ int ms_left(Clock::time_point deadline)
     return left <= 0 ? 0 : int(left);
 }
 
-// Polls `done` every 20 ms until it holds or the deadline passes.
 std::string errtext(const std::string& what) { return what + ": " + strerror(errno); }
 
 ino_t inode_of(const std::string& path)
@@ -108,8 +107,7 @@ pid_t spawn(int ns_fd, const std::string& path, const std::vector<std::string>& 
     for (const std::string& a : args)
         argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
-    std::string failed = "lab: cannot execute " + path + (uid >= 0 ? " as uid " + std::to_string(uid) : "");
-    failed += "\n";
+    std::string failed = "lab: cannot execute " + path + (uid >= 0 ? " as uid " + std::to_string(uid) : "") + "\n";
     pid_t pid = fork();
     if (pid != 0)
         return pid;
@@ -214,14 +212,10 @@ std::string lab_read_file(const std::string& path)
 
 bool lab_wait_for(double seconds, const std::function<bool()>& done)
 {
-    auto deadline = deadline_in(seconds);
-    for (;;) {
-        if (done())
-            return true;
+    for (auto deadline = deadline_in(seconds); !done(); usleep(20 * 1000))
         if (Clock::now() >= deadline)
             return false;
-        usleep(20 * 1000);
-    }
+    return true;
 }
 
 pid_t lab_plist_pid(const std::string& plist_text)
@@ -404,10 +398,8 @@ pid_t Lab::start_daemon(const std::vector<std::string>& args, double seconds)
     int st = launch(args, seconds);
     if (st == -1)
         return -1;
-    if (st != 0) {
-        error_ = "the launching process " + lab_describe_status(st);
-        return -1;
-    }
+    if (st != 0)
+        return error_ = "the launching process " + lab_describe_status(st), -1;
     pid_t pid = wait_registered(seconds);
     if (pid < 0)
         error_ = "no live process registered within " + std::to_string(seconds) + " s; registration: \"" +
@@ -490,12 +482,8 @@ void Lab::end_sanitizer_reports()
     }
     rmdir(report_dir_.c_str());
     report_dir_.clear();
-    for (int i = 0; i < 2; ++i) {
-        if (had_env_[i])
-            setenv(sanitizer_vars[i], saved_env_[i].c_str(), 1);
-        else
-            unsetenv(sanitizer_vars[i]);
-    }
+    for (int i = 0; i < 2; ++i)
+        (void)(had_env_[i] ? setenv(sanitizer_vars[i], saved_env_[i].c_str(), 1) : unsetenv(sanitizer_vars[i]));
 }
 
 bool Lab::wait_exit(pid_t pid, double seconds, int* wstatus, pid_t* which)
@@ -570,13 +558,9 @@ bool Lab::udp_port_bound(pid_t pid, uint16_t port)
 
 int Lab::udp_socket(LabSide side, uint16_t port, const std::string& addr)
 {
-    sockaddr_in sin {};
-    sin.sin_family = AF_INET;
-    sin.sin_port = htons(port);
-    if (!addr.empty() && inet_pton(AF_INET, addr.c_str(), &sin.sin_addr) != 1) {
-        error_ = "not an IPv4 address: " + addr;
-        return -1;
-    }
+    sockaddr_in sin {AF_INET, htons(port), {}, {}};
+    if (!addr.empty() && inet_pton(AF_INET, addr.c_str(), &sin.sin_addr) != 1)
+        return error_ = "not an IPv4 address: " + addr, -1;
     int fd = ns_fd(side) < 0 ? -1 : in_netns(ns_fd(side), [] { return socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0); });
     int on = 1;
     if (fd < 0 || setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on) != 0 ||
@@ -617,25 +601,18 @@ bool Lab::send_raw_udp(int fd, uint32_t from, uint16_t sport, uint32_t to, uint1
     p[22] = uint8_t(dport >> 8), p[23] = uint8_t(dport);
     p[24] = uint8_t(ulen >> 8), p[25] = uint8_t(ulen);
     memcpy(&p[28], payload.data(), payload.size());
-    sockaddr_in sin {};
-    sin.sin_family = AF_INET;
-    sin.sin_addr.s_addr = to;
+    sockaddr_in sin {AF_INET, 0, {to}, {}};
     return sendto(fd, p.data(), p.size(), 0, reinterpret_cast<sockaddr*>(&sin), sizeof sin) == ssize_t(p.size());
 }
 
 bool Lab::send_to(int fd, const std::string& addr, uint16_t port, const std::vector<uint8_t>& bytes)
 {
-    sockaddr_in to {};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(port);
-    if (inet_pton(AF_INET, addr.c_str(), &to.sin_addr) != 1) {
-        error_ = "not an IPv4 address: " + addr;
-        return false;
-    }
+    sockaddr_in to {AF_INET, htons(port), {}, {}};
+    if (inet_pton(AF_INET, addr.c_str(), &to.sin_addr) != 1)
+        return error_ = "not an IPv4 address: " + addr, false;
     if (sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to) == ssize_t(bytes.size()))
         return true;
-    error_ = errtext("sendto");
-    return false;
+    return error_ = errtext("sendto"), false;
 }
 
 std::optional<LabDatagram> Lab::recv(int fd, double seconds)
@@ -679,10 +656,8 @@ std::vector<LabDatagram> Lab::collect(int fd, size_t count, double seconds,
 int Lab::run(LabSide side, const std::vector<std::string>& argv, std::string* out, double seconds, int uid, int gid)
 {
     int pipe_fds[2] = {-1, -1};
-    if (pipe2(pipe_fds, O_CLOEXEC) != 0) {
-        error_ = errtext("run: a pipe");
-        return -1;
-    }
+    if (pipe2(pipe_fds, O_CLOEXEC) != 0)
+        return error_ = errtext("run: a pipe"), -1;
     pid_t pid = spawn_as(side, argv, pipe_fds[1], uid, gid);
     close(pipe_fds[1]);
     auto deadline = deadline_in(seconds);
@@ -708,10 +683,8 @@ pid_t Lab::start(LabSide side, const std::vector<std::string>& argv) { return sp
 
 pid_t Lab::spawn_as(LabSide side, const std::vector<std::string>& argv, int out_fd, int uid, int gid)
 {
-    if (ns_fd(side) < 0 || argv.empty()) {
-        error_ = "no such lab namespace (before setup?), or no command";
-        return -1;
-    }
+    if (ns_fd(side) < 0 || argv.empty())
+        return error_ = "no such lab namespace (before setup?), or no command", -1;
     std::string path = uid >= 0 || gid >= 0 ? reachable(argv[0]) : argv[0];
     if (path.empty()) {
         ADD_FAILURE() << error_;  // a test that cannot run it as that user fails, saying why
@@ -731,10 +704,8 @@ std::string Lab::reachable(const std::string& program)
     const char* dir = "/opt/lab-programs";
     if (!programs_mounted_) {
         if (mkdir(dir, 0755) != 0 ||
-            mount("halyard-lab", dir, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755,size=512m") != 0) {
-            error_ = errtext(std::string("a tmpfs at ") + dir + " for programs run as another user");
-            return "";
-        }
+            mount("halyard-lab", dir, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755,size=512m") != 0)
+            return error_ = errtext(std::string("a tmpfs at ") + dir + " for programs run as another user"), "";
         programs_mounted_ = true;
     }
     std::string copy = std::string(dir) + program.substr(program.rfind('/'));
