@@ -1,6 +1,5 @@
-// ENS datagrams from the agents through ens_recv, with one agent configured
-// and one command of every kind waiting for its response. The ENS socket is
-// closed inside a private network namespace: the answers we send fail.
+// ENS datagrams through ens_recv, one agent configured and one command of
+// every kind waiting for its response.
 //
 // Input: one option byte, then the datagram (at most 1500 bytes).
 //   bit 0  the sender is a stranger, not the agent
@@ -10,28 +9,13 @@
 // An id field below 16 is taken as an index: the id of the waiting command
 // made that many commands after the input began (1 to 7 are the waiting
 // ones), so that responses can find their command.
-#include <arpa/inet.h>
-#include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
-#include <unistd.h>
 
 #include "fuzz/fuzzenv.h"
-
 #include "misc/enskey.h"
-#include "nmtrace.h"
-#include "shr/uniinet.h"
 #include "src/claim.h"
 #include "src/cust.h"
 #include "src/delay.h"
-#include "src/dorequest.h"
 #include "src/ensrecv.h"
-#include "src/enstable.h"
-#include "src/getnpack.h"
-#include "src/maininit.h"
-#include "src/namecust.h"
-#include "src/namelogin.h"
-#include "src/ntable.h"
 #include "src/query.h"
 
 namespace {
@@ -41,8 +25,7 @@ uint8_t query_area[NPKT_AREA];
 uint8_t claim_area[NPKT_AREA];
 npkt query_pkt, claim_pkt;
 
-// Another station's query for REMOTE and its registration of CLAIMED, both
-// from 10.88.0.7, as decode_npack leaves them.
+// 10.88.0.7's query for REMOTE and registration of CLAIMED, decoded.
 void make_packets()
 {
     uint8_t name[16];
@@ -114,31 +97,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     uint32_t base = start_commands();
 
     size_t len = size - 1;
-    uint8_t* bytes = len > 0 ? new uint8_t[len] : nullptr;
-    if (len > 0)
-        memcpy(bytes, data + 1, len);
-    if (len >= 8) {
-        uint32_t id = uint32_t(bytes[4] | bytes[5] << 8 | bytes[6] << 16 | uint32_t(bytes[7]) << 24);
-        if (id < 16) {
-            id += base;
-            for (int i = 0; i < 4; i++)
-                bytes[4 + i] = uint8_t(id >> (8 * i));
-        }
-    }
+    std::vector<uint8_t> bytes(data + 1, data + size);
+    uint32_t id = len >= 8 ? uint32_t(bytes[4] | bytes[5] << 8 | bytes[6] << 16 | uint32_t(bytes[7]) << 24) : 16;
+    for (int i = 0; i < 4 && id < 16; i++)
+        bytes[4 + i] = uint8_t((id + base) >> (8 * i));
     char why[128];
     if ((opt & 4) && ek_load(KEY_PATH, why, sizeof why) < 0)
         abort();
     if ((opt & 12) == 4) {
         // Sealed into a buffer of exactly its size, so a read past it is seen.
-        auto* sealed = new uint8_t[len + EK_SEAL_SIZE];
-        len = size_t(ek_seal(sealed, int(len + EK_SEAL_SIZE), bytes, int(len), ek_now_us()));
-        delete[] bytes;
-        bytes = sealed;
+        std::vector<uint8_t> sealed(len + EK_SEAL_SIZE);
+        len = size_t(ek_seal(sealed.data(), int(sealed.size()), bytes.data(), int(len), ek_now_us()));
+        bytes.swap(sealed);
     }
     UniAddr sender{};
     iantoua(&sender, (opt & 1) ? inet_addr("10.88.0.99") : nda_addr[0], ndport);
-    ens_recv(-1, bytes, int(len), &sender);
-    delete[] bytes;
+    ens_recv(-1, bytes.data(), int(len), &sender);
     ek_clear();
 
     rm_lu(1);

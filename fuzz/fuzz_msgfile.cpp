@@ -1,19 +1,11 @@
-// Message files: the input is the file. msg_get and fixup_string read it
-// directly, then log_catmsg and print_catmsg use it as the site's message
-// file for messages whose default texts take strings, ints and a long.
-#include <cstdio>
-#include <cstring>
-#include <initializer_list>
+// Message files (the input), read directly and as the site's message file
+// for messages whose default texts take strings, ints and a long.
 
 #include "fuzz/fuzzenv.h"
 #include "shr/logcatmsg.h"
 #include "shr/logging.h"
 
-namespace {
-
 constexpr const char* MSG_PATH = "/opt/KORRlibs/lib/kbsrvmsg";
-
-}  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
@@ -37,14 +29,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     msg_get(mem, 0, 1, "default");
     fclose(mem);
 
-    char* text = new char[size + 1];
-    memcpy(text, data, size);
-    text[size] = '\0';
-    fixup_string(text);
-    delete[] text;
+    std::vector<char> text(size + 1);   // zero-filled: the last byte ends it
+    memcpy(text.data(), data, size);
+    fixup_string(text.data());
 
-    // The same file rewritten in place: the lookup keeps it open and
-    // rewinds it for every message.
+    // Rewritten in place: the lookup keeps it open, rewinds it each time.
     fz_write_file(MSG_PATH, data, size);
     for (int number = 0; number < 8; number++) {
         log_catmsg(LOG_SET, number, "%s: error in config file at line %d", "Halyard", 42);

@@ -1,19 +1,15 @@
-// The agent's request reader and answers over the SQLite directory (see
-// fz_agent). Sends fail (no socket, no network).
+// The agent's request reader and answers over the SQLite directory.
 //
 // Input: the datagrams of fz_agent_datagrams; option bits 0-1 the sender of
 // four stations, bit 2 a second passes first, bit 4 in one batch, one
 // transaction, with the datagram before. Station 0 holds HELD<20> and
 // station 1 is a member of GROUP<1e> at the start; stations 0 to 2 are
 // registrars, station 3 is not. The VERIFY ids start at 1, so a response can
-// answer one the input started. At the end the clock runs on until every
-// verification settled.
-#include <arpa/inet.h>
+// answer one the input started.
 
 #include "fuzz/fuzzenv.h"
 #include "nda/ndaserve.h"
 #include "nda/ndastore.h"
-#include "shr/uniinet.h"
 
 namespace {
 

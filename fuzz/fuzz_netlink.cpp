@@ -1,5 +1,4 @@
-// Route-message datagrams through nl_changes, the reader of the interface
-// follower: the input is one datagram as the socket gives it.
+// Route-message datagrams, as the socket gives them, through nl_changes.
 #include "fuzz/fuzzenv.h"
 #include "src/ifwatch.h"
 

@@ -1,25 +1,13 @@
-// Name-service datagrams as the daemon receives them: decode_npack, then
-// process_npkt with local names, pending lookups and status requests, and
-// (by the first byte) agents configured and the trace on. Sends go to
-// closed sockets inside a private network namespace.
+// Name-service datagrams through decode_npack and process_npkt, with local
+// names, pending lookups and status requests.
 //
 // Input: one option byte, then the datagram (at most 1500 bytes).
 //   bit 0  one agent configured      bit 1  the sender is our own address
 //   bit 2  every trace level at 9    bit 3  the sender is off our subnets
 //   bit 4  lookups are not strict    bit 5  the sender is our WINS server,
 //                                           asked for FAR (its id is random)
-#include <arpa/inet.h>
-#include <vector>
 
 #include "fuzz/fuzzenv.h"
-
-#include "nmtrace.h"
-#include "shr/uniinet.h"
-#include "src/dorequest.h"
-#include "src/getnpack.h"
-#include "src/maininit.h"
-#include "src/namelogin.h"
-#include "src/ntable.h"
 #include "src/service.h"
 #include "src/wins.h"
 

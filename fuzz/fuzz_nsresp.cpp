@@ -1,11 +1,7 @@
-// The readers of name-service responses on a datagram of up to 1500 bytes:
-// find_ip_rfc and find_as_rfc (the client library's and the daemon's),
-// find_ttl_rfc (the WINS client's), and find_flags and find_type of the
-// decoder.
-#include <vector>
+// The readers of name-service responses (the client library's, the
+// daemon's, the WINS client's, the decoder's) on one datagram.
 
 #include "fuzz/fuzzenv.h"
-#include "src/getnpack.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
@@ -21,10 +17,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     std::vector<uint8_t> copy(data, data + size);
     uint8_t* bytes = size > 0 ? copy.data() : nullptr;
     int len = int(size);
-    uint32_t addr = 0;
+    uint32_t addr = 0, ttl = 0;
     int group = 0;
     find_ip_rfc(bytes, len, &addr, &group);
-    uint32_t ttl = 0;
     find_ttl_rfc(bytes, len, &ttl);
     static as_stats st;
     static as_name recs[AS_MAXNAMES];

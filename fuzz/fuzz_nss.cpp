@@ -6,27 +6,18 @@
 //
 // Input: the two xids (4 bytes each, host order), a byte seeding the read
 // sizes, then the stream (at most 60 KiB, what a FIFO holds).
-#include <algorithm>
-#include <cstring>
 
 #include "fuzz/fuzzenv.h"
 #include "nss/nssanswer.h"
 #include "src/nsmsg.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size < 9 || size > 9 + 60 * 1024)
         return -1;
-    NssAsk asks[2];
-    for (int i = 0; i < 2; i++) {
-        asks[i] = NssAsk{0, NssState::waiting, 0};
-        memcpy(&asks[i].xid, data + 4 * i, 4);
-    }
+    NssAsk asks[2] = {{0, NssState::waiting, 0}, {0, NssState::waiting, 0}};
+    memcpy(&asks[0].xid, data, 4);
+    memcpy(&asks[1].xid, data + 4, 4);
     uint32_t seed = data[8] | 1u;
     const uint8_t* stream = data + 9;
     size_t left = size - 9;
@@ -56,12 +47,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     int wait = nss_wait_ms(std::span<const uint8_t>(data, size));
     if (wait < NSS_WAIT_MIN_MS || wait > NSS_WAIT_MAX_MS)
         __builtin_trap();
-    char host[64];
-    size_t hn = std::min(size, sizeof host - 1);
-    memcpy(host, data, hn);
-    host[hn] = '\0';
+    std::vector<char> host(std::min(size, size_t(63)) + 1);   // zero-filled: cut at the first zero
+    memcpy(host.data(), data, host.size() - 1);
     uint8_t name[16];
-    if (nss_nbname(name, host, 0x20) == 0 && (name[15] != 0x20 || strlen(host) > 15))
+    if (nss_nbname(name, host.data(), 0x20) == 0 && (name[15] != 0x20 || strlen(host.data()) > 15))
         __builtin_trap();
     return 0;
 }

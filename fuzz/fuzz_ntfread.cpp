@@ -1,15 +1,10 @@
-// Byte streams through the notifier's framed readers: what the daemon
-// writes into the response pipe read back message by message with ntf_read,
-// and what clients write into the server FIFO with ntf_take, until the
-// stream ends (the writer is closed: a message cut short ends it).
+// Byte streams through the notifier's framed readers, ntf_read (the
+// response pipe) and ntf_take (the server FIFO), until the stream ends.
 //
 // Input: two bytes choosing ntf_read's limit (big-endian; 0xFFFF is -1),
 // then the stream (at most 60 KiB, which a pipe holds).
-#include <fcntl.h>
-#include <unistd.h>
 
 #include "fuzz/fuzzenv.h"
-#include "src/dorequest.h"
 #include "src/notifier.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
@@ -27,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         limit = -1;
     ns_hdr hdr;
     // Exactly the room the callers give: a longer read is a read past it.
-    uint8_t* buf = new uint8_t[NS_MAXDATA];
+    std::vector<uint8_t> buf(NS_MAXDATA);
     for (int reader = 0; reader < 2; reader++) {
         int p[2];
         if (pipe(p) != 0)
@@ -39,7 +34,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         close(p[1]);
         ntf_take_reset();
         for (size_t i = 0; i <= size; i++) {
-            int n = reader == 0 ? ntf_read(p[0], &hdr, buf, limit) : ntf_take(p[0], &hdr, buf);
+            int n = reader == 0 ? ntf_read(p[0], &hdr, buf.data(), limit) : ntf_take(p[0], &hdr, buf.data());
             if (n < 0)
                 break;
             if (n > NS_MAXDATA || (reader == 0 && limit >= 0 && n > limit) || n > hdr.len ||
@@ -48,6 +43,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         }
         close(p[0]);
     }
-    delete[] buf;
     return 0;
 }

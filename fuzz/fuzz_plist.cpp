@@ -1,20 +1,13 @@
-// Property-list files: the input is the "=plist" file of an object in a
-// private database root. It is listed, rewritten by a delete (which reads
-// and writes every line back), listed again, and read by name.
-#include <cstdio>
-
+// Property-list files (the input): listed, rewritten by a delete, listed
+// again, read by name, counted in.
 #include "config/dballoc.h"
 #include "config/dbob.h"
 #include "config/dbprop.h"
 #include "fuzz/fuzzenv.h"
 #include "shr/vzmkkvcv.h"
 
-namespace {
-
 constexpr const char* PLIST_PATH = "/var/opt/KORRbase/rtdb/realm=NB/program=Halyard/=plist";
-vz_kvc* object = nullptr;
-
-}  // namespace
+static vz_kvc* object = nullptr;
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
@@ -23,9 +16,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
     vz_kvcstate st;
     if (vz_kvcv_init(&object, &st) != 0 || vz_kvcv_add(&object, &st, "system", "*", nullptr) != 0 ||
         vz_kvcv_add(&object, &st, "realm", "NB", nullptr) != 0 ||
-        vz_kvcv_add(&object, &st, "program", "Halyard", nullptr) != 0)
-        __builtin_trap();
-    if (vzdb_ob_create(object) != 0)
+        vz_kvcv_add(&object, &st, "program", "Halyard", nullptr) != 0 || vzdb_ob_create(object) != 0)
         __builtin_trap();
     return 0;
 }

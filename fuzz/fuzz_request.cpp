@@ -1,20 +1,11 @@
-// Client messages as the notifier hands them on: the bytes go into the
-// daemon's request pipe and do_request frames, reads and answers them until
-// the pipe is empty. Responses are read and dropped.
-// The name-service socket is closed inside a private network namespace.
+// Client messages through the daemon's request pipe, do_request answering
+// until the pipe is empty.
 //
 // Input: one option byte, then the stream (at most 64 KiB).
 //   bit 0  one agent configured      bit 1  every trace level at 9
-#include <arpa/inet.h>
 #include <csignal>
-#include <cstring>
 
 #include "fuzz/fuzzenv.h"
-#include "nmtrace.h"
-#include "src/dorequest.h"
-#include "src/maininit.h"
-#include "src/namelogin.h"
-#include "src/ntable.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {

@@ -3,8 +3,6 @@
 //   1  nm_strtonb on the rest as a text, its result back through nm_nbtostr
 //   2  d_to_vd: the second byte the output room (1 to 256), the rest the
 //      wire domain, zero-padded to room + 1 bytes, the most it may read
-#include <algorithm>
-#include <cstring>
 
 #include "fuzz/fuzzenv.h"
 #include "misc/nencode.h"
@@ -26,22 +24,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             return -1;
         int room = data[1] + 1;
         size_t len = size - 2;
-        size_t have = std::max(len, size_t(room) + 1);
-        uint8_t* in = new uint8_t[have]();
-        memcpy(in, data + 2, len);
-        char* out = new char[size_t(room)];
-        if (d_to_vd(out, in, room) == 0 && strlen(out) >= size_t(room))
+        std::vector<uint8_t> in(std::max(len, size_t(room) + 1));
+        memcpy(in.data(), data + 2, len);
+        std::vector<char> out(static_cast<size_t>(room));
+        if (d_to_vd(out.data(), in.data(), room) == 0 && strlen(out.data()) >= size_t(room))
             __builtin_trap();   // the text and its zero byte must fit
-        delete[] out;
-        delete[] in;
         return 0;
     }
     // The text as its callers pass it: NUL-terminated, nothing after it.
-    char* text = new char[size];
-    memcpy(text, data + 1, size - 1);
-    text[size - 1] = '\0';
+    std::vector<char> text(size);
+    memcpy(text.data(), data + 1, size - 1);
     if (which == 0) {
-        const UniAddr* ua = uni_aton(text);
+        const UniAddr* ua = uni_aton(text.data());
         if (ua != nullptr) {
             if (ua->len > UNI_MAXADDR)
                 __builtin_trap();
@@ -53,13 +47,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         }
     } else {
         uint8_t name[NB_NAMELEN];
-        if (nm_strtonb(name, text) == 0) {
+        if (nm_strtonb(name, text.data()) == 0) {
             char back[NM_TEXTSIZE];
             nm_nbtostr(back, name);
             if (strlen(back) >= NM_TEXTSIZE)
                 __builtin_trap();
         }
     }
-    delete[] text;
     return 0;
 }

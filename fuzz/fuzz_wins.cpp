@@ -1,15 +1,9 @@
-// The agent's WINS reader and answers over the SQLite directory (see
-// fz_agent). Sends go nowhere (a socket of a private network namespace
-// without routes).
+// The agent's WINS reader and answers over the SQLite directory.
 //
 // Input: the datagrams of fz_agent_datagrams; option bits 0-1 the sender of
 // four stations, bit 2 the clock runs 600 ms first and what is due runs.
-// Station 0 holds HELD<20> by WINS and station 1's daemon DAEMON<20> at the
-// start. At the end the clock runs on until every challenge settled.
-#include <arpa/inet.h>
+// Station 0 holds HELD<20> by WINS and station 1's daemon DAEMON<20>.
 #include <sys/socket.h>
-
-#include <cstdlib>
 
 #include "fuzz/fuzzenv.h"
 #include "nda/ndaserve.h"

@@ -2,32 +2,18 @@
 
 #include <sqlite3.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <arpa/inet.h>
-#include <fcntl.h>
 #include <climits>
-#include <initializer_list>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <unistd.h>
-#include <vector>
 
 #include "nda/ndadir.h"
 #include "nda/ndastore.h"
-#include "nmtrace.h"
 #include "shr/logging.h"
 #include "src/enstable.h"
-#include "src/maininit.h"
-#include "src/namelogin.h"
-#include "src/namecust.h"
 #include "src/notifier.h"
-#include "src/ntable.h"
 
 namespace {
 
@@ -37,8 +23,7 @@ time_t fake_now = 1000000;
 time_t fake_time() { return fake_now; }
 unsigned fake_alarm(unsigned) { return 0; }
 
-int to_daemon = -1;
-int from_daemon = -1;
+int to_daemon = -1, from_daemon = -1;
 bool dirs_private = false;
 
 [[noreturn]] void die(const char* what)
@@ -47,13 +32,24 @@ bool dirs_private = false;
     abort();
 }
 
+void log_and_trace_off()
+{
+    tcfile = nullptr;
+    tc_in = tc_out = tc_proc = tc_err = 0;
+    fz_truncate_log();
+}
+
+constexpr const char* WIPE[] = {"DELETE FROM name", "DELETE FROM addr", "DELETE FROM host"};
+sqlite3_stmt* wipe[3];
+// SQLite's pages not from the sanitizer's allocator: several times faster.
+alignas(16) uint8_t page_pool[512][4096 + 512];
+
 }  // namespace
 
 void fz_private_net()
 {
     if (unshare(CLONE_NEWNET) != 0)
         die("unshare(CLONE_NEWNET) (the harness runs only as root, off the machine's network)");
-    // No sender is registered: nothing the harnesses build is sent.
 }
 
 void fz_private_dirs()
@@ -63,15 +59,13 @@ void fz_private_dirs()
     // Nothing mounted from here on may reach the machine's namespace.
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
         die("mount --make-rprivate /");
-    for (const char* place : {"/etc/opt", "/var/opt", "/opt"}) {
+    for (const char* place : {"/etc/opt", "/var/opt", "/opt"})
         if (mount("halyard-fuzz", place, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755,size=16m") != 0)
             die(place);
-    }
     for (const char* dir : {"/etc/opt/KORRbase", "/var/opt/KORRbase", "/var/opt/KORRbase/rtdb", "/opt/KORRlibs",
-                            "/opt/KORRlibs/lib"}) {
+                            "/opt/KORRlibs/lib"})
         if (mkdir(dir, 0755) != 0)
             die(dir);
-    }
     dirs_private = true;
 }
 
@@ -88,8 +82,6 @@ void fz_quiet()
 
 void fz_truncate_log()
 {
-    // The log is opened and closed for each message: emptying the file
-    // keeps it small.
     if (truncate(LOG_PATH, 0) != 0 && errno != ENOENT)
         die("truncate log");
 }
@@ -132,8 +124,7 @@ void fz_daemon()
     if (pipe2(a, O_NONBLOCK) != 0 || pipe2(b, O_NONBLOCK) != 0)
         die("pipe");
     from_ntf = a[0], to_daemon = a[1], to_ntf = b[1], from_daemon = b[0];
-    // Room for a long listing; a response that still does not fit is lost,
-    // as the daemon's unchecked write would lose it.
+    // Room for a long listing; a longer response is lost, as in the daemon.
     fcntl(to_ntf, F_SETPIPE_SZ, 1 << 20);
     fcntl(from_ntf, F_SETPIPE_SZ, 1 << 20);
     static if_entry ifs[2] = {{inet_addr("10.88.0.1"), inet_addr("10.88.0.255"), inet_addr("255.255.255.0")},
@@ -165,15 +156,10 @@ void fz_end_input(int seconds)
     while (n_table != nullptr)
         nt_del(n_table->name);
     // The hosts learnt from the input; our own stay.
-    for (int i = 0; i < 100000; i++) {
-        EnsAddr* a = ens_a_old(0, LONG_MAX);
-        if (a == nullptr)
-            break;
+    EnsAddr* a;
+    for (int i = 0; i < 100000 && (a = ens_a_old(0, LONG_MAX)) != nullptr; i++)
         ens_free(a->host);
-    }
-    tcfile = nullptr;
-    tc_in = tc_out = tc_proc = tc_err = 0;
-    fz_truncate_log();
+    log_and_trace_off();
 }
 
 void fz_write_file(const char* path, const uint8_t* data, size_t size)
@@ -183,16 +169,6 @@ void fz_write_file(const char* path, const uint8_t* data, size_t size)
         __builtin_trap();
     fclose(f);
 }
-
-namespace {
-
-constexpr const char* WIPE[] = {"DELETE FROM name", "DELETE FROM addr", "DELETE FROM host"};
-sqlite3_stmt* wipe[3];
-// SQLite's pages from a pool of their own, not from the sanitizer's
-// allocator (which fills and quarantines each): several times faster.
-alignas(16) uint8_t page_pool[512][4096 + 512];
-
-}  // namespace
 
 void fz_agent(const char* uri)
 {
@@ -254,7 +230,5 @@ void fz_agent_end()
     for (sqlite3_stmt* w : wipe)
         if (sqlite3_step(w) != SQLITE_DONE || sqlite3_reset(w) != SQLITE_OK)
             die("emptying the directory");
-    tcfile = nullptr;
-    tc_in = tc_out = tc_proc = tc_err = 0;
-    fz_truncate_log();
+    log_and_trace_off();
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdlib>
 #include <initializer_list>
 #include <string>
 #include <utility>
@@ -11,8 +12,16 @@
 // value in the pair gives a NULL value.
 class Kvc {
 public:
-    Kvc(std::initializer_list<std::pair<const char*, const char*>> triples);
-    ~Kvc();
+    Kvc(std::initializer_list<std::pair<const char*, const char*>> triples)
+    {
+        vz_kvcstate st = 0;
+        if (vz_kvcv_init(&v_, &st) != 0)
+            abort();
+        for (const auto& t : triples)
+            if (vz_kvcv_add(&v_, &st, t.first, t.second, nullptr) != 0)
+                abort();
+    }
+    ~Kvc() { vz_kvcv_free(v_); }
     Kvc(const Kvc&) = delete;
     Kvc& operator=(const Kvc&) = delete;
     const vz_kvc* get() const { return v_; }
@@ -21,4 +30,10 @@ private:
 };
 
 // "key=value" for each triple ("key=(null)" for a NULL value), in order.
-std::vector<std::string> kvc_lines(const vz_kvc* v);
+inline std::vector<std::string> kvc_lines(const vz_kvc* v)
+{
+    std::vector<std::string> out;
+    for (const vz_kvc* t = v; t != nullptr && t->key != nullptr; t++)
+        out.push_back(std::string(t->key) + "=" + (t->value != nullptr ? t->value : "(null)"));
+    return out;
+}

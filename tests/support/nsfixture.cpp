@@ -15,8 +15,7 @@
 
 namespace {
 
-// The daemon's fixed places private and empty: a new private mount
-// namespace, a fresh tmpfs over each. Only for a process about to end.
+// Only for a process about to end.
 bool enter_private_dirs(std::string* why)
 {
     auto fail = [&](const std::string& what) {
@@ -48,8 +47,7 @@ void run_forked(const std::function<void()>& body, bool private_dirs)
 {
     int pipefd[2];
     ASSERT_EQ(pipe(pipefd), 0);
-    fflush(stdout);
-    fflush(stderr);
+    fflush(nullptr);
     pid_t pid = fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {
@@ -63,7 +61,7 @@ void run_forked(const std::function<void()>& body, bool private_dirs)
         close(pipefd[1]);
         body();
         fflush(stdout);
-        // exit, not _exit: the sanitizer's leak check runs in the child too.
+        // exit: the sanitizer's leak check runs in the child too.
         exit(::testing::Test::HasFailure() ? 1 : 0);
     }
     close(pipefd[1]);
@@ -98,8 +96,7 @@ void run_in_child(const std::function<void()>& body) { run_forked(body, false); 
 
 int spawn_child(const std::function<int()>& fn)
 {
-    fflush(stdout);
-    fflush(stderr);
+    fflush(nullptr);
     pid_t pid = fork();
     if (pid == 0)
         _exit(fn());

@@ -1,4 +1,3 @@
-// Property lists and the pid registration kept in one.
 #include "tests/unit/unitkit.h"
 
 #include "config/dballoc.h"
@@ -40,14 +39,10 @@ std::string pid_line(int pid)
 }
 
 volatile sig_atomic_t own_alarms = 0;
-void count_alarm(int)
-{
-    own_alarms = own_alarms + 1;
-}
 
 }  // namespace
 
-TEST(DbProp, WritesReadsCountsAndRefusesWhatCouldNotBeReadBackAndReadsOddFilesWithinTheLineBuffer) {
+TEST(DbProp, WritesReadsCountsRefusesWhatCouldNotBeReadBackReadsOddFilesAndWaitsForLocksBounded) {
     run_in_private_dirs([] {
         ASSERT_EQ(mkdir("/var/opt/KORRbase/rtdb", 0755), 0);
         EXPECT_EQ(vzdb_prop_put(own, "pid", "1"), 4);  // no object
@@ -87,7 +82,6 @@ TEST(DbProp, WritesReadsCountsAndRefusesWhatCouldNotBeReadBackAndReadsOddFilesWi
             EXPECT_EQ(vzdb_prop_semadd(own, "pidlock", c.add, c.limit), c.rc) << c.before;
             EXPECT_EQ(contents(), c.after);
         }
-        // The reader: odd files and what they list.
         const std::string x508(508, 'x'), x509(509, 'x');
         const struct { std::string file; std::vector<std::string> props; } cases[] = {
             {"nospace\n lead v\na 1\n\nb  two\nk v\\", {"a=1", "b= two", "k=v"}},
@@ -104,24 +98,14 @@ TEST(DbProp, WritesReadsCountsAndRefusesWhatCouldNotBeReadBackAndReadsOddFilesWi
             EXPECT_EQ(kvc_lines(l), c.props) << c.file.substr(0, 40);
             vzdb_kvcfree(l);
         }
-    });
-}
-
-// A lock held elsewhere gives 9 once the bounded wait is over; the wait ends
-// by the alarm, and one pending for the daemon's loop (which keeps it blocked
-// outside the wait) stays pending. Processes counting together lose nothing.
-TEST(DbLock, ALockHeldElsewhereEndsTheWaitWithCode9AndCountsAreNeverLost) {
-    run_in_private_dirs([] {
-        ASSERT_EQ(mkdir("/var/opt/KORRbase/rtdb", 0755), 0);
-        ASSERT_EQ(vzdb_ob_create(own), 0);
-        ASSERT_EQ(vzdb_prop_put(own, "pid", "1"), 0);
+        // A lock held elsewhere: 9 once the bounded wait ends by the alarm; the
+        // daemon loop's pending alarm stays pending. Counts are never lost.
+        write_file("pid 1\n");
         int ready[2];
         ASSERT_EQ(pipe(ready), 0);
         int holder = spawn_child([&ready] {
             int fd = open(kFile, O_RDWR);
-            struct flock fl = {};
-            fl.l_type = F_RDLCK;
-            fl.l_len = 1;
+            struct flock fl = {.l_type = F_RDLCK, .l_whence = SEEK_SET, .l_start = 0, .l_len = 1, .l_pid = 0};
             if (fd < 0 || fcntl(fd, F_SETLK, &fl) != 0 || write(ready[1], "r", 1) != 1)
                 return 1;
             return pause();
@@ -132,7 +116,7 @@ TEST(DbLock, ALockHeldElsewhereEndsTheWaitWithCode9AndCountsAreNeverLost) {
         EXPECT_EQ(get("pid"), "1");  // readers share
         EXPECT_EQ(vzdb_prop_semadd(own, "pidlock", 1, 1), 9);
         sf_locktimer = 1;
-        ASSERT_EQ(vz_signal(SIGALRM, count_alarm), 0);
+        ASSERT_EQ(vz_signal(SIGALRM, [](int) { own_alarms = own_alarms + 1; }), 0);
         sigset_t alrm, old_mask, pending;
         sigemptyset(&alrm);
         sigaddset(&alrm, SIGALRM);
@@ -160,10 +144,8 @@ TEST(DbLock, ALockHeldElsewhereEndsTheWaitWithCode9AndCountsAreNeverLost) {
     });
 }
 
-// What a daemon that ended without its clean-up leaves: a registration
-// stands while its process runs, any other is taken over; a pidlock that is
-// never given back ends the wait after eleven tries. (Two starts at once are
-// kept apart by the property list's lock, tested with it.)
+// A registration stands while its process runs, any other is taken over; a
+// pidlock never given back ends the wait after eleven tries.
 TEST(DbPid, RegistrationTakesOverStaleOnesAndGivesUpOnAStuckPidlock) {
     run_in_private_dirs([] {
         ASSERT_EQ(mkdir("/var/opt/KORRbase/rtdb", 0755), 0);

@@ -11,6 +11,17 @@ int32_t word(const Bytes& d, size_t off)
     return int32_t(d[off] | d[off + 1] << 8 | d[off + 2] << 16 | uint32_t(d[off + 3]) << 24);
 }
 
+// A node-status request for ADDR (none: nullptr).
+Bytes status_ask(const char* addr)
+{
+    UniAddr to{};
+    if (addr != nullptr)
+        iantoua(&to, inet_addr(addr), -1);
+    Bytes d = ns_name("*", 0);
+    d.insert(d.end(), reinterpret_cast<uint8_t*>(&to), reinterpret_cast<uint8_t*>(&to + 1));
+    return d;
+}
+
 Bytes with_flags(const char* name, uint32_t flags)
 {
     Bytes d = ns_name(name);
@@ -19,8 +30,7 @@ Bytes with_flags(const char* name, uint32_t flags)
     return d;
 }
 
-// The daemon's ends of the two pipes, as the notifier leaves them. With no
-// sender the claims and releases show in their trace lines only.
+// The daemon's ends of the two pipes; no sender: claims show in the trace.
 class Requests : public ::testing::Test {
 protected:
     int to_daemon = -1, from_daemon = -1;
@@ -50,8 +60,7 @@ protected:
         Bytes m = ns_message(op, xid, int32_t(d.size()), d);
         ASSERT_EQ(write(to_daemon, m.data(), m.size()), ssize_t(m.size()));
     }
-    // Every response waiting, as "op xid len more status" (status 0 for
-    // none and for the scope text); their data in `data`.
+    // Every response waiting, as "op xid len more status"; data in `data`.
     std::vector<std::string> responses()
     {
         std::vector<std::string> out;
@@ -73,9 +82,6 @@ protected:
 
 TEST_F(Requests, ImmediateAnswersAndUnknownOperations)
 {
-    UniAddr none{};
-    Bytes stat_none = ns_name("*", 0);
-    stat_none.insert(stat_none.end(), reinterpret_cast<uint8_t*>(&none), reinterpret_cast<uint8_t*>(&none + 1));
     const struct { uint32_t op; Bytes data; const char* resp; } cases[] = {
         {NS_ADDNAME, with_flags("ALPHA", 0x10), "1001 1 4 0 0"},
         {NS_ADDNAME, with_flags("ALPHA", 0), "1001 2 4 0 -5"},
@@ -86,7 +92,7 @@ TEST_F(Requests, ImmediateAnswersAndUnknownOperations)
         {NS_INIT, {}, "1005 7 4 0 0"},
         {NS_NBTYPE, {}, "1006 8 8 0 0"},
         {NS_NBSCOPE, {}, "1008 9 256 0 0"},
-        {NS_ADAPSTAT, stat_none, "1009 10 4 0 -1"},
+        {NS_ADAPSTAT, status_ask(nullptr), "1009 10 4 0 -1"},
         {0, {}, "1000 11 0 0 0"},
         {11, ns_name("X"), "1000 12 0 0 0"},
         {NS_ADDNAME | NS_RESPONSE, with_flags("GAMMA", 0), "1000 13 0 0 0"},
@@ -157,11 +163,7 @@ TEST_F(Requests, LookupsAnswerAtOnceFromOurTablesOrTheNetworkOrAfterFiveSeconds)
         }
     }
     // A status answer is for the status request of its sender only.
-    UniAddr other;
-    iantoua(&other, inet_addr("10.88.0.9"), -1);
-    Bytes ask = ns_name("*", 0);
-    ask.insert(ask.end(), reinterpret_cast<uint8_t*>(&other), reinterpret_cast<uint8_t*>(&other + 1));
-    send(NS_ADAPSTAT, 6, ask);
+    send(NS_ADAPSTAT, 6, status_ask("10.88.0.9"));
     do_request(SIGINT);
     Bytes stat = ns_status_answer(1, ns_name("*", 0), {{ns_name("FAR"), 0x0400}});
     npkt rec{};
@@ -176,7 +178,7 @@ TEST_F(Requests, LookupsAnswerAtOnceFromOurTablesOrTheNetworkOrAfterFiveSeconds)
 
 // Found by fuzzing: lookups beyond the timer table's room stayed listed for
 // good when no answer came, one record per request.
-TEST_F(Requests, LookupsWithoutRoomForATimerFailAtOnce)
+TEST_F(Requests, LookupsWithoutRoomForATimerFailAtOnceAndWaitingOnesShareOneTimer)
 {
     while (dg_timer(100, [](int32_t) {}, 0) == 0) {
     }
@@ -186,13 +188,11 @@ TEST_F(Requests, LookupsWithoutRoomForATimerFailAtOnce)
     int32_t id = 0;
     uint32_t xid = 0;
     EXPECT_EQ(get_luname(ns_name("FAR").data(), &id, &xid), -1);
-}
 
-// Once a timer each: ten clients waiting on the network filled the table,
-// and the claims, the probe and the agent commands lost their timers.
-TEST_F(Requests, WaitingLookupsShareOneTimer)
-{
-    for (uint32_t xid = 1; xid <= 3 * DG_MAX_CALLS; xid++) {
+    // Once a timer each: ten clients waiting on the network filled the
+    // table, and the claims, the probe and the agent commands lost theirs.
+    tick(100);
+    for (xid = 1; xid <= 3 * DG_MAX_CALLS; xid++) {
         send(NS_LOOKUP, xid, ns_name("FAR"));
         do_request(SIGINT);
         if (xid == 2 * DG_MAX_CALLS)
@@ -219,11 +219,7 @@ TEST_F(Requests, WaitingLookupsAreBoundedInAllAndPerClient)
         send(NS_LOOKUP, xid, ns_name("FAR"));
     do_request(SIGINT);
     EXPECT_TRUE(responses().empty());
-    UniAddr to;
-    iantoua(&to, inet_addr("10.88.0.9"), -1);
-    Bytes stat = ns_name("*", 0);
-    stat.insert(stat.end(), reinterpret_cast<uint8_t*>(&to), reinterpret_cast<uint8_t*>(&to + 1));
-    send(NS_ADAPSTAT, 8, stat);
+    send(NS_ADAPSTAT, 8, status_ask("10.88.0.9"));
     do_request(SIGINT);
     EXPECT_EQ(responses(), (std::vector<std::string>{"1009 8 4 0 -6"}));
     tick(5);

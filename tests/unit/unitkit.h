@@ -1,8 +1,6 @@
 #pragma once
 
-// What the module tests share: the headers most of them use, the timers'
-// hand-moved clock, the datagrams sent, the trace read back, and the
-// operator log of one call.
+// What the module tests share.
 
 #include <gtest/gtest.h>
 
@@ -15,15 +13,11 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fstream>
-#include <functional>
 #include <sstream>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "nmtrace.h"
 #include "shr/dgsend.h"
@@ -45,8 +39,7 @@ inline time_t fake_now = 1000;
 inline time_t fake_time() { return fake_now; }
 inline unsigned fake_alarm(unsigned) { return 0; }
 
-// Registered as the program's sender, it keeps every datagram in place of a
-// socket; sent_to takes those of one way and destination, in order.
+// The program's sender; sent_to takes the datagrams of one way and address.
 struct SentDg {
     DgWay way;
     uint32_t addr;
@@ -73,8 +66,7 @@ inline std::vector<Bytes> sent_to(DgWay way, const char* addr, int port)
     return out;
 }
 
-// RFC 1002 4.2.2: a request for NAME, the question then a record pointing at
-// it, with the NB flags' high byte and the address; TTL 0.
+// RFC 1002 4.2.2: a request for NAME with its record; TTL 0.
 inline Bytes ns_request(uint16_t id, uint8_t b2, const char* name, uint8_t nbflags_hi, const char* addr,
                         const Bytes& labels = {0})
 {
@@ -93,8 +85,7 @@ inline Bytes ns_answer(uint8_t b2, uint8_t b3, const char* name, uint8_t nbflags
     return ns_packet(0x1234, b2, b3, {0, 1, 0, 0}, ns_name(name), labels, rest);
 }
 
-// f on each cut of full to 0 .. last bytes, each in a buffer of exactly its
-// size, so that the sanitized build sees any read past it.
+// f on each cut of full to 0 .. last bytes, each in a buffer of its size.
 inline void each_cut(const Bytes& full, size_t last, const std::function<void(const uint8_t*, int)>& f)
 {
     for (size_t len = 0; len <= last; len++) {
@@ -115,7 +106,7 @@ inline Bytes ns_message(uint32_t op, uint32_t xid, int32_t len, const Bytes& dat
     return b;
 }
 
-// The trace written since the last call (tcfile a temporary file); it starts over.
+// The trace written since the last call (tcfile a temporary file).
 inline std::string trace_taken()
 {
     fflush(tcfile);
