@@ -55,7 +55,8 @@ protected:
     ::testing::AssertionResult start_with_agent()
     {
         if (!open_agent() || (station = lab.udp_socket(lab_station1, 137)) < 0 ||
-            !lab.write_config(lab.default_config() + "NB-nd-addr 10.88.0.5\n") || lab.start_daemon({"-z", "proc=5"}) <= 0)
+            !lab.write_config(lab.default_config() + "NB-nd-addr 10.88.0.5\n") ||
+            lab.start_daemon({"-z", "proc=5"}) <= 0)
             return ::testing::AssertionFailure() << "station or daemon: " << lab.last_error();
         return answer(ndasim::equiv, {}, {"10.88.0.1", "10.89.0.1"});
     }

@@ -13,7 +13,6 @@ Bytes int_item(int32_t v)
     return {uint8_t(u), uint8_t(u >> 8), uint8_t(u >> 16), uint8_t(u >> 24)};
 }
 
-// int 16, the 16 bytes (an odd length would be padded: names are even).
 Bytes name_item(const Bytes& name16) { return cat({int_item(16), name16}); }
 
 Bytes ip_item(const std::string& dotted)
