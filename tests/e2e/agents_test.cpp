@@ -16,7 +16,7 @@
 
 namespace {
 
-using ndasim::Agent;
+using ndasim::Agent, ndasim::cat, ndasim::int_item, ndasim::ip_item;
 using Addrs = std::vector<std::string>;
 
 Bytes nb(const char* text, uint8_t type = 0x20) { return ndasim::nb_name(text, type); }
@@ -31,6 +31,8 @@ Bytes registration(uint16_t id, uint8_t b2, const Bytes& name, const Bytes& addr
         rest.push_back(b);
     return ns_packet(id, b2, 0x10, {1, 0, 0, 1}, name, {0}, rest);
 }
+// A broadcast name query.
+Bytes name_query(uint16_t id, const Bytes& n) { return ns_packet(id, 1, 0x10, {1, 0, 0, 0}, n, {0}, {0, 0x20, 0, 1}); }
 bool is_status_request(const Bytes& b) { return b.size() >= 50 && b[2] == 0x00 && b[b.size() - 3] == 0x21; }
 bool is_refusal(const Bytes& b) { return b.size() > 3 && b[2] == 0xAD; }
 Bytes question_name(const Bytes& b)
@@ -45,17 +47,12 @@ class EnsLab : public ::testing::Test {
 protected:
     void SetUp() override { LAB_SETUP_OR_SKIP(lab, 2); }
 
-    bool open_agent()
-    {
-        return lab.run(lab_station1, {"/sbin/ip", "addr", "add", "10.88.0.5/24", "dev", "hs0"}) == 0 &&
-               agent.open(lab, lab_station1, "10.88.0.5");
-    }
-
     // One agent on station 1, a station socket at port 137, the start-up EQUIV answered.
-    ::testing::AssertionResult start_with_agent()
+    ::testing::AssertionResult start_with_agent(const std::string& config = "")
     {
-        if (!open_agent() || (station = lab.udp_socket(lab_station1, 137)) < 0 ||
-            !lab.write_config(lab.default_config() + "NB-nd-addr 10.88.0.5\n") ||
+        if (lab.run(lab_station1, {"/sbin/ip", "addr", "add", "10.88.0.5/24", "dev", "hs0"}) != 0 ||
+            !agent.open(lab, lab_station1, "10.88.0.5") || (station = lab.udp_socket(lab_station1, 137)) < 0 ||
+            !lab.write_config(lab.default_config() + config + "NB-nd-addr 10.88.0.5\n") ||
             lab.start_daemon({"-z", "proc=5"}) <= 0)
             return ::testing::AssertionFailure() << "station or daemon: " << lab.last_error();
         return answer(ndasim::equiv, {}, {"10.88.0.1", "10.89.0.1"});
@@ -126,12 +123,8 @@ TEST_F(EnsLab, ClaimsOfOtherStationsAreCheckedAtTheAgent)
 // A new address: EQUIV of the new set, then the local names again.
 TEST_F(EnsLab, AnAddressThatAppearsIsToldToTheAgents)
 {
-    ASSERT_TRUE(open_agent()) << lab.last_error();
-    ASSERT_TRUE(lab.write_config(lab.default_config() + "NB-interfaces 10.90.0.0/24\nNB-name OURS<20>\n"
-                                 "NB-nd-addr 10.88.0.5\n"));
-    ASSERT_GT(lab.start_daemon({"-z", "proc=5"}), 0) << lab.last_error();
+    ASSERT_TRUE(start_with_agent("NB-interfaces 10.90.0.0/24\nNB-name OURS<20>\n"));  // the EQUIV of two
     Addrs both{"10.88.0.1", "10.89.0.1"}, three{"10.88.0.1", "10.89.0.1", "10.90.0.1"};
-    ASSERT_TRUE(answer(ndasim::equiv, {}, both));
     ASSERT_TRUE(answer(ndasim::add, nb("OURS"), both));
     ASSERT_EQ(lab.run(lab_daemon, {"/sbin/ip", "addr", "add", "10.90.0.1/24", "dev", "hd0"}), 0);
     ASSERT_TRUE(answer(ndasim::equiv, {}, three));
@@ -188,7 +181,7 @@ TEST_F(EnsLab, VerifyAndEquivRequestsOfTheAgent)
 // Forged answers and requests from a station (agent port or agent's address) are not heard.
 TEST_F(EnsLab, OnlyTheAgentAskedIsHeard)
 {
-    using ndasim::cat, ndasim::int_item, ndasim::ip_item, ndasim::response_bit;
+    using ndasim::response_bit;
     ASSERT_TRUE(start_with_agent());
     const int forgers[2] = {lab.udp_socket(lab_station1, 227, "10.88.0.2"),
                             lab.udp_socket(lab_station1, 1227, "10.88.0.5")};
@@ -199,8 +192,7 @@ TEST_F(EnsLab, OnlyTheAgentAskedIsHeard)
     };
     ASSERT_EQ(lab.halyardctl({"add", "mine<20>"}), 0);
     auto add = agent.next(20.0, ndasim::add);
-    ASSERT_TRUE(lab.send_to(station, "10.88.0.255", 137,
-                            ns_packet(0x0a0a, 1, 0x10, {1, 0, 0, 0}, nb("FAR"), {0}, {0, 0x20, 0, 1})));
+    ASSERT_TRUE(lab.send_to(station, "10.88.0.255", 137, name_query(0x0a0a, nb("FAR"))));
     auto query = agent.next(20.0, ndasim::query);
     ASSERT_TRUE(add && query) << lab.trace();
     for (uint32_t id = 1; id <= 40; ++id) {
@@ -255,9 +247,7 @@ TEST_F(EnsLab, HostsAreLearnedFromStatusAnswersAndForgottenByTheirReleases)
     EXPECT_EQ(lab.halyardctl({"lookup", "WORKGROUP<1e>"}, &out), 0) << out;
     EXPECT_NE(out.find("10.88.0.3"), std::string::npos) << out;
     int other = lab.udp_socket(lab_station2, 0);
-    ASSERT_TRUE(other >= 0 && lab.send_to(other, "10.89.0.255", 137,
-                                          ns_packet(0x0d0d, 1, 0x10, {1, 0, 0, 0}, nb("WORKGROUP", 0x1e), {0},
-                                                    {0, 0x20, 0, 1})));
+    ASSERT_TRUE(other >= 0 && lab.send_to(other, "10.89.0.255", 137, name_query(0x0d0d, nb("WORKGROUP", 0x1e))));
     auto proxy = lab.collect(other, 1, 10.0, [](const Bytes& b) { return b.size() > 6 && b[2] == 0x85; });
     ASSERT_EQ(proxy.size(), 1u) << lab.trace();
     EXPECT_EQ(Bytes(proxy[0].bytes.end() - 6, proxy[0].bytes.end()), (Bytes{0x80, 0, 10, 88, 0, 3}));
@@ -310,11 +300,9 @@ TEST_F(EnsLab, CountsExactlyWhatItDid)
     ASSERT_TRUE(m && agent.reply_add_refused(*m, "10.88.0.9")) << lab.trace();
     ASSERT_TRUE(lab.wait_log("already exists"));
 
-    Bytes q = ns_packet(0x0a0a, 1, 0x10, {1, 0, 0, 0}, nb("FAR"), {0}, {0, 0x20, 0, 1});
-    ASSERT_TRUE(lab.send_to(station, "10.88.0.255", 137, q));
+    ASSERT_TRUE(lab.send_to(station, "10.88.0.255", 137, name_query(0x0a0a, nb("FAR"))));
     m = agent.next(20.0, ndasim::query);
-    ASSERT_TRUE(m && agent.reply(*m, 0, 0, ndasim::cat({ndasim::int_item(0), ndasim::int_item(1),
-                                                         ndasim::ip_item("10.88.0.7")})));
+    ASSERT_TRUE(m && agent.reply(*m, 0, 0, cat({int_item(0), int_item(1), ip_item("10.88.0.7")})));
     ASSERT_TRUE(lab.send_to(station, "10.88.0.255", 137, registration(0x2102, 0x29, nb("FREE"), {10, 88, 0, 2})));
     ASSERT_TRUE(answer(ndasim::add, nb("FREE"), {"10.88.0.2"}));
     ASSERT_TRUE(lab.send_to(station, "10.88.0.1", 137, registration(0x2103, 0x29, nb("MINE"), {10, 88, 0, 2})));
@@ -362,13 +350,10 @@ TEST_F(EnsLab, CountsExactlyWhatItDid)
         ASSERT_TRUE(want.count(name)) << name;
         want[name] = value;
     }
-    std::string text, json, prometheus, read;
+    std::string text, read, prometheus, jq = " --json stats | /usr/bin/jq -r 'to_entries[] | \"\\(.key) \\(.value)\"'";
     ASSERT_EQ(lab.halyardctl({"stats"}, &text), 0) << text;
-    ASSERT_EQ(lab.halyardctl({"--json", "stats"}, &json), 0) << json;
+    ASSERT_EQ(lab.run(lab_daemon, {"/bin/sh", "-c", HALYARDCTL_BINARY + jq}, &read), 0) << read;
     ASSERT_EQ(lab.halyardctl({"--prometheus", "stats"}, &prometheus), 0) << prometheus;
-    ASSERT_TRUE(lab.write_file("/var/opt/counters.json", json));
-    ASSERT_EQ(lab.run(lab_daemon, {"/usr/bin/jq", "-r", "to_entries[] | \"\\(.key) \\(.value)\"",
-                                   "/var/opt/counters.json"}, &read), 0) << json;
     const struct { const char* format; const std::string& out; bool prometheus; } formats[] = {
         {"text", text, false}, {"json", read, false}, {"prometheus", prometheus, true}};
     for (const auto& f : formats) {
