@@ -217,8 +217,7 @@ TEST_F(Clients, NothingAClientWritesOrLeavesUnreadStopsTheService)
         return put(fd, fill) && put(fd, header(NS_NBSCOPE, 7, 4090) + data) && put(fd, lookup(8, "SHARED"));
     }, ready[1]);
     Bytes got;
-    // The next whole answer with this xid, as "op len status".
-    auto answered = [&](uint32_t xid) -> std::string {
+    auto answered = [&](uint32_t xid) -> std::string {  // the next answer to xid: "op len status"
         for (int64_t end = vz_now_ms() + 10000; vz_now_ms() < end;) {
             uint8_t b[65536];
             pollfd p{answers, POLLIN, 0};

@@ -28,8 +28,6 @@ namespace {
 constexpr int kNobody = 65534;
 constexpr const char* kModuleDir = "/opt/nsslib";  // in the lab's tmpfs: every user reaches it
 
-using Clock = std::chrono::steady_clock;
-
 // The daemon with an agent at 10.88.0.5 on station 1; the built module
 // where getent finds it, and a hosts line of "files halyard" for this test's
 // mount namespace only.
@@ -61,10 +59,10 @@ protected:
     // uid:gid: its exit status; its output in out, its seconds in took.
     int getent(const std::string& name, int uid = -1, int gid = -1, const char* db = "hosts")
     {
-        auto t0 = Clock::now();
+        auto t0 = std::chrono::steady_clock::now();
         int st = lab.run(lab_daemon, {"/usr/bin/env", "LD_LIBRARY_PATH=" + std::string(kModuleDir), "/usr/bin/getent",
                                       db, name}, &out, 20.0, uid, gid);
-        took = std::chrono::duration<double>(Clock::now() - t0).count();
+        took = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
         return st;
     }
 
