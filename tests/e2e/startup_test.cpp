@@ -210,8 +210,9 @@ TEST_F(Startup, FailedStartsSayWhyAndLeaveNothingBehind)
         }
         for (const auto& m : c.logged)
             EXPECT_NE(lab.log().find("\t" + m + "\r\n", log_before.size()), std::string::npos) << m;
-        if (c.logged.empty())
+        if (c.logged.empty()) {
             EXPECT_EQ(lab.log(), log_before);
+        }
         EXPECT_EQ(lab.registered_pid(), -1);
         EXPECT_EQ(lab_read_file(lab_plist_path).find("pidlock"), std::string::npos);
 
