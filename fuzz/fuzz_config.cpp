@@ -17,14 +17,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (size > 16384)
         return -1;
     fz_write_file(CONF_PATH, data, size);
-    tcfile = fz_trace_sink();
-    tc_proc = tc_err = 9;
+    fz_trace_all();
     name_settings_clear();
     namelogin(CONF_PATH);
     name_settings_clear();
     conf_check(CONF_PATH, fz_trace_sink(), "", true);
-    tcfile = nullptr;
-    tc_proc = tc_err = 0;
-    fz_truncate_log();
+    fz_trace_off();
     return 0;
 }

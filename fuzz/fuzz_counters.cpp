@@ -9,12 +9,6 @@ CtSet set;
 const CounterDef known[] = {{"lookups_local", "lookups answered from the local name table"}};
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    fz_private_net();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size > 4096)

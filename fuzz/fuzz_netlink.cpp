@@ -2,12 +2,6 @@
 #include "fuzz/fuzzenv.h"
 #include "src/ifwatch.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    fz_private_net();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size > 1500)

@@ -3,12 +3,6 @@
 
 #include "fuzz/fuzzenv.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    fz_private_net();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size > NPKT_AREA)

@@ -7,12 +7,6 @@
 #include "fuzz/fuzzenv.h"
 #include "src/notifier.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    fz_private_net();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size < 2 || size > 2 + 60 * 1024)

@@ -8,12 +8,6 @@
 #include "misc/nencode.h"
 #include "shr/uniconv.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    fz_private_net();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size < 1 || size > 4096)

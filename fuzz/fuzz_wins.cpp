@@ -12,8 +12,7 @@
 
 namespace {
 
-int64_t now_ms = 1000000;
-int64_t now_s = 1700000000;
+int64_t now_ms = 1000000, now_s = 1700000000;
 int fd = -1;
 
 }  // namespace

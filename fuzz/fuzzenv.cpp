@@ -32,13 +32,6 @@ bool dirs_private = false;
     abort();
 }
 
-void log_and_trace_off()
-{
-    tcfile = nullptr;
-    tc_in = tc_out = tc_proc = tc_err = 0;
-    fz_truncate_log();
-}
-
 constexpr const char* WIPE[] = {"DELETE FROM name", "DELETE FROM addr", "DELETE FROM host"};
 sqlite3_stmt* wipe[3];
 // SQLite's pages not from the sanitizer's allocator: several times faster.
@@ -50,6 +43,13 @@ void fz_private_net()
 {
     if (unshare(CLONE_NEWNET) != 0)
         die("unshare(CLONE_NEWNET) (the harness runs only as root, off the machine's network)");
+}
+
+// For the harnesses that need nothing else; the others define their own.
+extern "C" [[gnu::weak]] int LLVMFuzzerInitialize(int*, char***)
+{
+    fz_private_net();
+    return 0;
 }
 
 void fz_private_dirs()
@@ -78,12 +78,6 @@ void fz_quiet()
     if (!dirs_private)
         fz_private_dirs();
     open_log(LOG_PATH);
-}
-
-void fz_truncate_log()
-{
-    if (truncate(LOG_PATH, 0) != 0 && errno != ENOENT)
-        die("truncate log");
 }
 
 FILE* fz_trace_sink()
@@ -148,6 +142,14 @@ void fz_trace_all()
     tc_in = tc_out = tc_proc = tc_err = 9;
 }
 
+void fz_trace_off()
+{
+    tcfile = nullptr;
+    tc_in = tc_out = tc_proc = tc_err = 0;
+    if (truncate(LOG_PATH, 0) != 0 && errno != ENOENT)
+        die("truncate log");
+}
+
 void fz_end_input(int seconds)
 {
     for (int done = 0; done < seconds; done++)
@@ -159,7 +161,7 @@ void fz_end_input(int seconds)
     EnsAddr* a;
     for (int i = 0; i < 100000 && (a = ens_a_old(0, LONG_MAX)) != nullptr; i++)
         ens_free(a->host);
-    log_and_trace_off();
+    fz_trace_off();
 }
 
 void fz_write_file(const char* path, const uint8_t* data, size_t size)
@@ -230,5 +232,5 @@ void fz_agent_end()
     for (sqlite3_stmt* w : wipe)
         if (sqlite3_step(w) != SQLITE_DONE || sqlite3_reset(w) != SQLITE_OK)
             die("emptying the directory");
-    log_and_trace_off();
+    fz_trace_off();
 }

@@ -26,6 +26,7 @@
 #include "src/namelogin.h"
 #include "src/ntable.h"
 
+// fuzzenv.cpp gives one that only calls fz_private_net(); a harness may give its own.
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
@@ -33,10 +34,9 @@ void fz_private_net();
 // A new mount namespace, fresh tmpfs over /etc/opt, /var/opt and /opt, the
 // daemon's directories below them.
 void fz_private_dirs();
-// Trace file closed, log written to a private file that fz_truncate_log
+// Trace file closed, log written to a private file that fz_trace_off
 // empties, so the log's formatting runs.
 void fz_quiet();
-void fz_truncate_log();
 // A trace file in memory (64 KiB, the rest dropped), rewound.
 FILE* fz_trace_sink();
 
@@ -50,6 +50,7 @@ void fz_ntf_drain();
 bool fz_ntf_pending();  // request bytes still wait in the pipe
 void fz_name16(uint8_t* out, const char* text, uint8_t type = 0x20);
 void fz_trace_all();  // every level at 9
+void fz_trace_off();  // and the log emptied
 // The clock moves on SECONDS so that retries and waits run out, then names,
 // learnt hosts, responses, trace and log are cleared.
 void fz_end_input(int seconds);

@@ -16,7 +16,6 @@
 
 #include <cstring>
 #include <functional>
-#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -218,9 +217,8 @@ TEST_F(Clients, NothingAClientWritesOrLeavesUnreadStopsTheService)
         return put(fd, fill) && put(fd, header(NS_NBSCOPE, 7, 4090) + data) && put(fd, lookup(8, "SHARED"));
     }, ready[1]);
     Bytes got;
-    std::map<uint32_t, std::string> seen;   // "op len status" by xid
-    auto answered = [&](uint32_t xid) {
-        for (int64_t end = vz_now_ms() + 10000; seen.count(xid) == 0 && vz_now_ms() < end;) {
+    auto answered = [&](uint32_t xid) -> std::string {  // the next answer to xid: "op len status"
+        for (int64_t end = vz_now_ms() + 10000; vz_now_ms() < end;) {
             uint8_t b[65536];
             pollfd p{answers, POLLIN, 0};
             poll(&p, 1, 100);
@@ -231,12 +229,12 @@ TEST_F(Clients, NothingAClientWritesOrLeavesUnreadStopsTheService)
                 int32_t status = 0;
                 memcpy(&h, got.data(), NS_HDRSIZE);
                 memcpy(&status, got.data() + NS_HDRSIZE, f.kind == NsFrame::whole && h.len >= 4 ? 4 : 0);
-                if (f.kind == NsFrame::whole)
-                    seen[h.xid] = std::to_string(h.op) + " " + std::to_string(h.len) + " " + std::to_string(status);
                 got.erase(got.begin(), got.begin() + long(f.n));
+                if (f.kind == NsFrame::whole && h.xid == xid)
+                    return std::to_string(h.op) + " " + std::to_string(h.len) + " " + std::to_string(status);
             }
         }
-        return seen.count(xid) != 0 ? seen[xid] : "none";
+        return "none";
     };
     EXPECT_EQ(answered(7), "4104 4 -1") << "NS_NBSCOPE refused";
     kill(daemon, SIGCONT);

@@ -28,8 +28,6 @@ namespace {
 constexpr int kNobody = 65534;
 constexpr const char* kModuleDir = "/opt/nsslib";  // in the lab's tmpfs: every user reaches it
 
-using Clock = std::chrono::steady_clock;
-
 // The daemon with an agent at 10.88.0.5 on station 1; the built module
 // where getent finds it, and a hosts line of "files halyard" for this test's
 // mount namespace only.
@@ -58,14 +56,13 @@ protected:
     }
 
     // getent hosts NAME (or another database) on the daemon's side, as
-    // uid:gid: its exit status, output and seconds.
-    int getent(const std::string& name, std::string* out, double* took, int uid = -1, int gid = -1,
-               const char* db = "hosts")
+    // uid:gid: its exit status; its output in out, its seconds in took.
+    int getent(const std::string& name, int uid = -1, int gid = -1, const char* db = "hosts")
     {
-        auto t0 = Clock::now();
+        auto t0 = std::chrono::steady_clock::now();
         int st = lab.run(lab_daemon, {"/usr/bin/env", "LD_LIBRARY_PATH=" + std::string(kModuleDir), "/usr/bin/getent",
-                                      db, name}, out, 20.0, uid, gid);
-        *took = std::chrono::duration<double>(Clock::now() - t0).count();
+                                      db, name}, &out, 20.0, uid, gid);
+        took = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
         return st;
     }
 
@@ -74,34 +71,33 @@ protected:
     const std::string config = lab.default_config() + "NB-nd-addr 10.88.0.5\n";
     pid_t daemon = -1;
     bool bound = false;
+    std::string out;
+    double took = 0;
 };
-
-// The other station answers the daemon's query for STATION1<00> from
-// 10.88.0.2; the agent owns FARAWAY<20> at 10.88.0.7.
-void answer_station(Lab& lab, int fd)
-{
-    Bytes want = wire_name(ns_name("STATION1", 0x00));
-    auto q = lab.collect(fd, 1, 10.0, [&](const Bytes& b) {
-        return std::search(b.begin(), b.end(), want.begin(), want.end()) != b.end();
-    });
-    Bytes rest{0, 0x20, 0, 1, 0, 0, 0x0e, 0x10, 0, 6, 0, 0, 10, 88, 0, 2};
-    if (!q.empty())
-        lab.send_to(fd, q[0].from, q[0].port, ns_packet(uint16_t(q[0].bytes[0] << 8 | q[0].bytes[1]), 0x85, 0,
-                                                        {0, 1, 0, 0}, ns_name("STATION1", 0x00), {0}, rest));
-}
-void answer_agent(ndasim::Agent& agent)
-{
-    using ndasim::cat, ndasim::int_item, ndasim::ip_item;
-    for (auto m = agent.next(10.0, ndasim::query); m; m = agent.next(10.0, ndasim::query))
-        if (m->name == ndasim::nb_name("FARAWAY", 0x20))
-            return (void)agent.reply(*m, 0, 0, cat({int_item(0), int_item(1), ip_item("10.88.0.7")}));
-}
 
 TEST_F(Resolver, GetentResolvesThroughTheDaemon)
 {
     ASSERT_EQ(lab.halyardctl({"add", "FILESERV<20>"}), 0);
     int station = lab.udp_socket(lab_station1, 137);  // any address: broadcasts reach it
     ASSERT_GE(station, 0) << lab.last_error();
+    // The other station answers the daemon's query for STATION1<00> from
+    // 10.88.0.2; the agent owns FARAWAY<20> at 10.88.0.7.
+    auto answer_station = [&] {
+        Bytes want = wire_name(ns_name("STATION1", 0x00));
+        auto q = lab.collect(station, 1, 10.0, [&](const Bytes& b) {
+            return std::search(b.begin(), b.end(), want.begin(), want.end()) != b.end();
+        });
+        Bytes rest{0, 0x20, 0, 1, 0, 0, 0x0e, 0x10, 0, 6, 0, 0, 10, 88, 0, 2};
+        if (!q.empty())
+            lab.send_to(station, q[0].from, q[0].port, ns_packet(uint16_t(q[0].bytes[0] << 8 | q[0].bytes[1]), 0x85, 0,
+                                                                 {0, 1, 0, 0}, ns_name("STATION1", 0x00), {0}, rest));
+    };
+    auto answer_agent = [&] {
+        using ndasim::cat, ndasim::int_item, ndasim::ip_item;
+        for (auto m = agent.next(10.0, ndasim::query); m; m = agent.next(10.0, ndasim::query))
+            if (m->name == ndasim::nb_name("FARAWAY", 0x20))
+                return (void)agent.reply(*m, 0, 0, cat({int_item(0), int_item(1), ip_item("10.88.0.7")}));
+    };
 
     // Found: each answered before the daemon's own 5-second wait could end.
     const struct {
@@ -114,15 +110,13 @@ TEST_F(Resolver, GetentResolvesThroughTheDaemon)
         {"fileserv", "hosts", "10.88.0.1       fileserv\n", -1, nullptr},  // local, asked in lower case
         {"FILESERV", "hosts", "10.88.0.1       FILESERV\n", kNobody, nullptr},  // by any user
         {"fileserv", "ahosts", "10.88.0.1       STREAM fileserv\n", -1, nullptr},  // through getaddrinfo
-        {"station1", "hosts", "10.88.0.2       station1\n", -1, [&] { answer_station(lab, station); }},
-        {"FARAWAY", "hosts", "10.88.0.7       FARAWAY\n", -1, [&] { answer_agent(agent); }},
+        {"station1", "hosts", "10.88.0.2       station1\n", -1, answer_station},
+        {"FARAWAY", "hosts", "10.88.0.7       FARAWAY\n", -1, answer_agent},
     };
     for (const auto& f : found) {
         SCOPED_TRACE(f.name);
         std::thread responder(f.other_side ? f.other_side : [] {});
-        std::string out;
-        double took = 0;
-        EXPECT_EQ(getent(f.name, &out, &took, f.uid, f.uid, f.db), 0) << out;
+        EXPECT_EQ(getent(f.name, f.uid, f.uid, f.db), 0) << out;
         responder.join();
         EXPECT_EQ(out.substr(0, strlen(f.expect)), f.expect);
         EXPECT_LT(took, 4.0);
@@ -131,34 +125,32 @@ TEST_F(Resolver, GetentResolvesThroughTheDaemon)
     // Not found: an unknown name after the 2 s wait, and within it; a longer
     // wait as set; names that cannot be NetBIOS names at once, no request
     // sent (a request would cost the 3 s).
-    std::string out;
-    double took = 0;
-    EXPECT_EQ(getent("NOSUCHNAME", &out, &took), 2 << 8) << out;
+    EXPECT_EQ(getent("NOSUCHNAME"), 2 << 8) << out;
     EXPECT_TRUE(took >= 1.9 && took < 4.0) << took;
     ASSERT_TRUE(lab.write_file("/etc/opt/KORRbase/nss.conf", "# the wait\ntimeout 3\n"));
-    EXPECT_EQ(getent("NOSUCHNAME", &out, &took), 2 << 8) << out;
+    EXPECT_EQ(getent("NOSUCHNAME"), 2 << 8) << out;
     EXPECT_GE(took, 2.9);
     for (const char* name : {"fileserv.lab", "FILESERVERNUMBER", "FILE*SERV", "FILE SERV"}) {
-        EXPECT_EQ(getent(name, &out, &took), 2 << 8) << name << ": " << out;
+        EXPECT_EQ(getent(name), 2 << 8) << name << ": " << out;
         EXPECT_LT(took, 2.0) << name;
     }
 
     // Unavailable at once: the daemon stopped; a user outside the client
     // group (a member is served); a server FIFO that nobody reads.
     ASSERT_TRUE(lab.stop_daemon(daemon));
-    EXPECT_EQ(getent("FILESERV", &out, &took), 2 << 8) << out;
+    EXPECT_EQ(getent("FILESERV"), 2 << 8) << out;
     EXPECT_LT(took, 2.0);
     ASSERT_TRUE(lab.write_config(config + "[realm NB]\nclient-group nogroup\n"));
     ASSERT_GT(daemon = lab.start_daemon(), 0) << lab.last_error();
     ASSERT_EQ(lab.halyardctl({"add", "FILESERV<20>"}), 0);
-    EXPECT_EQ(getent("FILESERV", &out, &took, kNobody, 1), 2 << 8) << out;
+    EXPECT_EQ(getent("FILESERV", kNobody, 1), 2 << 8) << out;
     EXPECT_LT(took, 2.0);
-    EXPECT_EQ(getent("FILESERV", &out, &took, kNobody, kNobody), 0) << out;
+    EXPECT_EQ(getent("FILESERV", kNobody, kNobody), 0) << out;
     ASSERT_TRUE(lab.stop_daemon(daemon));
     // The relay removes the FIFOs as it ends, after the daemon.
     ASSERT_TRUE(lab_wait_for(10, [] { return access("/var/opt/KORRbase/ns_serverfifo", F_OK) != 0; }));
     ASSERT_EQ(mkfifo("/var/opt/KORRbase/ns_serverfifo", 0622), 0);
-    EXPECT_EQ(getent("FILESERV", &out, &took), 2 << 8) << out;
+    EXPECT_EQ(getent("FILESERV"), 2 << 8) << out;
     EXPECT_LT(took, 2.0);
 }
 

@@ -53,17 +53,12 @@ protected:
     // for the database's two objects and property list, not for a FIFO.
     bool take_inodes()
     {
-        std::vector<std::string> made;
-        for (int i = 0; i < 1000; ++i) {
-            made.push_back(var_dir + "/spare" + std::to_string(i));
-            if (mknod(made.back().c_str(), S_IFREG | 0600, 0) != 0) {
-                made.pop_back();
-                break;
-            }
-        }
-        for (size_t i = 0; i < 3 && !made.empty(); ++i, made.pop_back())
-            unlink(made.back().c_str());
-        return !made.empty();
+        int n = 0;
+        while (n < 1000 && mknod((var_dir + "/spare" + std::to_string(n)).c_str(), S_IFREG | 0600, 0) == 0)
+            ++n;
+        for (int i = n - 3; i < n; ++i)
+            unlink((var_dir + "/spare" + std::to_string(i)).c_str());
+        return n > 3;
     }
     bool unmount_tiny() { return umount2(var_dir.c_str(), MNT_DETACH) == 0 && !(tiny = false); }
 

@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,16 +23,11 @@ namespace {
 // The lines of the first sh block after the tour's heading.
 std::vector<std::string> tour_lines(const std::string& readme)
 {
+    size_t at = readme.find("```sh\n", readme.find("## A five-minute tour"));
+    std::istringstream block(at == std::string::npos ? "" : readme.substr(at + 6, readme.find("```\n", at) - at - 6));
     std::vector<std::string> lines;
-    size_t at = readme.find("## A five-minute tour");
-    if (at == std::string::npos || (at = readme.find("```sh\n", at)) == std::string::npos)
-        return lines;
-    size_t end = readme.find("```\n", at + 6);
-    for (size_t p = at + 6; p < end;) {
-        size_t nl = readme.find('\n', p);
-        lines.push_back(readme.substr(p, nl - p));
-        p = nl + 1;
-    }
+    for (std::string line; std::getline(block, line);)
+        lines.push_back(line);
     return lines;
 }
 
@@ -78,33 +74,30 @@ protected:
     {
         if (dir_.empty())
             return;
-        run("scripts/lab stop", nullptr);  // whatever a failed line left
+        run("scripts/lab stop");  // whatever a failed line left
         unlink((dir_ + "/build/lab").c_str());
         rmdir((dir_ + "/build").c_str());
         unlink((dir_ + "/scripts").c_str());
         rmdir(dir_.c_str());
     }
-    // One line through sh in the tour's directory, bounded in time; its
-    // exit status, its output and errors in *out.
-    int run(const std::string& line, std::string* out)
+    // One line through sh in the tour's directory, bounded in time: its exit
+    // status; its output and errors in out_.
+    int run(const std::string& line)
     {
         std::string cmd = "cd '" + dir_ + "' && HALYARD_LAB_STATE='" + state_ +
                           "' timeout 600 sh -c \"$TOUR_LINE\" 2>&1";
         setenv("TOUR_LINE", line.c_str(), 1);
+        out_.clear();
         FILE* p = popen(cmd.c_str(), "r");
         if (p == nullptr)
             return -1;
-        std::string text;
         char buf[4096];
-        size_t n;
-        while ((n = fread(buf, 1, sizeof buf, p)) > 0)
-            text.append(buf, n);
+        for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;)
+            out_.append(buf, n);
         int st = pclose(p);
-        if (out != nullptr)
-            *out = text;
         return st != -1 && WIFEXITED(st) ? WEXITSTATUS(st) : -1;
     }
-    std::string dir_, state_;
+    std::string dir_, state_, out_;
 };
 
 TEST_F(Tour, ReadmeTourRunsAsWritten)
@@ -115,17 +108,16 @@ TEST_F(Tour, ReadmeTourRunsAsWritten)
         const std::string& line = lines[i];
         SCOPED_TRACE(line);
         ASSERT_TRUE(line.find(expected[i].line_part) != std::string::npos) << "expected a line with " << expected[i].line_part;
-        std::string out;
         int status = -1;
         // Starting and stopping are not repeated; the rest up to 60 times.
         for (int tries = 0; tries < 60; tries++) {
-            status = run(line, &out);
-            if ((status == 0 && out.find(expected[i].shows) != std::string::npos) || i == 0 || i + 1 == lines.size())
+            status = run(line);
+            if ((status == 0 && out_.find(expected[i].shows) != std::string::npos) || i == 0 || i + 1 == lines.size())
                 break;
             std::this_thread::sleep_for(std::chrono::milliseconds(500));
         }
-        EXPECT_EQ(status, 0) << out;
-        EXPECT_NE(out.find(expected[i].shows), std::string::npos) << out;
+        EXPECT_EQ(status, 0) << out_;
+        EXPECT_NE(out_.find(expected[i].shows), std::string::npos) << out_;
     }
 }
 
