@@ -57,7 +57,7 @@ int sf_lockgrab(int fd, int mode)
     alarm_rang = 0;
     // The handler goes in before the alarm is armed, so the alarm can never
     // find the default action (which would end the process).
-    vz_signal(SIGALRM, do_nothing);
+    vz_signal_kept(SIGALRM, do_nothing);  // a second alarm finds it too
     unsigned left = alarm(unsigned(timer));
     if (blocked)
         sigprocmask(SIG_UNBLOCK, &alrm, nullptr);

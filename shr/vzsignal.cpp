@@ -13,12 +13,12 @@ int vz_signal(int sig, void (*handler)(int))
     return sigaction(sig, &sa, nullptr) == 0 ? 0 : -1;
 }
 
-int vz_signal_held(int sig, void (*handler)(int))
+int vz_signal_kept(int sig, void (*handler)(int))
 {
     struct sigaction sa = {};
     sa.sa_handler = handler;
     sigemptyset(&sa.sa_mask);
-    sa.sa_flags = SA_RESETHAND;  // never SA_RESTART
+    sa.sa_flags = 0;  // never SA_RESTART
     return sigaction(sig, &sa, nullptr) == 0 ? 0 : -1;
 }
 

@@ -4,14 +4,16 @@
 
 // Installs handler for sig with System V semantics: the handler is reset to
 // the default action on delivery, and a blocked system call is interrupted
-// (EINTR), never restarted. Every handler of the daemon goes through here.
+// (EINTR), never restarted. For the handlers that end the process.
 // Returns 0, or -1 when sigaction fails.
 int vz_signal(int sig, void (*handler)(int));
-// The same, but sig stays blocked while its handler runs. For a handler that
-// re-installs itself: a second signal that comes before it has done so then
-// waits for it, rather than meeting the default action (for the interrupt,
-// the end of the process).
-int vz_signal_held(int sig, void (*handler)(int));
+// For a handler that must stay: it is not reset on delivery, and sig stays
+// blocked while it runs; a blocked system call is still interrupted. A
+// handler that re-installs itself cannot be made safe: the kernel resets it
+// when it takes the signal, before it blocks sig for the handler, and a
+// second signal sent in between meets the default action (for the
+// interrupt and the alarm, the end of the process).
+int vz_signal_kept(int sig, void (*handler)(int));
 
 // The signals that end a process of the product unless it handles them:
 // hang-up, interrupt, quit, illegal instruction, trace trap, abort, floating

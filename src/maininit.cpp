@@ -174,7 +174,7 @@ void set_alarm(time_t now)
     }
     // An alarm left running with no timer pending only wakes the loop once.
     if (next >= 1 && now + next != alarm_at) {
-        vz_signal(SIGALRM, do_nothing);
+        vz_signal_kept(SIGALRM, do_nothing);
         clock_arm(unsigned(next));
         alarm_at = now + next;
     }
@@ -182,9 +182,10 @@ void set_alarm(time_t now)
 
 void do_nothing(int)
 {
-    // The wake-up is the interrupted wait; the handler only notes it.
+    // The wake-up is the interrupted wait; the handler only notes it. It
+    // stays installed rather than re-installing itself: an alarm sent while
+    // it had not yet done so would end the daemon.
     alarm_rang = 1;
-    vz_signal(SIGALRM, do_nothing);
 }
 
 int dg_timer_count()
@@ -202,9 +203,10 @@ int dg_signal(int sig, dg_signal_fn fn)
     scalls[size_t(n)].fn = fn;
     std::atomic_signal_fence(std::memory_order_seq_cst);
     scall_ct = n + 1;
-    // Held during the handler: a client's interrupt that came before the
-    // handler had re-installed itself would otherwise end the daemon.
-    vz_signal_held(sig, signal_hndlr);
+    // Kept, not re-installed by the handler: the relay wakes us with this
+    // signal for every burst of client requests, and one that came before
+    // the handler had re-installed itself would end the daemon.
+    vz_signal_kept(sig, signal_hndlr);
     if (loop_masking) {
         sigset_t one;
         sigemptyset(&one);
@@ -222,7 +224,6 @@ void signal_hndlr(int sig)
     for (int i = 0; i < n; i++)
         if (scalls[size_t(i)].sig == sig)
             scalls[size_t(i)].pending = 1;
-    vz_signal_held(sig, signal_hndlr);  // delivery reset it to the default action
 }
 
 const sigset_t* dg_wait_mask()

@@ -326,6 +326,14 @@ TEST_F(Clients, ClientsThatDieOrCrowdInGetOnlyTheirOwnAnswers)
         if (kids.back() == 0)
             _exit(client_run(i));
     }
+    // Meanwhile a burst of the relay's interrupt and of alarms from two
+    // senders, however close together, only wakes the loop.
+    pid_t sender = fork();
+    for (int i = 0; i < 100000; ++i)
+        kill(pid, i % 2 ? SIGINT : SIGALRM);
+    if (sender == 0)
+        _exit(0);
+    EXPECT_TRUE(sender > 0 && waitpid(sender, nullptr, 0) == sender);
     for (size_t i = 0; i < kids.size(); ++i) {
         int st = -1;
         EXPECT_TRUE(kids[i] > 0 && waitpid(kids[i], &st, 0) == kids[i] && WIFEXITED(st) && WEXITSTATUS(st) == 0)
