@@ -98,41 +98,6 @@ int in_netns(int ns, const std::function<int()>& make, int* new_ns = nullptr)
     return r;
 }
 
-// fork + exec of `path` inside network namespace ns_fd, output to out_fd
-// when >= 0. Only async-signal-safe calls between fork and exec.
-pid_t spawn(int ns_fd, const std::string& path, const std::vector<std::string>& args, int out_fd, int uid,
-            int gid)
-{
-    std::vector<char*> argv;
-    for (const std::string& a : args)
-        argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    std::string failed = "lab: cannot execute " + path + (uid >= 0 ? " as uid " + std::to_string(uid) : "") + "\n";
-    pid_t pid = fork();
-    if (pid != 0)
-        return pid;
-    if (ns_fd >= 0 && setns(ns_fd, CLONE_NEWNET) != 0)
-        _exit(126);
-    int devnull = open("/dev/null", O_RDWR);
-    dup2(devnull, 0);
-    if (out_fd >= 0) {
-        dup2(out_fd, 1);
-        dup2(out_fd, 2);
-    }
-    // A quit signal ends the daemon with a core image; keep that out of the lab.
-    struct rlimit no_core {0, 0};
-    setrlimit(RLIMIT_CORE, &no_core);
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    if (!lab_become(uid, gid))
-        _exit(125);
-    execv(path.c_str(), argv.data());
-    ssize_t w = write(2, failed.data(), failed.size());  // what 127 means, in the output
-    (void)w;
-    _exit(127);
-}
-
 // Waits for our child pid; SIGKILL at the deadline. Its wait status, or -1.
 int wait_spawned(pid_t pid, Clock::time_point deadline)
 {
@@ -145,8 +110,7 @@ int wait_spawned(pid_t pid, Clock::time_point deadline)
     return -1;
 }
 
-}  // namespace
-
+// Moves the process into its private namespaces (once): "" or why to skip.
 std::string lab_enter_private_namespaces()
 {
     static bool tried = false;
@@ -169,6 +133,8 @@ std::string lab_enter_private_namespaces()
         return why = errtext("prctl(PR_SET_CHILD_SUBREAPER)");
     return why;
 }
+
+}  // namespace
 
 bool lab_become(int uid, int gid)
 {
@@ -240,12 +206,52 @@ std::string lab_describe_status(int wstatus)
 
 Lab::~Lab()
 {
-    kill_leftovers();
+    if (daemon_ns_ >= 0 && alive(registered_pid()))
+        stop_daemon(registered_pid(), 20.0);
+    // Anything else still in the lab's namespaces, or re-parented to us (the
+    // notifier, a second instance): first asked, then made to end.
+    std::vector<ino_t> lab_ns;
+    for (int fd : {daemon_ns_, station_ns_[0], station_ns_[1]})
+        if (fd >= 0)
+            lab_ns.push_back(inode_of("/proc/self/fd/" + std::to_string(fd)));
+    for (int round = 0; round < 2 && daemon_ns_ >= 0; ++round) {
+        std::vector<pid_t> left;
+        DIR* d = opendir("/proc");
+        for (dirent* e; d != nullptr && (e = readdir(d)) != nullptr;) {
+            pid_t pid = pid_t(atoi(e->d_name)), ppid = 0;
+            char s = pid > 0 && pid != getpid() ? proc_state(pid, &ppid) : '?';
+            ino_t ns = s == '?' || s == 'Z' ? 0 : inode_of("/proc/" + std::string(e->d_name) + "/ns/net");
+            if (ns != 0 && (ppid == getpid() || std::find(lab_ns.begin(), lab_ns.end(), ns) != lab_ns.end()))
+                left.push_back(pid);
+        }
+        if (d != nullptr)
+            closedir(d);
+        for (pid_t pid : left)
+            kill(pid, round == 0 ? SIGTERM : SIGKILL);
+        for (pid_t pid : left)
+            wait_exit(pid, 10.0);
+    }
+    reap();
     // Every process of the lab has ended now, so every report is complete.
-    std::string reports = sanitizer_reports();
+    // Only the sanitizers write into that directory, and nothing is mounted there.
+    std::string reports = sanitizer_exits_;
+    DIR* d = report_dir_.empty() ? nullptr : opendir(report_dir_.c_str());
+    for (dirent* e; d != nullptr && (e = readdir(d)) != nullptr;) {
+        std::string path = report_dir_ + "/" + e->d_name;
+        if (e->d_name[0] == '.')
+            continue;
+        reports += "--- " + path + "\n" + lab_read_file(path).substr(0, 16384) + "\n";
+        unlink(path.c_str());
+    }
+    if (d != nullptr)
+        closedir(d);
     if (!reports.empty())
         ADD_FAILURE() << "sanitizer findings in the lab:\n" << reports;
-    end_sanitizer_reports();
+    if (!report_dir_.empty()) {
+        rmdir(report_dir_.c_str());
+        for (int i = 0; i < 2; ++i)
+            (void)(saved_env_[i] ? setenv(sanitizer_vars[i], saved_env_[i]->c_str(), 1) : unsetenv(sanitizer_vars[i]));
+    }
     for (int fd : sockets_)
         close(fd);
     // The namespaces end with their last descriptor; their veths go with them.
@@ -264,8 +270,21 @@ std::string Lab::setup(int stations)
         return why;
     if (stations < 1 || stations > 2 || mounted_)
         return "a lab is set up once, with one or two stations";
-    if (!(why = setup_sanitizer_reports()).empty())
-        return why;
+    const char* tmp = getenv("TMPDIR");
+    std::string templ = std::string(tmp != nullptr && tmp[0] == '/' ? tmp : "/tmp") + "/halyard-lab-reports.XXXXXX";
+    // A daemon started as another user writes its report here as well.
+    if (mkdtemp(templ.data()) == nullptr || chmod(templ.c_str(), 01777) != 0)
+        return errtext("a sanitizer report directory");
+    report_dir_ = templ;
+    // Later options override earlier ones; unsanitized programs ignore both;
+    // UBSan's log_path reaches ASan's report path in a build with both.
+    for (int i = 0; i < 2; ++i) {
+        const char* old = getenv(sanitizer_vars[i]);
+        saved_env_[i] = old != nullptr ? std::optional<std::string>(old) : std::nullopt;
+        std::string value = saved_env_[i].value_or("") + ":log_path=" + report_dir_ + "/report:exitcode=" +
+                            std::to_string(lab_sanitizer_status);
+        setenv(sanitizer_vars[i], value.c_str(), 1);
+    }
     const char* ip = access("/usr/sbin/ip", X_OK) == 0 ? "/usr/sbin/ip" : "/sbin/ip";
     if (access(ip, X_OK) != 0)
         return "the ip command (iproute2) is not installed";
@@ -291,11 +310,9 @@ std::string Lab::setup(int stations)
     for (const auto& d : dirs)
         if (mkdir(d.path, d.mode) != 0 || chmod(d.path, d.mode) != 0)
             return errtext(d.path);
-    for (int* fd : {&daemon_ns_, &station_ns_[0], &station_ns_[1]}) {
-        if (fd != &station_ns_[1] || stations == 2)
-            if (in_netns(-1, [] { return 0; }, fd) != 0 || *fd < 0)
-                return errtext("a network namespace for the lab");
-    }
+    for (int* fd : {&daemon_ns_, &station_ns_[0], &station_ns_[1]})
+        if ((fd != &station_ns_[1] || stations == 2) && (in_netns(-1, [] { return 0; }, fd) != 0 || *fd < 0))
+            return errtext("a network namespace for the lab");
     stations_ = stations;
 
     // Every namespace gets its loopback; each station one veth pair.
@@ -434,58 +451,6 @@ void Lab::reap()
     }
 }
 
-std::string Lab::setup_sanitizer_reports()
-{
-    const char* tmp = getenv("TMPDIR");
-    std::string templ = std::string(tmp != nullptr && tmp[0] == '/' ? tmp : "/tmp") + "/halyard-lab-reports.XXXXXX";
-    // A daemon started as another user writes its report here as well.
-    if (mkdtemp(templ.data()) == nullptr || chmod(templ.c_str(), 01777) != 0)
-        return errtext("a sanitizer report directory");
-    report_dir_ = templ;
-    // Later options override earlier ones; unsanitized programs ignore both;
-    // UBSan's log_path reaches ASan's report path in a build with both.
-    for (int i = 0; i < 2; ++i) {
-        const char* old = getenv(sanitizer_vars[i]);
-        had_env_[i] = old != nullptr;
-        saved_env_[i] = old != nullptr ? old : "";
-        std::string value = saved_env_[i] + ":log_path=" + report_dir_ + "/report:exitcode=" +
-                            std::to_string(lab_sanitizer_status);
-        setenv(sanitizer_vars[i], value.c_str(), 1);
-    }
-    return "";
-}
-
-std::string Lab::sanitizer_reports()
-{
-    reap();
-    std::string text = sanitizer_exits_;
-    DIR* d = report_dir_.empty() ? nullptr : opendir(report_dir_.c_str());
-    for (dirent* e; d != nullptr && (e = readdir(d)) != nullptr;)
-        if (e->d_name[0] != '.')
-            text += "--- " + report_dir_ + "/" + e->d_name + "\n" +
-                    lab_read_file(report_dir_ + "/" + e->d_name).substr(0, 16384) + "\n";
-    if (d != nullptr)
-        closedir(d);
-    return text;
-}
-
-void Lab::end_sanitizer_reports()
-{
-    if (report_dir_.empty())
-        return;
-    // Only the files the sanitizers wrote; nothing can be mounted here.
-    if (DIR* d = opendir(report_dir_.c_str())) {
-        while (dirent* e = readdir(d))
-            if (e->d_name[0] != '.')
-                unlink((report_dir_ + "/" + e->d_name).c_str());
-        closedir(d);
-    }
-    rmdir(report_dir_.c_str());
-    report_dir_.clear();
-    for (int i = 0; i < 2; ++i)
-        (void)(had_env_[i] ? setenv(sanitizer_vars[i], saved_env_[i].c_str(), 1) : unsetenv(sanitizer_vars[i]));
-}
-
 bool Lab::wait_exit(pid_t pid, double seconds, int* wstatus, pid_t* which)
 {
     std::pair<pid_t, int> found{-1, -1};
@@ -545,14 +510,11 @@ std::string Lab::ens_table()
 bool Lab::udp_port_bound(pid_t pid, uint16_t port)
 {
     // After the heading, one line per socket, the local address as "0100580A:0089".
-    std::string table = lab_read_file("/proc/" + std::to_string(pid) + "/net/udp");
-    for (size_t pos = table.find('\n'); pos != std::string::npos; pos = table.find('\n', pos + 1)) {
-        size_t colon = table.find(':', pos);
-        colon = colon == std::string::npos ? colon : table.find(':', colon + 1);
-        if (colon != std::string::npos && colon < table.find('\n', pos + 1) &&
-            strtoul(table.c_str() + colon + 1, nullptr, 16) == port)
+    std::istringstream table(lab_read_file("/proc/" + std::to_string(pid) + "/net/udp"));
+    unsigned addr = 0, local = 0;
+    for (std::string line; std::getline(table, line);)
+        if (sscanf(line.c_str(), " %*u: %x:%x", &addr, &local) == 2 && local == port)
             return true;
-    }
     return false;
 }
 
@@ -681,74 +643,63 @@ int Lab::run(LabSide side, const std::vector<std::string>& argv, std::string* ou
 
 pid_t Lab::start(LabSide side, const std::vector<std::string>& argv) { return spawn_as(side, argv, -1, -1, -1); }
 
-pid_t Lab::spawn_as(LabSide side, const std::vector<std::string>& argv, int out_fd, int uid, int gid)
+pid_t Lab::spawn_as(LabSide side, const std::vector<std::string>& args, int out_fd, int uid, int gid)
 {
-    if (ns_fd(side) < 0 || argv.empty())
+    if (ns_fd(side) < 0 || args.empty())
         return error_ = "no such lab namespace (before setup?), or no command", -1;
-    std::string path = uid >= 0 || gid >= 0 ? reachable(argv[0]) : argv[0];
-    if (path.empty()) {
-        ADD_FAILURE() << error_;  // a test that cannot run it as that user fails, saying why
+    // Another user gets a copy of a program of the build: the checkout may sit
+    // below a folder closed to them (root's home). A test that cannot run it
+    // as that user fails, saying why.
+    auto fail = [&](const std::string& why) {
+        ADD_FAILURE() << (error_ = why);
         return -1;
+    };
+    std::string path = args[0], build = std::string(halyard_build_dir()) + "/";
+    if ((uid >= 0 || gid >= 0) && path.starts_with(build)) {
+        const char* dir = "/opt/lab-programs";
+        if (!programs_mounted_ && (mkdir(dir, 0755) != 0 ||
+                                   mount("halyard-lab", dir, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755,size=512m") != 0))
+            return fail(errtext(std::string("a tmpfs at ") + dir + " for programs run as another user"));
+        programs_mounted_ = true;
+        path = dir + path.substr(path.rfind('/'));
+        std::error_code ec;
+        if (access(path.c_str(), X_OK) != 0 &&
+            (!std::filesystem::copy_file(args[0], path, ec) || chmod(path.c_str(), 0755) != 0))
+            return fail("cannot copy " + args[0] + " to " + path + " for another user: " +
+                        (ec ? ec.message() : strerror(errno)));
     }
-    pid_t pid = spawn(ns_fd(side), path, argv, out_fd, uid, gid);
+    std::vector<char*> argv;
+    for (const std::string& a : args)
+        argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    std::string failed = "lab: cannot execute " + path + (uid >= 0 ? " as uid " + std::to_string(uid) : "") + "\n";
+    int ns = ns_fd(side);
+    pid_t pid = fork();
     if (pid < 0)
         error_ = errtext("fork");
-    return pid;
-}
-
-std::string Lab::reachable(const std::string& program)
-{
-    std::string build = std::string(halyard_build_dir()) + "/";
-    if (program.compare(0, build.size(), build) != 0)
-        return program;  // the system's programs are every user's already
-    const char* dir = "/opt/lab-programs";
-    if (!programs_mounted_) {
-        if (mkdir(dir, 0755) != 0 ||
-            mount("halyard-lab", dir, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755,size=512m") != 0)
-            return error_ = errtext(std::string("a tmpfs at ") + dir + " for programs run as another user"), "";
-        programs_mounted_ = true;
+    if (pid != 0)
+        return pid;
+    // Only async-signal-safe calls from here to exec.
+    if (setns(ns, CLONE_NEWNET) != 0)
+        _exit(126);
+    int devnull = open("/dev/null", O_RDWR);
+    dup2(devnull, 0);
+    if (out_fd >= 0) {
+        dup2(out_fd, 1);
+        dup2(out_fd, 2);
     }
-    std::string copy = std::string(dir) + program.substr(program.rfind('/'));
-    std::error_code ec;
-    if (access(copy.c_str(), X_OK) != 0 &&
-        (!std::filesystem::copy_file(program, copy, ec) || chmod(copy.c_str(), 0755) != 0)) {
-        error_ = "cannot copy " + program + " to " + copy + " for another user: " +
-                 (ec ? ec.message() : strerror(errno));
-        return "";
-    }
-    return copy;
-}
-
-void Lab::kill_leftovers()
-{
-    if (daemon_ns_ < 0)
-        return;
-    if (alive(registered_pid()))
-        stop_daemon(registered_pid(), 20.0);
-    // Anything else still in the lab's namespaces, or re-parented to us (the
-    // notifier, a second instance): first asked, then made to end.
-    std::vector<ino_t> lab_ns;
-    for (int fd : {daemon_ns_, station_ns_[0], station_ns_[1]})
-        if (fd >= 0)
-            lab_ns.push_back(inode_of("/proc/self/fd/" + std::to_string(fd)));
-    for (int round = 0; round < 2; ++round) {
-        std::vector<pid_t> left;
-        DIR* d = opendir("/proc");
-        for (dirent* e; d != nullptr && (e = readdir(d)) != nullptr;) {
-            pid_t pid = pid_t(atoi(e->d_name)), ppid = 0;
-            char s = pid > 0 && pid != getpid() ? proc_state(pid, &ppid) : '?';
-            ino_t ns = s == '?' || s == 'Z' ? 0 : inode_of("/proc/" + std::string(e->d_name) + "/ns/net");
-            if (ns != 0 && (ppid == getpid() || std::find(lab_ns.begin(), lab_ns.end(), ns) != lab_ns.end()))
-                left.push_back(pid);
-        }
-        if (d != nullptr)
-            closedir(d);
-        for (pid_t pid : left)
-            kill(pid, round == 0 ? SIGTERM : SIGKILL);
-        for (pid_t pid : left)
-            wait_exit(pid, 10.0);
-    }
-    reap();
+    // A quit signal ends the daemon with a core image; keep that out of the lab.
+    struct rlimit no_core {0, 0};
+    setrlimit(RLIMIT_CORE, &no_core);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (!lab_become(uid, gid))
+        _exit(125);
+    execv(path.c_str(), argv.data());
+    ssize_t w = write(2, failed.data(), failed.size());  // what 127 means, in the output
+    (void)w;
+    _exit(127);
 }
 
 int Lab::halyardctl(const std::vector<std::string>& args, std::string* out, int uid, int gid)

@@ -18,8 +18,7 @@
 inline constexpr const char* lab_config_path = "/etc/opt/KORRbase/config.vz";
 inline constexpr const char* lab_log_path = "/var/opt/KORRbase/log.nb";
 inline constexpr const char* lab_home = "/opt/KORRlibs";
-inline constexpr const char* lab_plist_path =
-    "/var/opt/KORRbase/rtdb/realm=NB/program=Halyard/=plist";
+inline constexpr const char* lab_plist_path = "/var/opt/KORRbase/rtdb/realm=NB/program=Halyard/=plist";
 
 enum LabSide { lab_daemon = 0, lab_station1 = 1, lab_station2 = 2 };
 
@@ -36,9 +35,6 @@ struct LabLogGroup {
     std::string stamp;
     std::vector<std::string> messages;
 };
-
-// Moves the process into its private namespaces (once): "" or why to skip.
-std::string lab_enter_private_namespaces();
 
 // A log's groups; messages before the first stamp go into one without a stamp.
 std::vector<LabLogGroup> lab_parse_log(const std::string& text);
@@ -137,15 +133,8 @@ public:
 
 private:
     int ns_fd(LabSide side) const;
-    std::string sanitizer_reports();
-    pid_t spawn_as(LabSide side, const std::vector<std::string>& argv, int out_fd, int uid, int gid);
-    // A program of the build is copied where every user can run it: the
-    // checkout may sit below a folder closed to them (root's home).
-    std::string reachable(const std::string& program);
+    pid_t spawn_as(LabSide side, const std::vector<std::string>& args, int out_fd, int uid, int gid);
     void reap();
-    void kill_leftovers();
-    std::string setup_sanitizer_reports();
-    void end_sanitizer_reports();
 
     bool mounted_ = false;
     bool programs_mounted_ = false;
@@ -157,8 +146,7 @@ private:
     std::vector<std::pair<pid_t, int>> exits_;   // reaped, not yet reported
     std::string report_dir_;
     std::string sanitizer_exits_;
-    std::string saved_env_[2];                   // ASAN_OPTIONS, UBSAN_OPTIONS before
-    bool had_env_[2] = {false, false};
+    std::optional<std::string> saved_env_[2];    // ASAN_OPTIONS, UBSAN_OPTIONS before
     std::string error_;
 };
 

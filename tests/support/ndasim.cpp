@@ -59,10 +59,8 @@ Bytes nb_name(const std::string& text, uint8_t type)
 
 Bytes permanent_name(const std::string& dotted)
 {
-    Bytes n(10, 0), ip = ip_item(dotted);
-    n.insert(n.end(), ip.begin() + 1, ip.end());  // the address, then the pad: one zero
-    n.push_back(0);
-    return n;
+    Bytes ip = ip_item(dotted);  // its length byte, the address, a zero
+    return cat({Bytes(10, 0), Bytes(ip.begin() + 1, ip.end()), Bytes{0}});
 }
 
 int32_t Reader::get_int()

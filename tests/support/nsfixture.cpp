@@ -22,10 +22,8 @@ bool enter_private_dirs(std::string* why)
         *why = what + ": " + strerror(errno);
         return false;
     };
-    if (geteuid() != 0) {
-        *why = "needs root for a private mount namespace";
-        return false;
-    }
+    if (geteuid() != 0)
+        return *why = "needs root for a private mount namespace", false;
     // Nothing mounted from here on may reach the machine's namespace.
     if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
         return fail("a private mount namespace");
