@@ -61,9 +61,7 @@ protected:
     std::vector<Bytes> exchange(int station, const char* to, const Bytes& bytes)
     {
         std::vector<Bytes> got;
-        int fd = station == 0   ? lab.udp_socket(lab_daemon, 0, "10.88.0.1")
-                 : station == 2 ? lab.udp_socket(lab_station2, 0)
-                                : lab.udp_socket(lab_station1, 0);
+        int fd = lab.udp_socket(LabSide(station), 0, station == 0 ? "10.88.0.1" : "");
         const char* daemon = Lab::daemon_addr(station);
         if (fd < 0 || !lab.send_to(fd, to ? to : daemon, 137, bytes) ||
             !lab.send_to(fd, daemon, 137, ns_status_request(0xEEEE, nobody)))
