@@ -28,28 +28,17 @@ using Clock = std::chrono::steady_clock;
 
 double since(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
 
-Bytes cat(Bytes a, const Bytes& b) { return a.insert(a.end(), b.begin(), b.end()), a; }
-
-Bytes nb(const std::string& text, uint8_t type = 0x20) { return ns_name(text.c_str(), type); }
-Bytes query(uint16_t id, const Bytes& name) { return ns_packet(id, 1, 0x10, {1, 0, 0, 0}, name, {0}, {0, 0x20, 0, 1}); }
-Bytes status_request(uint16_t id, const Bytes& n) { return ns_packet(id, 0, 0, {1, 0, 0, 0}, n, {0}, {0, 0x21, 0, 1}); }
-const Bytes nb_rr = cat({0, 0x20, 0, 1, 0, 0, 0, 0, 0, 6, 0, 0}, ip_bytes("10.88.0.2"));  // NB record, station 1
-Bytes request(uint16_t id, uint8_t b2, const Bytes& name)  // registration (0x29) or release (0x30)
-{
-    return ns_packet(id, b2, 0x10, {1, 0, 0, 1}, name, {0}, cat({0, 0x20, 0, 1, 0xC0, 0x0C}, nb_rr));
-}
-Bytes response(uint16_t id, uint8_t b2, uint8_t b3, const Bytes& n)
-{
-    return ns_packet(id, b2, b3, {0, 1, 0, 0}, n, {0}, nb_rr);
-}
+const Bytes ours = ns_name("FLOOD"), other = ns_name("OTHER"), star = ns_name("*", 0);
+const Bytes nb_rr = nb_record(0, ip_bytes("10.88.0.2"));  // station 1
 
 // Valid datagrams of every kind the two ports take, to cut and mutate.
 std::vector<Bytes> ns_seeds()
 {
-    return {query(1, nb("FLOOD")), query(2, nb("ELSEWHERE")), status_request(3, nb("*", 0)),
-            request(4, 0x29, nb("FLOOD")), request(5, 0x29, nb("OTHER")), request(6, 0x30, nb("OTHER")),
-            response(7, 0x85, 0x00, nb("OTHER")), response(8, 0xAD, 0x86, nb("OTHER")),
-            ns_status_answer(9, nb("*", 0), {{nb("HOSTA"), 0x0400}, {nb("WORKGRP", 0), 0x8400}})};
+    return {ns_query(1, ours), ns_query(2, ns_name("ELSEWHERE")), ns_status_request(3, star),
+            ns_registration(4, 0x29, 0x10, ours, nb_rr), ns_registration(5, 0x29, 0x10, other, nb_rr),
+            ns_registration(6, 0x30, 0x10, other, nb_rr), ns_response(7, 0x85, 0x00, other, nb_rr),
+            ns_response(8, 0xAD, 0x86, other, nb_rr),
+            ns_status_answer(9, star, {{ns_name("HOSTA"), 0x0400}, {ns_name("WORKGRP", 0), 0x8400}})};
 }
 
 std::vector<Bytes> ens_seeds()
@@ -104,9 +93,6 @@ int64_t rss_kib(pid_t pid)
     return at == std::string::npos ? -1 : strtoll(s.c_str() + at + 7, nullptr, 10);
 }
 
-// 10.90.0.0/15: room for 131,072 senders, routed through station 1.
-uint32_t sender(uint32_t i) { return htonl(0x0a5a0000u + i); }
-
 class Robust : public ::testing::Test {
 protected:
     void SetUp() override { LAB_SETUP_OR_SKIP(lab, 1); }
@@ -125,7 +111,7 @@ protected:
         ASSERT_EQ(lab.halyardctl({"add", "FLOOD<20>"}), 0);
         auto add = agents[0].next(20.0, ndasim::add);
         ASSERT_TRUE(add && agents[0].reply_add_accepted(*add));
-        ASSERT_TRUE(answered(0x100, nb("FLOOD"))) << lab.log();
+        ASSERT_TRUE(answered(0x100, ours)) << lab.log();
         claimed = Clock::now();  // answered: no claim is sent any more
         raw = lab.raw_socket(lab_station1);
         fd = lab.udp_socket(lab_station1, 0);
@@ -137,10 +123,10 @@ protected:
     {
         int q = lab.udp_socket(lab_station1, 0);
         for (int i = 0; q >= 0 && i < 60; ++i) {
-            if (!lab.send_to(q, "10.88.0.1", 137, query(id, name)))
+            if (!lab.send_to(q, "10.88.0.1", 137, ns_query(id, name)))
                 return false;
             for (auto d = lab.recv(q, 0.5); d; d = lab.recv(q, 0.1))
-                if (d->bytes.size() >= 4 && d->bytes[0] == uint8_t(id >> 8) && d->bytes[1] == uint8_t(id))
+                if (d->bytes.size() >= 4 && ns_id(d->bytes) == id)
                     return Bytes(d->bytes.end() - 4, d->bytes.end()) == ip_bytes("10.88.0.1");
         }
         return false;
@@ -150,9 +136,9 @@ protected:
     // read; the datagrams that came before that answer in *before.
     bool sent_and_read(const Bytes& b, uint16_t id, std::vector<Bytes>* before = nullptr)
     {
-        Bytes want = ns_packet(id, 0x84, 0x03, {0, 1, 0, 0}, nb("nobody"), {0}, {0, 0x0A, 0, 1, 0, 0, 0, 0, 0, 0});
+        Bytes want = ns_no_such_name(id, ns_name("nobody"));
         if (!lab.send_to(fd, "10.88.0.1", 137, b) ||
-            !lab.send_to(fd, "10.88.0.1", 137, status_request(id, nb("nobody"))))
+            !lab.send_to(fd, "10.88.0.1", 137, ns_status_request(id, ns_name("nobody"))))
             return false;
         for (auto d = lab.recv(fd, 20.0); d; d = lab.recv(fd, 20.0)) {
             if (d->bytes == want)
@@ -175,7 +161,7 @@ protected:
             if ((i & 255) == 0 && ahead > 0.001)
                 usleep(useconds_t(ahead * 1e6));
             bool to_ens = i % 32 != 31 && rng.below(3) == 0;
-            Bytes b = i % 32 == 31 ? query(uint16_t(i), nb("FLOOD")) : hostile(rng, to_ens ? ens : ns);
+            Bytes b = i % 32 == 31 ? ns_query(uint16_t(i), ours) : hostile(rng, to_ens ? ens : ns);
             sockaddr_in to{AF_INET, htons(to_ens ? 228 : 137), {htonl(0x0A580001)}, {}};
             // A full buffer loses one, uncounted; answers are thrown away.
             sent += sendto(fd, b.data(), b.size(), MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&to), sizeof to) > 0;
@@ -191,13 +177,19 @@ protected:
         SCOPED_TRACE(after);
         EXPECT_EQ(kill(pid, 0), 0);
         EXPECT_EQ(lab.registered_pid(), pid);
-        EXPECT_TRUE(answered(0x7777, nb("FLOOD")));
+        EXPECT_TRUE(answered(0x7777, ours));
         std::string out;
         EXPECT_EQ(lab.halyardctl({"lookup", "FLOOD<20>"}, &out), 0) << out;
         EXPECT_NE(out.find("10.88.0.1"), std::string::npos) << out;
 #ifndef __SANITIZE_ADDRESS__
         EXPECT_LE(rss_kib(pid), 16 * 1024);
 #endif
+    }
+
+    // From sender `i` of 10.90.0.0/15 (room for 131,072, routed through station 1) to our name port.
+    bool send_from(uint32_t i, const Bytes& b)
+    {
+        return lab.send_raw_udp(raw, htonl(0x0a5a0000u + i), 137, inet_addr("10.88.0.1"), 137, b);
     }
 
     size_t ens_names()
@@ -220,7 +212,7 @@ TEST_F(Robust, HostileDatagramsAtBothPortsLeaveTheDaemonServing)
     // takes nothing away, and the flood's mutated responses cannot either.
     while (since(claimed) < 11.0)
         usleep(100 * 1000);
-    ASSERT_TRUE(sent_and_read(response(2, 0xAD, 0x86, nb("FLOOD")), 0xF000));
+    ASSERT_TRUE(sent_and_read(ns_response(2, 0xAD, 0x86, ours, nb_rr), 0xF000));
     std::string out;
     EXPECT_EQ(lab.halyardctl({"check", "FLOOD<20>"}, &out), 0) << out;
 
@@ -254,16 +246,15 @@ TEST_F(Robust, HostileDatagramsAtBothPortsLeaveTheDaemonServing)
 TEST_F(Robust, StationsWithoutNumberTeachTheDaemonOnlyWhatItAsked)
 {
     start("proc=1");
-    const uint32_t daemon = inet_addr("10.88.0.1");
     // Answers naming our own address teach nothing, nor change a host learned
     // before: we would take our own queries, and an agent's refusal of a
     // local name, for another host's.
     const Bytes own = ndasim::permanent_name("10.88.0.1"), seven = ndasim::permanent_name("10.90.0.7");
     ASSERT_EQ(lab.halyardctl({"status", "10.88.0.1", "FLOOD<20>"}), 0);  // our own answer
-    for (const auto& names : {std::vector<std::pair<Bytes, uint16_t>>{{nb("KNOWN"), 0x0400}, {seven, 0x0600}},
-                              {{nb("FORGED"), 0x0400}, {own, 0x0600}, {seven, 0x0600}}})
-        ASSERT_TRUE(lab.send_raw_udp(raw, sender(7), 137, daemon, 137, ns_status_answer(1, nb("*", 0), names)));
-    ASSERT_TRUE(sent_and_read(ns_status_answer(2, nb("*", 0), {{nb("FORGED2"), 0x0400}, {own, 0x0600}}), 0x4242));
+    for (const auto& names : {std::vector<std::pair<Bytes, uint16_t>>{{ns_name("KNOWN"), 0x0400}, {seven, 0x0600}},
+                              {{ns_name("FORGED"), 0x0400}, {own, 0x0600}, {seven, 0x0600}}})
+        ASSERT_TRUE(send_from(7, ns_status_answer(1, star, names)));
+    ASSERT_TRUE(sent_and_read(ns_status_answer(2, star, {{ns_name("FORGED2"), 0x0400}, {own, 0x0600}}), 0x4242));
     std::string dump = lab.ens_table();
     EXPECT_TRUE(dump.find("\nknown 10.90.0.7\n") != std::string::npos && dump.find("10.88.0.1") == std::string::npos &&
                 dump.find("forged") == std::string::npos) << dump;
@@ -273,25 +264,25 @@ TEST_F(Robust, StationsWithoutNumberTeachTheDaemonOnlyWhatItAsked)
     auto begin = Clock::now();
     std::vector<std::pair<Bytes, uint16_t>> fifty;
     for (int i = 0; i < 50; i++)
-        fifty.push_back({nb("HOST" + std::to_string(i)), 0x0400});
-    Bytes fifty_answer = ns_status_answer(1, nb("*", 0), fifty);
+        fifty.push_back({ns_name("HOST" + std::to_string(i)), 0x0400});
+    Bytes fifty_answer = ns_status_answer(1, star, fifty);
     uint32_t sent = 0;
     for (uint32_t i = 0; i < 50000 && since(begin) < 60.0; i++, i % 100 ? 0 : usleep(5000))
-        sent += lab.send_raw_udp(raw, sender(i), 137, daemon, 137, fifty_answer);
+        sent += send_from(i, fifty_answer);
     EXPECT_GT(sent, 1000u);
     EXPECT_LE(ens_names(), names + size_t(50 * (16 + 4 * (since(begin) + 1))));
     still_serving("unasked status answers");
     // With one interface a learned name is not answered for its host.
     ASSERT_NE(lab.ens_table().find("\nhost0 10.90."), std::string::npos);
     std::vector<Bytes> before;
-    ASSERT_TRUE(sent_and_read(query(0x4343, nb("HOST0")), 0x4344, &before));
+    ASSERT_TRUE(sent_and_read(ns_query(0x4343, ns_name("HOST0")), 0x4344, &before));
     EXPECT_TRUE(before.empty());
 
     // Queries from 100,000 senders, a name each (none merged), ~20,000 a second.
     sent = 0;
     begin = Clock::now();
     for (uint32_t i = 0; i < 100000 && since(begin) < 60.0; i++, i % 100 ? 0 : usleep(5000))
-        sent += lab.send_raw_udp(raw, sender(i), 137, daemon, 137, query(uint16_t(i), nb("Q" + std::to_string(i))));
+        sent += send_from(i, ns_query(uint16_t(i), ns_name('Q' + std::to_string(i))));
     EXPECT_GT(sent, 1000u);
     still_serving("queries from 100,000 senders");
 }

@@ -202,12 +202,7 @@ TEST_F(Samba, TheDaemonRegistersAndLooksUpAtWinsServers)
         ASSERT_EQ(lab.run(lab_station1, {"/sbin/ip", "addr", "add", a, "dev", "hs0"}), 0) << a;
     int far = lab.udp_socket(lab_station1, 137, "10.88.0.3"), first = lab.udp_socket(lab_station1, 137, "10.88.0.9");
     ASSERT_TRUE(far >= 0 && first >= 0) << lab.last_error();
-    // An NB record: TTL, then flags and address (RFC 1002 4.2.1.3).
-    auto nb_rr = [](uint8_t ttl, const char* addr) {
-        Bytes r{0, 0x20, 0, 1, 0, 0, 0, ttl, 0, 6, 0, 0}, a = ip_bytes(addr);
-        r.insert(r.end(), a.begin(), a.end());
-        return r;
-    };
+    const Bytes myhost = ns_name("MYHOST"), farhost = ns_name("FARHOST"), far_ip = ip_bytes("10.88.0.3");
     ASSERT_TRUE(lab.write_config(lab.default_config() + "NB-wins-server 10.88.0.9 10.88.0.2\n"));
     ASSERT_GT(lab.start_daemon(), 0) << lab.last_error();
     ASSERT_EQ(lab.halyardctl({"add", "MYHOST<20>"}), 0);
@@ -219,17 +214,16 @@ TEST_F(Samba, TheDaemonRegistersAndLooksUpAtWinsServers)
     EXPECT_EQ(std::vector<uint8_t>(req.begin() + 2, req.begin() + 4), (Bytes{0x29, 0}));
     EXPECT_EQ(std::vector<uint8_t>(req.end() - 4, req.end()), ip_bytes("10.88.0.1"));
     EXPECT_EQ(got->from + ":" + std::to_string(got->port), "10.88.0.1:137");
-    const uint16_t id = uint16_t(req[0] << 8 | req[1]);
-    ASSERT_TRUE(lab.send_to(first, "10.88.0.1", 137,
-                            ns_packet(id, 0xBC, 0, {0, 1, 0, 0}, ns_name("MYHOST"), {0}, {0, 0x20, 0, 1, 0, 0, 0, 20, 0, 2, 0x29, 0})));
+    const uint16_t id = ns_id(req);  // a WACK of 20 seconds
+    Bytes wack{0, 0x20, 0, 1, 0, 0, 0, 20, 0, 2, 0x29, 0};
+    ASSERT_TRUE(lab.send_to(first, "10.88.0.1", 137, ns_response(id, 0xBC, 0, myhost, wack)));
     // While the daemon waits out the WACK, and past the 10 seconds in which
     // any station's registration response counts against a claim: refusals
     // under that id from a station that is not the server, and from the
     // server under another id.
     std::this_thread::sleep_until(added + std::chrono::seconds(13));
     for (auto [fd, forged] : {std::pair{far, id}, {first, uint16_t(id ^ 1)}})
-        ASSERT_TRUE(lab.send_to(fd, "10.88.0.1", 137, ns_packet(forged, 0xAD, 0x86, {0, 1, 0, 0}, ns_name("MYHOST"),
-                                                                {0}, nb_rr(0, "10.88.0.3"))));
+        ASSERT_TRUE(lab.send_to(fd, "10.88.0.1", 137, ns_response(forged, 0xAD, 0x86, myhost, nb_record(0, far_ip))));
     // After the WACK's 20 seconds, the second server.
     std::string out;
     ASSERT_TRUE(lab_wait_for(60, [&] {
@@ -239,11 +233,9 @@ TEST_F(Samba, TheDaemonRegistersAndLooksUpAtWinsServers)
     EXPECT_EQ(lab.halyardctl({"check", "MYHOST<20>"}), 0) << lab.log();
 
     // A name only the servers know: the first is asked, then nmbd.
-    Bytes reg = nb_rr(60, "10.88.0.3");
-    reg.insert(reg.begin(), {0, 0x20, 0, 1, 0xC0, 0x0C});
     got.reset();
     for (int i = 0; i < 60 && !(got && got->bytes.size() > 3 && got->bytes[3] == 0x80); ++i) {
-        ASSERT_TRUE(lab.send_to(far, "10.88.0.2", 137, ns_packet(7, 0x29, 0, {1, 0, 0, 1}, ns_name("FARHOST"), {0}, reg)));
+        ASSERT_TRUE(lab.send_to(far, "10.88.0.2", 137, ns_registration(7, 0x29, 0, farhost, nb_record(0, far_ip, 60))));
         got = lab.recv(far, 1.0);
     }
     ASSERT_TRUE(got && got->bytes[3] == 0x80) << "nmbd did not register FARHOST\n" << lab_read_file(dir + "/nmbd.out");
@@ -260,8 +252,8 @@ TEST_F(Samba, TheDaemonRegistersAndLooksUpAtWinsServers)
     for (int i = 0; i < 30 && !(got && got->bytes.size() == 50 && (got->bytes[2] & 0xF8) == 0); ++i)
         got = lab.recv(far, 1.0);
     ASSERT_TRUE(got && got->bytes.size() == 50) << lab_read_file(dir + "/nmbd.out");
-    ASSERT_TRUE(lab.send_to(far, got->from, got->port, ns_packet(uint16_t(got->bytes[0] << 8 | got->bytes[1]), 0x85, 0,
-                                                                 {0, 1, 0, 0}, ns_name("FARHOST"), {0}, nb_rr(60, "10.88.0.3"))));
+    Bytes held = ns_response(ns_id(got->bytes), 0x85, 0, farhost, nb_record(0, far_ip, 60));
+    ASSERT_TRUE(lab.send_to(far, got->from, got->port, held));
     EXPECT_TRUE(lab.wait_log("Halyard: name already exists on network: farhost\r\n"
                              "\t        at address I(10.88.0.2.137)", 30.0)) << lab.log();
     EXPECT_EQ(lab.halyardctl({"check", "FARHOST<20>"}), 1);
