@@ -1,5 +1,6 @@
 #include "tests/unit/unitkit.h"
 
+#include "src/cust.h"
 #include "src/ens.h"
 
 // Every 300 seconds a host heard of more than 20 minutes ago is asked for
@@ -44,5 +45,22 @@ TEST(EnsProbe, AStaleHostIsProbedWithANewNameEachTickAndPurgedAtTheFourth)
     }
     EXPECT_EQ(ens_a_lookup(inet_addr("127.0.0.5")), nullptr);
     EXPECT_EQ(ens_n_lookup(ns_name("ONE").data()), nullptr);
+    EXPECT_TRUE(sent_dgs.empty()) << "nothing else sent";
+}
+
+// Without agents, a host of two addresses tells them once, in one EQUIV to
+// the first interface's broadcast at the agents' port.
+TEST(EnsProbe, TwoAddressesAreBroadcastOnceWhenNoAgentIsNamed)
+{
+    dg_set_sender(record_dg);
+    static if_entry ifs[2] = {{inet_addr("10.88.0.1"), inet_addr("10.88.0.255"), 0}, {inet_addr("10.89.0.1"), 0, 0}};
+    my_addr = ifs, my_addr_ct = 2, nda_ct = 0, ens_client = 1, ensport = 0, ndport = 1002;
+    ens_bcast();
+    ens_bcast();
+    std::vector<Bytes> sent = sent_to(DgWay::ens, "10.88.0.255", 1002);
+    ASSERT_EQ(sent.size(), 1u);
+    ndasim::Message m = ndasim::decode(sent[0]);
+    EXPECT_EQ(m.action, ndasim::equiv);
+    EXPECT_EQ(m.addrs, (std::vector<std::string>{"10.88.0.1", "10.89.0.1"}));
     EXPECT_TRUE(sent_dgs.empty()) << "nothing else sent";
 }
