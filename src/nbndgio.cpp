@@ -96,7 +96,11 @@ int hand_out(UniAddr* from, uint8_t** data)
 int receive_batch(int fd)
 {
     unsigned want = tcfile != nullptr && tc_in >= 1 ? 1 : DG_BATCH;
-    for (unsigned i = 0; i < want; i++)
+    // Every slot is pointed at its buffer once; after that only the slots the
+    // last receive filled (whose address lengths it rewrote) are pointed
+    // again, so that a wake-up for one datagram costs one slot's work.
+    unsigned used = in_batch.msgs[0].msg_hdr.msg_iov == nullptr ? DG_BATCH : in_batch.count;
+    for (unsigned i = 0; i < used; i++)
         point(in_batch, i, DG_BUFSIZE);
     int n = recvmmsg(fd, in_batch.msgs.data(), want, MSG_WAITFORONE, nullptr);
     in_batch.count = n > 0 ? unsigned(n) : 0;
